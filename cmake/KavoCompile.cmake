@@ -1,0 +1,9 @@
+# Warnings and sanitizers applied to every target of the project.
+add_compile_options(-Wall -Wextra)
+if(KAVO_WERROR)
+  add_compile_options(-Werror)
+endif()
+if(KAVO_SANITIZE)
+  add_compile_options(-fsanitize=${KAVO_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${KAVO_SANITIZE})
+endif()
