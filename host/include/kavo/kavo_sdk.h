@@ -1,5 +1,5 @@
 /* Library-wide services besides the commands: the assertion handler and the
-   option registry. */
+   options. */
 #ifndef KAVO_SDK_H
 #define KAVO_SDK_H
 
@@ -16,6 +16,46 @@ extern "C" {
    handler returns, the thread halts as before. Null restores the default. */
 typedef void (*kavo_assert_handler_t)(UINT32 code, const char* file, int line);
 KAVO_API void kavo_assert_handler_set(kavo_assert_handler_t handler);
+
+/* Options. The library's behaviour for bring-up and debugging (verbosity,
+   time-outs, tracing, statistics) is switched by named options: "verbosity",
+   "function_stats", "notimeout", "warm_restart", "trace_status_get",
+   "trace_reg_read", "log_dir". Each is also read from the environment
+   variable "VELT_<name>" when the library is loaded. Options are process-wide
+   and read without locks: set them before the library is used. */
+
+/* Stores one option's value from its text, as "name=value" would. Names are
+   case-sensitive. VELT_ERR_INVALID_ARGS for an unknown name or a value that
+   does not parse (the option keeps its value); never ends the process and
+   prints no usage text. A null value counts as the empty text, which sets a
+   boolean option. */
+KAVO_API VELT_ERROR kavo_option_set(const char* name, const char* value);
+
+/* Writes the option's current value as text into buffer (NUL-terminated,
+   truncated to length). VELT_ERR_INVALID_ARGS for an unknown name or a null
+   buffer or zero length. */
+KAVO_API VELT_ERROR kavo_option_get(const char* name, char* buffer, UINT32 length);
+
+/* 1 when an option of exactly this name is registered, else 0. */
+KAVO_API BOOL8 kavo_option_is_known(const char* name);
+
+/* Parses argv[1..argc-1] as options ("name=value", "-name=value",
+   "--name=value"; a name alone sets a boolean). Any argument that is not a
+   known option or whose value does not parse prints the error and the usage
+   text and ends the process with exit status -1. Also shows the command line
+   as the terminal's window title. */
+KAVO_API void kavo_options_parse_args(int argc, const char** argv);
+
+/* As kavo_options_parse_args for the blank-separated words of text (double
+   quotes group words); no window title. */
+KAVO_API void kavo_options_parse_string(const char* text);
+
+/* Prints one line per option (name and help text) to standard output; the
+   process goes on. */
+KAVO_API void kavo_options_usage_print(void);
+
+/* Every option back to its default. */
+KAVO_API void kavo_options_reset(void);
 
 #ifdef __cplusplus
 }

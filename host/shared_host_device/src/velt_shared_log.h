@@ -3,11 +3,13 @@
 #ifndef VELT_SHARED_LOG_H
 #define VELT_SHARED_LOG_H
 
+#include <map>
 #include <string>
 
 #include "kavo/kavo_api.h"
 #include "velt_customer_os.h"
 #include "velt_log.h"
+#include "velt_sys.h"
 
 /* Device id of log lines that belong to no device. */
 constexpr int VELT_LOG_NO_DEVID = -1;
@@ -54,20 +56,60 @@ inline const char* velt_err_name(VELT_ERROR code) { return kavo_err_t_print(stat
 
 /* Register formatters of the firmware log decoder. Each returns its own static
    buffer, valid until the formatter's next call; they are not thread-safe. */
-const char* display_register(UINT32 reg);
-const char* display_block_name(UINT32 block);
-const char* display_register_read(UINT32 addr, UINT32 mask, UINT32 value);
-const char* display_register_write(UINT32 addr, UINT32 mask, UINT32 value);
+const char* display_register(UINT32 reg);                                   // "reg=0x%08x"
+const char* display_block_name(UINT32 block);                               // "block=0x%08x"
+const char* display_register_read(UINT32 addr, UINT32 mask, UINT32 value);  // "read addr=..., mask=..., value=..."
+const char* display_register_write(UINT32 addr, UINT32 mask, UINT32 value); // "write addr=..., mask=..., value=..."
 
-/* Stack capture is switched off in this build: a backtrace has no frames. */
+/* One function name per stack frame, innermost first. Stack capture is
+   switched off in this build, so a backtrace has no frames; the layout is
+   kept for builds that capture up to 30 frames of up to 99 characters. */
+constexpr int VELT_LOG_BACKTRACE_MAX_FRAMES = 30;
+constexpr int VELT_LOG_BACKTRACE_NAME_SIZE = 100;
 struct velt_log_backtrace_t {
     UINT32 num_frames;
-    char function_names[30][100];
+    char function_names[VELT_LOG_BACKTRACE_MAX_FRAMES][VELT_LOG_BACKTRACE_NAME_SIZE];
 };
 static_assert(sizeof(velt_log_backtrace_t) == 3004, "velt_log_backtrace_t is 3004 bytes");
+/* Zero-fills bt and captures the stack; a null bt is a programming error. */
 void velt_log_backtrace_get(velt_log_backtrace_t* bt);
+/* "backtrace: %d %s\n" per frame, straight to standard output. */
 void velt_log_backtrace_print();
+/* The frame names joined by " <- ". */
 std::string velt_log_backtrace_string_get();
+/* The function name of a code address, from the symbol cache. An address
+   the cache does not know needs the platform's symbol service, which this
+   build lacks: the process then ends with perror("backtrace_symbols") and
+   exit status 1. */
 void velt_log_lookup_symbol(void* addr, char* name, int size);
+/* Copies the cached name of addr into name (bounded by size); false when
+   the cache does not know addr. */
+bool find_addr_in_symbol_name_cache(void* addr, char* name, int size);
+/* The symbol of a platform symbol line "path/module(symbol+0x1f) [0x...]"
+   into out, bounded by size. A line without "(" (or whose "+" comes before
+   it) is copied whole; a symbol of 500 characters or more leaves out as it is. */
+void velt_log_extract_symbol(const char* line, char* out, int size);
+/* The bare function name of a demangled signature: "void ns::f(int)" gives
+   "ns::f"; at most size - 1 characters, NUL-terminated. */
+void velt_log_extract_function_name(const char* signature, char* out, int size);
+
+/* Process-wide cache of code address -> symbol name, guarded by its own lock. */
+class kavo_symbol_table {
+public:
+    static kavo_symbol_table& instance();
+    virtual ~kavo_symbol_table();
+    kavo_symbol_table(const kavo_symbol_table&) = delete;
+    kavo_symbol_table& operator=(const kavo_symbol_table&) = delete;
+
+    /* Stores (replacing) the name of addr. */
+    void add(void* addr, const char* name);
+    /* The stored name of addr, or null; valid while the entry is not replaced. */
+    const char* find(void* addr);
+
+private:
+    kavo_symbol_table();
+    std::map<void*, std::string>* _symbol_table;
+    velt_sys_atomic_t _lock;
+};
 
 #endif /* VELT_SHARED_LOG_H */
