@@ -29,6 +29,27 @@ Definition format (one file per area, called a group):
     "UINT32 fw_version hex",        # flags: hex (address, mask, version), list, inline
     "kavo_device_status_info_t device_info @16",
   ]
+
+  [[union]]                         # members overlap; the printer prints every one
+  name = "kavo_x_u"                 # and the command code picks the one that counts
+  size = 24
+  members = ["kavo_a_t a", "UINT32 words[6]"]
+
+Member flags: hex prints 0x%x; list forces one element per line, inline one
+line; str prints a char array as text (default for char arrays); split makes a
+UINT64 counter two UINT32 members NAME_lsb and NAME_msb (firmware layout).
+Header and source directories default to the public tree; a group may set
+header_dir, source_dir and include_prefix (test-only types do).
+
+Printed formats (every line indented by 4 x depth blanks):
+  struct      "name:" or, as array element i, "-   # name[i]"; members one deeper
+  scalar      "name: value"; %u unsigned and bool, %d signed, %lu 64-bit, %f
+              floating, 0x%x when flagged hex; enums by constant name
+  array       up to 8 scalars "name: [a, b, c]"; longer ones and enum arrays
+              "name:" then "- v    #name[i]" ("- NAME    # name[i]" for enums)
+  2-d array   "name:" then per row "- [a, b]    # name[r][:]"
+  counters    to standard output, "name:" or "i:" as element, filtered by
+              kavo_pmon_print_sel_t (NONE: header only; ALL_NON_ZERO; ALL)
 """
 import argparse
 import os
@@ -52,7 +73,8 @@ SCALARS = {
     "BOOL8": (1, "%u", "(unsigned)"),
     "BOOL32": (4, "%u", "(unsigned)"),
     "DOUBLE": (8, "%f", "(double)"),
-    "VELT_ERROR": (4, "0x%x", "(unsigned)"),
+    "VELT_ERROR": (4, "%u", "(unsigned)"),
+    "FLOAT": (4, "%f", "(double)"),
     "char": (1, "%c", "(char)"),
     "void*": (8, "%p", "(const void*)"),
 }
@@ -84,12 +106,14 @@ class Member:
                 self.default = tok[1:]
             elif tok.startswith("@"):
                 self.offset = int(tok[1:], 0)
-            elif tok in ("hex", "list", "inline", "str"):
+            elif tok in ("hex", "list", "inline", "str", "split"):
                 self.flags.add(tok)
             else:
                 raise GenError(f"{owner}: unknown flag '{tok}' in '{text}'")
         if self.type == "char" and self.dims:
             self.flags.add("str")
+        if "split" in self.flags and (self.type != "UINT64" or self.dims or self.default is not None):
+            raise GenError(f"{owner}: only a plain UINT64 counter can be split: '{text}'")
 
     @property
     def count(self):
@@ -99,8 +123,20 @@ class Member:
         return n
 
     def decl(self):
+        if "split" in self.flags:
+            return f"UINT32 {self.name}_lsb;\n    UINT32 {self.name}_msb;"
         dims = "".join(f"[{d}]" for d in self.dims)
         return f"{self.type} {self.name}{dims};"
+
+    def halves(self):
+        """The members as declared: a split counter is its two 32-bit halves."""
+        if "split" not in self.flags:
+            return [self]
+        out = []
+        for half in ("lsb", "msb"):
+            m = Member(f"UINT32 {self.name}_{half}", self.name)
+            out.append(m)
+        return out
 
 
 class Enum:
@@ -120,7 +156,12 @@ class Enum:
         out = []
         if self.doc:
             out.append(comment(self.doc))
-        out.append(f"typedef enum {self.name} {{")
+        # C++ gets a fixed 32-bit type, so that any value the firmware sends is a
+        # valid value of the enumeration (printed as illegal); int keeps the
+        # promotions of an enumeration without one.
+        base = "int" if all(v <= 0x7FFFFFFF for _, v in self.values) else "UINT32"
+        out += ["#ifdef __cplusplus", f"typedef enum {self.name} : {base} {{", "#else",
+                f"typedef enum {self.name} {{", "#endif"]
         for n, v in self.values:
             out.append(f"    {n} = {fmt_int(v)},")
         out.append(f"}} {self.name};")
@@ -177,6 +218,8 @@ const velt_enum_table_t {n}_table = {{"{n}", "{self.prefix}", {n}_entries,
 
 
 class Struct:
+    kind = "struct"
+
     def __init__(self, d, group):
         self.name = d["name"]
         self.group = group
@@ -190,7 +233,7 @@ class Struct:
         out = []
         if self.doc:
             out.append(comment(self.doc))
-        out.append(f"typedef struct {self.name} {{")
+        out.append(f"typedef {self.kind} {self.name} {{")
         for m in self.members:
             out.append(f"    {m.decl()}")
         out.append("#ifdef __cplusplus")
@@ -234,19 +277,22 @@ class Struct:
                        f"\"{self.name} is {self.size} bytes\");")
         for m in self.members:
             if m.offset is not None:
-                out.append(f"KAVO_STATIC_ASSERT(offsetof({self.name}, {m.name}) == {m.offset}, "
-                           f"\"{self.name}.{m.name} at {m.offset}\");")
+                field = m.halves()[0].name
+                out.append(f"KAVO_STATIC_ASSERT(offsetof({self.name}, {field}) == {m.offset}, "
+                           f"\"{self.name}.{field} at {m.offset}\");")
         return "\n".join(out)
+
+    def initialised_members(self):
+        return self.members
 
     def init_lines(self, types, this):
         lines = []
-        for m in self.members:
+        for m in self.initialised_members():
             target = types.get(m.type)
             ref = f"{this}{m.name}"
             if isinstance(target, Struct):
                 if m.dims:
-                    lines.append(f"for (unsigned i = 0; i < {m.count}; ++i) "
-                                 f"(&{ref}{''.join('[0]' for _ in m.dims)})[i].init();")
+                    lines.append(f"for (unsigned i = 0; i < {m.count}; ++i) {flat(ref, m)}[i].init();")
                 else:
                     lines.append(f"{ref}.init();")
             elif m.default is not None:
@@ -254,11 +300,13 @@ class Struct:
                 if isinstance(target, Enum):
                     value = f"({m.type})({value})"
                 if m.dims:
-                    first = ref + "".join("[0]" for _ in m.dims)
-                    lines.append(f"for (unsigned i = 0; i < {m.count}; ++i) (&{first})[i] = {value};")
+                    lines.append(f"for (unsigned i = 0; i < {m.count}; ++i) {flat(ref, m)}[i] = {value};")
                 else:
                     lines.append(f"{ref} = {value};")
         return lines
+
+    def depends_on(self, types):
+        return {m.type for m in self.members if isinstance(types.get(m.type), Struct)}
 
     def source(self, types):
         n = self.name
@@ -289,24 +337,36 @@ void {n}_print(const {n}* value, FILE* file) {{ {n}_print_at(value, "{n}", file,
         v = f"value->{m.name}"
         nm = m.name
         if isinstance(target, Struct):
+            if target.counts:
+                call = f"{m.type}_print_at(&{{}}, \"{nm}\", KAVO_PMON_PRINT_ALL, indent + 1, {{}});"
+            else:
+                call = f"{m.type}_print_at(&{{}}, \"{nm}\", file, indent + 1, {{}});"
             if not m.dims:
-                return [f"{m.type}_print_at(&{v}, \"{nm}\", file, indent + 1, -1);"]
-            return [f"for (int i = 0; i < {m.count}; ++i) "
-                    f"{m.type}_print_at(&{v}[i], \"{nm}\", file, indent + 1, i);"]
+                return [call.format(v, -1)]
+            return [f"for (int i = 0; i < {m.count}; ++i) " + call.format(f"{flat(v, m)}[i]", "i")]
         if isinstance(target, Enum):
             if not m.dims:
                 return [f"VELT_PRINTF(file, \"%*s%s: %s\\n\", pad, \"\", \"{nm}\", "
                         f"{m.type}_print({v}, nullptr, 0));"]
             return [f"VELT_PRINTF(file, \"%*s%s:\\n\", pad, \"\", \"{nm}\");",
                     f"for (int i = 0; i < {m.count}; ++i) VELT_PRINTF(file, \"%*s- %s    # %s[%d]\\n\", "
-                    f"pad, \"\", {m.type}_print({v}[i], nullptr, 0), \"{nm}\", i);"]
+                    f"pad, \"\", {m.type}_print({flat(v, m)}[i], nullptr, 0), \"{nm}\", i);"]
         if m.type not in SCALARS:
             raise GenError(f"{self.name}.{nm}: unknown type {m.type}")
+        if "split" in m.flags:
+            return [line for half in m.halves() for line in self.member_lines(half, types)]
         _, fmt, cast = SCALARS[m.type]
         if "hex" in m.flags:
             fmt, cast = ("0x%lx", "(unsigned long)") if m.type in ("UINT64", "INT64") else ("0x%x", "(unsigned)")
         if "str" in m.flags:
-            return [f"VELT_PRINTF(file, \"%*s%s: %.*s\\n\", pad, \"\", \"{nm}\", (int)sizeof({v}), {v});"]
+            if len(m.dims) == 1:
+                return [f"VELT_PRINTF(file, \"%*s%s: %.*s\\n\", pad, \"\", \"{nm}\", (int)sizeof({v}), {v});"]
+            if len(m.dims) == 2:
+                rows = m.dims[0]
+                return [f"VELT_PRINTF(file, \"%*s%s:\\n\", pad, \"\", \"{nm}\");",
+                        f"for (int i = 0; i < {rows}; ++i) VELT_PRINTF(file, \"%*s- %.*s    # %s[%d]\\n\", pad, \"\", "
+                        f"(int)sizeof({v}[i]), {v}[i], \"{nm}\", i);"]
+            raise GenError(f"{self.name}.{nm}: text arrays have one or two dimensions")
         if not m.dims:
             return [f"VELT_PRINTF(file, \"%*s%s: {fmt}\\n\", pad, \"\", \"{nm}\", {cast}{v});"]
         if len(m.dims) == 2:
@@ -317,6 +377,8 @@ void {n}_print(const {n}* value, FILE* file) {{ {n}_print_at(value, "{n}", file,
                     f"    for (int c = 0; c < {cols} - 1; ++c) VELT_PRINTF(file, \"{fmt}, \", {cast}{v}[r][c]);",
                     f"    VELT_PRINTF(file, \"{fmt}]    # %s[%d][:]\\n\", {cast}{v}[r][{cols} - 1], \"{nm}\", r);",
                     "}"]
+        if len(m.dims) > 2:
+            raise GenError(f"{self.name}.{nm}: arrays of scalars have one or two dimensions")
         short = (m.count <= SHORT_ARRAY or "inline" in m.flags) and "list" not in m.flags
         if short:
             return [f"VELT_PRINTF(file, \"%*s%s: [\", pad, \"\", \"{nm}\");",
@@ -335,15 +397,16 @@ void {n}_print(const {n}* value, FILE* file) {{ {n}_print_at(value, "{n}", file,
             if isinstance(target, Struct) and target.counts:
                 if m.dims:
                     body.append(f"for (int i = 0; i < {m.count}; ++i) "
-                                f"{m.type}_print_at(&{v}[i], \"{m.name}\", selection, indent + 1, i);")
+                                f"{m.type}_print_at(&{flat(v, m)}[i], \"{m.name}\", selection, indent + 1, i);")
                 else:
                     body.append(f"{m.type}_print_at(&{v}, \"{m.name}\", selection, indent + 1, -1);")
             elif m.type in ("UINT32", "UINT64", "UINT16", "UINT8") and not m.dims:
-                _, fmt, cast = SCALARS[m.type]
-                body.append(f"velt_print_counter(selection, indent + 1, \"{m.name}\", (UINT64){v}, \"{fmt}\");")
+                for half in m.halves():
+                    _, fmt, _ = SCALARS[half.type]
+                    body.append(f"velt_print_counter(selection, indent + 1, \"{half.name}\", "
+                                f"(UINT64)value->{half.name}, \"{fmt}\");")
             elif m.type in ("UINT32", "UINT64") and len(m.dims) == 1:
-                body.append(f"for (int i = 0; i < {m.count}; ++i) "
-                            f"velt_print_counter_item(selection, indent + 1, \"{m.name}\", i, (UINT64){v}[i]);")
+                body.append(f"velt_print_counter_array(selection, indent + 1, \"{m.name}\", {v}, {m.count});")
             else:
                 raise GenError(f"{n}.{m.name}: a counter record holds counters and counter records only")
         body = "\n".join("    " + line for line in body)
@@ -359,6 +422,27 @@ void {n}_print_at(const {n}* value, const char* name, kavo_pmon_print_sel_t sele
 
 void {n}_print(const {n}* value, kavo_pmon_print_sel_t selection) {{ {n}_print_at(value, "{n}", selection, 0, -1); }}
 """
+
+
+class Union(Struct):
+    """Overlapping members, e.g. per-kind parameters selected by another member."""
+    kind = "union"
+
+    def __init__(self, d, group):
+        super().__init__(d, group)
+        if self.counts:
+            raise GenError(f"{self.name}: a union cannot be a counter record")
+        for m in self.members:
+            if m.offset not in (None, 0):
+                raise GenError(f"{self.name}.{m.name}: union members start at 0")
+
+    def initialised_members(self):
+        return self.members[:1]  # the defaults of the first member are the union's
+
+
+def flat(ref, m):
+    """Elements of a (possibly multi-dimensional) array member, indexable in declaration order."""
+    return f"(&{ref}{'[0]' * len(m.dims)})" if len(m.dims) > 1 else ref
 
 
 def common_prefix(names):
@@ -390,12 +474,16 @@ class Group:
         self.includes = d.get("includes", [])
         self.doc = d.get("doc", "")
         self.enums = [Enum(e, self) for e in d.get("enum", [])]
-        self.structs = [Struct(s, self) for s in d.get("struct", [])]
+        self.structs = declaration_order([Struct(s, self) for s in d.get("struct", [])] +
+                                         [Union(u, self) for u in d.get("union", [])])
         self.errors = d.get("module")
         self.constants = d.get("constants", {})
         self.header_dir = d.get("header_dir", "host/include/kavo/gen")
         self.source_dir = d.get("source_dir", "host/shared_host_device/generated/src")
         self.include_prefix = d.get("include_prefix", "kavo/gen")
+        self.include_prefixes = {}  # other groups' include prefixes, filled in by outputs()
+        if any(s.counts for s in self.structs) and self.name != "pmon" and "pmon" not in self.includes:
+            self.includes.append("pmon")  # counter printers take kavo_pmon_print_sel_t
         if self.errors is not None:
             self.build_errors()
 
@@ -421,7 +509,8 @@ class Group:
         out = [BANNER.format(src=os.path.relpath(self.path, ROOT)), f"#ifndef {guard}", f"#define {guard}", "",
                "#include \"kavo/kavo_types.h\""]
         for inc in self.includes:
-            out.append(f"#include \"{self.include_prefix}/kavo_{inc}_types.h\"")
+            prefix = self.include_prefixes.get(inc, self.include_prefix)
+            out.append(f"#include \"{prefix}/kavo_{inc}_types.h\"")
         out += ["", "#ifdef __cplusplus", "#include <cstring>", "extern \"C\" {", "#endif", ""]
         if self.doc:
             out += [comment(self.doc), ""]
@@ -432,7 +521,7 @@ class Group:
         for e in self.enums:
             out += [e.header(), ""]
         for s in self.structs:
-            out.append(f"typedef struct {s.name} {s.name};")
+            out.append(f"typedef {s.kind} {s.name} {s.name};")
         if self.structs:
             out.append("")
         for s in self.structs:
@@ -463,6 +552,27 @@ class Group:
         return "\n".join(out) + "\n"
 
 
+def declaration_order(structs):
+    """Records of one group, each after the records of the group it contains."""
+    by_name = {s.name: s for s in structs}
+    done, out = set(), []
+
+    def visit(s, path):
+        if s.name in done:
+            return
+        if s.name in path:
+            raise GenError(f"{s.name} contains itself")
+        for m in s.members:
+            if m.type in by_name:
+                visit(by_name[m.type], path | {s.name})
+        done.add(s.name)
+        out.append(s)
+
+    for s in structs:
+        visit(s, set())
+    return out
+
+
 def load_groups(dirs):
     groups = []
     for d in dirs:
@@ -482,8 +592,10 @@ def outputs(groups, extra_types=()):
             if t.name in types:
                 raise GenError(f"{t.name} is defined twice")
             types[t.name] = t
+    prefixes = {g.name: g.include_prefix for g in list(extra_types) + groups}
     files = {}
     for g in groups:
+        g.include_prefixes = prefixes
         files[os.path.join(g.header_dir, g.header_name)] = g.header(types)
         files[os.path.join(g.source_dir, g.source + ".cpp")] = g.source_text(types)
     return files
@@ -499,6 +611,12 @@ def host_outputs(groups):
     import kavo_gen_fwlog
     files["host/shared_host_device/generated/src/fw_log_print.cpp"] = kavo_gen_fwlog.generate(
         err, os.path.join(ROOT, "host/types/fw_log_formats.toml"), BANNER)
+    import kavo_gen_regs
+    regs = "host/types/registers/registers.toml"
+    try:
+        files[kavo_gen_regs.OUTPUT] = kavo_gen_regs.generate(os.path.join(ROOT, regs), BANNER, regs)
+    except kavo_gen_regs.RegError as e:
+        raise GenError(str(e))
     return files
 
 

@@ -9,8 +9,14 @@ a text of their own are described in host/types/fw_log_formats.toml:
   words = 2          # data words the message consumes (2, 3 or 5); default 2
 
 Arguments are C++ expressions over the data words d0..d4 (UINT32), the
-helpers of velt_shared_log.h and the enum printers. Every other code prints
-"<MODULE>: <its name in words> d0=%d, d1=%d".
+helpers of velt_shared_log.h and the enum printers. A data word is any 32-bit
+value, so an enumeration is named through FW_LOG_ENUM_NAME(type, last, word),
+which converts the word to the enumeration only when it is at most `last`
+(otherwise the text is "illegal <type>"), e.g.
+
+  args = ["FW_LOG_ENUM_NAME(velt_energy_state_t, LAST_VELT_ENERGY_STATE, d1)"]
+
+Every other code prints "<MODULE>: <its name in words> d0=%d, d1=%d".
 """
 import os
 import tomllib
@@ -55,6 +61,11 @@ def generate(err_group, formats_path, banner):
 
 #include "kavo/kavo_api.h"
 #include "velt_shared_log.h"
+
+/* The name of an enumeration value carried in a data word; a word beyond the
+   enumeration's last value is never converted to it. */
+#define FW_LOG_ENUM_NAME(type, last, word) \\
+    ((word) <= (UINT32)(last) ? type##_print((type)(word), nullptr, 0) : "illegal " #type)
 
 void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2, UINT32 d3, UINT32 d4,
                   char* out, UINT32 out_size, UINT32* words_used)

@@ -18,28 +18,52 @@ void velt_print_struct_header(FILE* file, const char* name, int indent, int inde
         VELT_PRINTF(file, "%*s-   # %s[%d]\n", 4 * indent, "", name, index);
 }
 
+// Counter records print to standard output, through the print callout like every other text.
 void velt_print_counts_header(const char* name, int indent, int index)
 {
     if (index < 0)
-        std::printf("%*s%s:\n", 4 * indent, "", name);
+        VELT_PRINTF(stdout, "%*s%s:\n", 4 * indent, "", name);
     else
-        std::printf("%*s%u:\n", 4 * indent, "", (unsigned)index);
+        VELT_PRINTF(stdout, "%*s%u:\n", 4 * indent, "", (unsigned)index);
+}
+
+static bool counter_selected(kavo_pmon_print_sel_t selection, UINT64 value)
+{
+    return selection == KAVO_PMON_PRINT_ALL || (selection == KAVO_PMON_PRINT_ALL_NON_ZERO && value != 0);
 }
 
 void velt_print_counter(kavo_pmon_print_sel_t selection, int indent, const char* name, UINT64 value, const char* fmt)
 {
-    if (selection == KAVO_PMON_PRINT_NONE || (selection == KAVO_PMON_PRINT_ALL_NON_ZERO && value == 0)) return;
-    std::printf("%*s%s: ", 4 * indent, "", name);
+    if (!counter_selected(selection, value)) return;
     if (std::strcmp(fmt, "%lu") == 0)
-        std::printf("%lu\n", (unsigned long)value);
+        VELT_PRINTF(stdout, "%*s%s: %lu\n", 4 * indent, "", name, (unsigned long)value);
     else
-        std::printf("%u\n", (unsigned)value);
+        VELT_PRINTF(stdout, "%*s%s: %u\n", 4 * indent, "", name, (unsigned)value);
 }
 
-void velt_print_counter_item(kavo_pmon_print_sel_t selection, int indent, const char* name, int index, UINT64 value)
+template <typename T>
+static void print_counter_array(kavo_pmon_print_sel_t selection, int indent, const char* name, const T* values,
+                                int count)
 {
-    if (selection == KAVO_PMON_PRINT_NONE || (selection == KAVO_PMON_PRINT_ALL_NON_ZERO && value == 0)) return;
-    std::printf("%*s- %lu    #%s[%d]\n", 4 * indent, "", (unsigned long)value, name, index);
+    bool any = false;
+    for (int i = 0; i < count && !any; ++i) any = counter_selected(selection, values[i]);
+    if (!any) return;
+    VELT_PRINTF(stdout, "%*s%s:\n", 4 * indent, "", name);
+    for (int i = 0; i < count; ++i)
+        if (counter_selected(selection, values[i]))
+            VELT_PRINTF(stdout, "%*s- %lu    #%s[%d]\n", 4 * indent, "", (unsigned long)values[i], name, i);
+}
+
+void velt_print_counter_array(kavo_pmon_print_sel_t selection, int indent, const char* name, const UINT32* values,
+                              int count)
+{
+    print_counter_array(selection, indent, name, values, count);
+}
+
+void velt_print_counter_array(kavo_pmon_print_sel_t selection, int indent, const char* name, const UINT64* values,
+                              int count)
+{
+    print_counter_array(selection, indent, name, values, count);
 }
 
 bool velt_enum_value_from_text(const velt_enum_table_t& table, const char* text, UINT32* value)

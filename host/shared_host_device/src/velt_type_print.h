@@ -25,10 +25,14 @@ struct velt_enum_table_t {
 const char* velt_enum_illegal_text(const char* type_name, const char* constant, int value, char* buffer, UINT32 length);
 /* "%*s%s:\n", or the list item "%*s-   # %s[%d]\n" for an array element. */
 void velt_print_struct_header(FILE* file, const char* name, int indent, int index);
-/* Counter records print to standard output, filtered by the selection. */
+/* Counter records print to standard output (through the print callout), filtered by the selection. */
 void velt_print_counts_header(const char* name, int indent, int index);
 void velt_print_counter(kavo_pmon_print_sel_t selection, int indent, const char* name, UINT64 value, const char* fmt);
-void velt_print_counter_item(kavo_pmon_print_sel_t selection, int indent, const char* name, int index, UINT64 value);
+/* "name:" and one "- v    #name[i]" line per selected element; nothing when none is selected. */
+void velt_print_counter_array(kavo_pmon_print_sel_t selection, int indent, const char* name, const UINT32* values,
+                              int count);
+void velt_print_counter_array(kavo_pmon_print_sel_t selection, int indent, const char* name, const UINT64* values,
+                              int count);
 
 /* Looks an enumeration value up by name, or by number (decimal or 0x hex). */
 bool velt_enum_value_from_text(const velt_enum_table_t& table, const char* text, UINT32* value);

@@ -19,7 +19,11 @@ extern "C" {
 #define KAVO_SW_VERSION 0x300002
 #define KAVO_NUM_CHANNELS 48
 
+#ifdef __cplusplus
+typedef enum kavo_device_mode_t : int {
+#else
 typedef enum kavo_device_mode_t {
+#endif
     KAVO_DEVICE_MODE_1200G_ENET = 0,
     KAVO_DEVICE_MODE_1200G_ILKN = 1,
     KAVO_DEVICE_MODE_800G_FGB = 2,
@@ -31,7 +35,11 @@ KAVO_API const char* kavo_device_mode_t_print(kavo_device_mode_t value, char* bu
 KAVO_API const char* kavo_device_mode_t_suffix_print(kavo_device_mode_t value, char* buffer, UINT32 length);
 
 /* The chip's datapath slices. */
+#ifdef __cplusplus
+typedef enum kavo_slice_type_t : int {
+#else
 typedef enum kavo_slice_type_t {
+#endif
     KAVO_SLICE_TYPE_0 = 0,
     KAVO_SLICE_TYPE_1 = 1,
     KAVO_SLICE_TYPE_2 = 2,
@@ -41,7 +49,11 @@ KAVO_STATIC_ASSERT(sizeof(kavo_slice_type_t) == 4, "kavo_slice_type_t is 32 bits
 KAVO_API const char* kavo_slice_type_t_print(kavo_slice_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_slice_type_t_suffix_print(kavo_slice_type_t value, char* buffer, UINT32 length);
 
+#ifdef __cplusplus
+typedef enum kavo_init_type_t : int {
+#else
 typedef enum kavo_init_type_t {
+#endif
     KAVO_INIT_COLD = 0,
     KAVO_INIT_AUTO = 1,
     KAVO_INIT_DEBUG_ATTACH = 2,
@@ -51,7 +63,11 @@ KAVO_STATIC_ASSERT(sizeof(kavo_init_type_t) == 4, "kavo_init_type_t is 32 bits")
 KAVO_API const char* kavo_init_type_t_print(kavo_init_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_init_type_t_suffix_print(kavo_init_type_t value, char* buffer, UINT32 length);
 
+#ifdef __cplusplus
+typedef enum kavo_enet_dcsu_ref_clk_t : int {
+#else
 typedef enum kavo_enet_dcsu_ref_clk_t {
+#endif
     KAVO_ENET_DCSU_REF_CLK_REF_CLK = 0,
     KAVO_ENET_DCSU_REF_CLK_PTP_REF_CLK_25MHZ = 1,
     KAVO_ENET_DCSU_REF_CLK_PTP_REF_CLK_125MHZ = 2,
@@ -104,7 +120,7 @@ typedef struct kavo_config_t {
         this->pmon.init();
         this->device_mode = (kavo_device_mode_t)(LAST_KAVO_DEVICE_MODE);
         this->host_sdk_mode = 6110;
-        for (unsigned i = 0; i < 3; ++i) (&this->macsec_global_bypass[0])[i] = 1;
+        for (unsigned i = 0; i < 3; ++i) this->macsec_global_bypass[i] = 1;
     }
     void print(const char* name, FILE* file, int indent, int index) const
     { kavo_config_t_print_at(this, name, file, indent, index); }

@@ -12,7 +12,11 @@ extern "C" {
 
 /* The chip's clock units (DCSU) as the firmware reads them back. */
 
+#ifdef __cplusplus
+typedef enum kavo_dcsu_instance_t : int {
+#else
 typedef enum kavo_dcsu_instance_t {
+#endif
     KAVO_DCSU_INSTANCE_0 = 0,
     KAVO_DCSU_INSTANCE_1 = 1,
     KAVO_DCSU_INSTANCE_2 = 2,

@@ -11,7 +11,11 @@ extern "C" {
 #endif
 
 /* Modules of the code space: a code is module * 0x100 + index. */
+#ifdef __cplusplus
+typedef enum kavo_module_id_t : int {
+#else
 typedef enum kavo_module_id_t {
+#endif
     KAVO_MID_BASE = 0,
     KAVO_MID_ACB = 1,
     KAVO_MID_CFC = 2,
@@ -73,7 +77,11 @@ KAVO_API const char* kavo_module_id_t_print(kavo_module_id_t value, char* buffer
 KAVO_API const char* kavo_module_id_t_suffix_print(kavo_module_id_t value, char* buffer, UINT32 length);
 
 /* Result and log codes shared by host and firmware. */
+#ifdef __cplusplus
+typedef enum kavo_err_t : int {
+#else
 typedef enum kavo_err_t {
+#endif
     VELT_SUCCESS = 0,
     VELT_ERR_FAIL = 1,
     VELT_ERR_INVALID_ARGS = 2,

@@ -17,7 +17,11 @@ extern "C" {
 #define KAVO_FW_STARTED_MAGIC 4097
 #define KAVO_FW_WARM_BOOT_ARG 0xBEEB00BA
 
+#ifdef __cplusplus
+typedef enum VELT_POLL_COMPARISON_TYPE : int {
+#else
 typedef enum VELT_POLL_COMPARISON_TYPE {
+#endif
     VELT_POLL_EQUAL = 0,
     VELT_POLL_NOT_EQUAL = 1,
     VELT_POLL_GREATER = 2,
@@ -30,7 +34,11 @@ KAVO_STATIC_ASSERT(sizeof(VELT_POLL_COMPARISON_TYPE) == 4, "VELT_POLL_COMPARISON
 KAVO_API const char* VELT_POLL_COMPARISON_TYPE_print(VELT_POLL_COMPARISON_TYPE value, char* buffer, UINT32 length);
 KAVO_API const char* VELT_POLL_COMPARISON_TYPE_suffix_print(VELT_POLL_COMPARISON_TYPE value, char* buffer, UINT32 length);
 
+#ifdef __cplusplus
+typedef enum velt_energy_state_t : int {
+#else
 typedef enum velt_energy_state_t {
+#endif
     VELT_ENERGY_STATE_RUNNING = 0,
     VELT_ENERGY_STATE_LOWPWR = 1,
     VELT_ENERGY_STATE_RESET = 2,
@@ -40,7 +48,11 @@ KAVO_STATIC_ASSERT(sizeof(velt_energy_state_t) == 4, "velt_energy_state_t is 32 
 KAVO_API const char* velt_energy_state_t_print(velt_energy_state_t value, char* buffer, UINT32 length);
 KAVO_API const char* velt_energy_state_t_suffix_print(velt_energy_state_t value, char* buffer, UINT32 length);
 
+#ifdef __cplusplus
+typedef enum velt_log_sev_t : int {
+#else
 typedef enum velt_log_sev_t {
+#endif
     VELT_LOG_SEV_DISABLED = 0,
     VELT_LOG_SEV_CRITICAL = 1,
     VELT_LOG_SEV_HIGHEST = 2,
@@ -55,7 +67,11 @@ KAVO_STATIC_ASSERT(sizeof(velt_log_sev_t) == 4, "velt_log_sev_t is 32 bits");
 KAVO_API const char* velt_log_sev_t_print(velt_log_sev_t value, char* buffer, UINT32 length);
 KAVO_API const char* velt_log_sev_t_suffix_print(velt_log_sev_t value, char* buffer, UINT32 length);
 
+#ifdef __cplusplus
+typedef enum kavo_fw_log_dump_t : int {
+#else
 typedef enum kavo_fw_log_dump_t {
+#endif
     KAVO_FW_LOG_DUMP_ALL = 0,
     KAVO_FW_LOG_DUMP_CONSOLE = 1,
     KAVO_FW_LOG_DUMP_STATS = 2,

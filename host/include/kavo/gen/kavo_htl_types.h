@@ -25,7 +25,11 @@ extern "C" {
 #define KAVO_HTL_REQUEST_MAX_DATA_SIZE 16352
 #define KAVO_HTL_RESPONSE_MAX_DATA_SIZE 65496
 
+#ifdef __cplusplus
+typedef enum kavo_htl_module_t : int {
+#else
 typedef enum kavo_htl_module_t {
+#endif
     KAVO_HTL_MODULE_DEVICE = 0,
     KAVO_HTL_MODULE_ILKN = 1,
     KAVO_HTL_MODULE_ENET = 2,
@@ -50,7 +54,11 @@ KAVO_API const char* kavo_htl_module_t_print(kavo_htl_module_t value, char* buff
 KAVO_API const char* kavo_htl_module_t_suffix_print(kavo_htl_module_t value, char* buffer, UINT32 length);
 
 /* What the firmware is to do. Each family starts at a base (a multiple of 0x100) that names no operation. */
+#ifdef __cplusplus
+typedef enum kavo_htl_operation_t : int {
+#else
 typedef enum kavo_htl_operation_t {
+#endif
     KAVO_HTL_OPERATION_DEVICE_BASE = 0,
     KAVO_HTL_OPERATION_STATUS = 1,
     KAVO_HTL_OPERATION_CONFIG = 2,

@@ -69,8 +69,8 @@ typedef struct kavo_ilkn_lane_cfg_t {
     {
         std::memset(static_cast<void*>(this), 0, sizeof(*this));
         this->rate_mode = 6;
-        for (unsigned i = 0; i < 24; ++i) (&this->serdes_port_ids_tx[0])[i] = 0xFFFFFFFF;
-        for (unsigned i = 0; i < 24; ++i) (&this->serdes_port_ids_rx[0])[i] = 0xFFFFFFFF;
+        for (unsigned i = 0; i < 24; ++i) this->serdes_port_ids_tx[i] = 0xFFFFFFFF;
+        for (unsigned i = 0; i < 24; ++i) this->serdes_port_ids_rx[i] = 0xFFFFFFFF;
     }
     void print(const char* name, FILE* file, int indent, int index) const
     { kavo_ilkn_lane_cfg_t_print_at(this, name, file, indent, index); }

@@ -11,7 +11,11 @@ extern "C" {
 #endif
 
 /* Inter-processor interrupt doorbell bits; also the bit numbers of the interrupt operations. */
+#ifdef __cplusplus
+typedef enum kavo_ipi_type_t : int {
+#else
 typedef enum kavo_ipi_type_t {
+#endif
     VELT_IPI_HTL_DTL_MESSAGE = 0,
     VELT_IPI_DEFECTS_ENABLED = 1,
     VELT_IPI_PMON_TRIGGER = 2,

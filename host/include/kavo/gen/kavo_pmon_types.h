@@ -12,7 +12,11 @@ extern "C" {
 
 /* Performance monitoring configuration and the selection of counter printing. */
 
+#ifdef __cplusplus
+typedef enum kavo_pmon_print_sel_t : int {
+#else
 typedef enum kavo_pmon_print_sel_t {
+#endif
     KAVO_PMON_PRINT_NONE = 0,
     KAVO_PMON_PRINT_ALL_NON_ZERO = 1,
     KAVO_PMON_PRINT_ALL = 2,

@@ -12,7 +12,11 @@ extern "C" {
 
 /* What a channel is provisioned as, and the resources the firmware hands out. */
 
+#ifdef __cplusplus
+typedef enum kavo_segment_type_t : int {
+#else
 typedef enum kavo_segment_type_t {
+#endif
     KAVO_SEGMENT_TYPE_UNUSED = 0,
     KAVO_SEGMENT_TYPE_ENET_PORT = 1,
     KAVO_SEGMENT_TYPE_ILKN_PKT = 2,
@@ -26,7 +30,11 @@ KAVO_STATIC_ASSERT(sizeof(kavo_segment_type_t) == 4, "kavo_segment_type_t is 32 
 KAVO_API const char* kavo_segment_type_t_print(kavo_segment_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_segment_type_t_suffix_print(kavo_segment_type_t value, char* buffer, UINT32 length);
 
+#ifdef __cplusplus
+typedef enum kavo_resource_entity_t : int {
+#else
 typedef enum kavo_resource_entity_t {
+#endif
     KAVO_RESOURCE_ENTITY_CHNL = 0,
     KAVO_RESOURCE_ENTITY_SERDES_PORT = 1,
     KAVO_RESOURCE_ENTITY_ILKN_CHNL = 2,

@@ -10,9 +10,20 @@
 extern "C" {
 #endif
 
-/* Messages of the virtual device's socket protocol (kavo-simd). */
+/* Messages of the virtual device's socket protocol (kavo-simd). Every message,
+   either way, is a sim_message_header_t followed by length - 24 bytes of payload
+   in whole 32-bit words, in the host's byte order. */
 
+#define SIM_PROTOCOL_VERSION 1
+#define SIM_MESSAGE_HEADER_SIZE 24
+#define SIM_MESSAGE_MAX_PAYLOAD_WORDS 0x10000
+#define SIM_MAX_CHIPS 32
+
+#ifdef __cplusplus
+typedef enum sim_command_type_t : int {
+#else
 typedef enum sim_command_type_t {
+#endif
     SIM_COMMAND_HELLO = 0,
     SIM_COMMAND_REG_READ = 1,
     SIM_COMMAND_REG_WRITE = 2,
@@ -30,14 +41,161 @@ KAVO_STATIC_ASSERT(sizeof(sim_command_type_t) == 4, "sim_command_type_t is 32 bi
 KAVO_API const char* sim_command_type_t_print(sim_command_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* sim_command_type_t_suffix_print(sim_command_type_t value, char* buffer, UINT32 length);
 
+/* Faults a virtual chip can be given (SIM_COMMAND_FAULT_SET: arg0 the fault,
+   payload two words a and b). Counted faults act on the next a replies. */
+#ifdef __cplusplus
+typedef enum sim_fault_t : int {
+#else
+typedef enum sim_fault_t {
+#endif
+    SIM_FAULT_CLEAR_ALL = 0,
+    SIM_FAULT_BUS_FAIL_ADDRESS = 1,
+    SIM_FAULT_BUS_FAIL_NTH = 2,
+    SIM_FAULT_FW_HANG = 3,
+    SIM_FAULT_SLOW_REPLY = 4,
+    SIM_FAULT_WRONG_SEQUENCE = 5,
+    SIM_FAULT_WRONG_OPERATION = 6,
+    SIM_FAULT_WRONG_DEVICE_ID = 7,
+    SIM_FAULT_OVERSIZED_REPLY = 8,
+    SIM_FAULT_DOORBELL_KEPT = 9,
+    SIM_FAULT_CORRUPT_IMAGE = 10,
+    SIM_FAULT_FW_RESTART = 11,
+    SIM_FAULT_CORRUPT_CONSOLE_COOKIE = 12,
+    SIM_FAULT_CORRUPT_STATS_COOKIE = 13,
+    SIM_FAULT_CORRUPT_DBG_LOG_COOKIE = 14,
+    SIM_FAULT_CORRUPT_CONSOLE_RING = 15,
+    SIM_FAULT_CORRUPT_DBG_LOG_INDEX = 16,
+    LAST_SIM_FAULT = 17,
+} sim_fault_t;
+KAVO_STATIC_ASSERT(sizeof(sim_fault_t) == 4, "sim_fault_t is 32 bits");
+KAVO_API const char* sim_fault_t_print(sim_fault_t value, char* buffer, UINT32 length);
+KAVO_API const char* sim_fault_t_suffix_print(sim_fault_t value, char* buffer, UINT32 length);
+
+/* What the virtual chip's processor is doing. */
+#ifdef __cplusplus
+typedef enum sim_fw_state_t : int {
+#else
+typedef enum sim_fw_state_t {
+#endif
+    SIM_FW_STATE_IN_RESET = 0,
+    SIM_FW_STATE_RUNNING = 1,
+    SIM_FW_STATE_BAD_IMAGE = 2,
+    SIM_FW_STATE_HUNG = 3,
+    LAST_SIM_FW_STATE = 4,
+} sim_fw_state_t;
+KAVO_STATIC_ASSERT(sizeof(sim_fw_state_t) == 4, "sim_fw_state_t is 32 bits");
+KAVO_API const char* sim_fw_state_t_print(sim_fw_state_t value, char* buffer, UINT32 length);
+KAVO_API const char* sim_fw_state_t_suffix_print(sim_fw_state_t value, char* buffer, UINT32 length);
+
+typedef struct sim_message_header_t sim_message_header_t;
+typedef struct sim_chip_config_t sim_chip_config_t;
+typedef struct sim_chip_info_t sim_chip_info_t;
+
+KAVO_API void sim_message_header_t_init(sim_message_header_t* value);
+KAVO_API void sim_message_header_t_print_at(const sim_message_header_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void sim_message_header_t_print(const sim_message_header_t* value, FILE* file);
+KAVO_API void sim_chip_config_t_init(sim_chip_config_t* value);
+KAVO_API void sim_chip_config_t_print_at(const sim_chip_config_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void sim_chip_config_t_print(const sim_chip_config_t* value, FILE* file);
+KAVO_API void sim_chip_info_t_init(sim_chip_info_t* value);
+KAVO_API void sim_chip_info_t_print_at(const sim_chip_info_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void sim_chip_info_t_print(const sim_chip_info_t* value, FILE* file);
 
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
 
+/* Header of every socket message. A reply (SIM_COMMAND_REPLY) carries the status:
+   the bus status of a register transaction, or the VELT_ERROR of a chip command. */
+typedef struct sim_message_header_t {
+    UINT32 length;
+    sim_command_type_t command;
+    UINT32 device_id;
+    UINT32 status;
+    UINT32 arg0;
+    UINT32 arg1;
+#ifdef __cplusplus
+    sim_message_header_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { sim_message_header_t_print_at(this, name, file, indent, index); }
+#endif
+} sim_message_header_t;
+KAVO_STATIC_ASSERT(sizeof(sim_message_header_t) == 24, "sim_message_header_t is 24 bytes");
+KAVO_STATIC_ASSERT(offsetof(sim_message_header_t, length) == 0, "sim_message_header_t.length at 0");
+KAVO_STATIC_ASSERT(offsetof(sim_message_header_t, command) == 4, "sim_message_header_t.command at 4");
+KAVO_STATIC_ASSERT(offsetof(sim_message_header_t, device_id) == 8, "sim_message_header_t.device_id at 8");
+KAVO_STATIC_ASSERT(offsetof(sim_message_header_t, status) == 12, "sim_message_header_t.status at 12");
+KAVO_STATIC_ASSERT(offsetof(sim_message_header_t, arg0) == 16, "sim_message_header_t.arg0 at 16");
+KAVO_STATIC_ASSERT(offsetof(sim_message_header_t, arg1) == 20, "sim_message_header_t.arg1 at 20");
+
+/* Payload of SIM_COMMAND_CHIP_CREATE. mode: 0 synchronous, 1 firmware thread. */
+typedef struct sim_chip_config_t {
+    UINT32 device_code;
+    UINT32 revision_code;
+    UINT32 mode;
+    UINT32 service_time_us;
+#ifdef __cplusplus
+    sim_chip_config_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+        this->device_code = 0x6100;
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { sim_chip_config_t_print_at(this, name, file, indent, index); }
+#endif
+} sim_chip_config_t;
+KAVO_STATIC_ASSERT(sizeof(sim_chip_config_t) == 16, "sim_chip_config_t is 16 bytes");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_config_t, device_code) == 0, "sim_chip_config_t.device_code at 0");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_config_t, revision_code) == 4, "sim_chip_config_t.revision_code at 4");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_config_t, mode) == 8, "sim_chip_config_t.mode at 8");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_config_t, service_time_us) == 12, "sim_chip_config_t.service_time_us at 12");
+
+/* Reply payload of SIM_COMMAND_CHIP_INFO. */
+typedef struct sim_chip_info_t {
+    UINT32 device_code;
+    UINT32 revision_code;
+    UINT32 mode;
+    UINT32 service_time_us;
+    sim_fw_state_t fw_state;
+    UINT32 boot_count;
+    UINT32 fw_version;
+    UINT32 fw_revision;
+    UINT32 requests;
+    UINT32 replies;
+#ifdef __cplusplus
+    sim_chip_info_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { sim_chip_info_t_print_at(this, name, file, indent, index); }
+#endif
+} sim_chip_info_t;
+KAVO_STATIC_ASSERT(sizeof(sim_chip_info_t) == 40, "sim_chip_info_t is 40 bytes");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, device_code) == 0, "sim_chip_info_t.device_code at 0");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, revision_code) == 4, "sim_chip_info_t.revision_code at 4");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, mode) == 8, "sim_chip_info_t.mode at 8");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, service_time_us) == 12, "sim_chip_info_t.service_time_us at 12");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, fw_state) == 16, "sim_chip_info_t.fw_state at 16");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, boot_count) == 20, "sim_chip_info_t.boot_count at 20");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, fw_version) == 24, "sim_chip_info_t.fw_version at 24");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, fw_revision) == 28, "sim_chip_info_t.fw_revision at 28");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, requests) == 32, "sim_chip_info_t.requests at 32");
+KAVO_STATIC_ASSERT(offsetof(sim_chip_info_t, replies) == 36, "sim_chip_info_t.replies at 36");
+
 #ifdef __cplusplus
 inline const char* sim_command_type_t_print(sim_command_type_t value) { return sim_command_type_t_print(value, nullptr, 0); }
 inline const char* sim_command_type_t_suffix_print(sim_command_type_t value) { return sim_command_type_t_suffix_print(value, nullptr, 0); }
+inline const char* sim_fault_t_print(sim_fault_t value) { return sim_fault_t_print(value, nullptr, 0); }
+inline const char* sim_fault_t_suffix_print(sim_fault_t value) { return sim_fault_t_suffix_print(value, nullptr, 0); }
+inline const char* sim_fw_state_t_print(sim_fw_state_t value) { return sim_fw_state_t_print(value, nullptr, 0); }
+inline const char* sim_fw_state_t_suffix_print(sim_fw_state_t value) { return sim_fw_state_t_suffix_print(value, nullptr, 0); }
 #endif
 
 #endif /* KAVO_GEN_SOCKET_TYPES_H */

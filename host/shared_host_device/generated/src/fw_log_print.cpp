@@ -7,6 +7,11 @@
 #include "kavo/kavo_api.h"
 #include "velt_shared_log.h"
 
+/* The name of an enumeration value carried in a data word; a word beyond the
+   enumeration's last value is never converted to it. */
+#define FW_LOG_ENUM_NAME(type, last, word) \
+    ((word) <= (UINT32)(last) ? type##_print((type)(word), nullptr, 0) : "illegal " #type)
+
 void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2, UINT32 d3, UINT32 d4,
                   char* out, UINT32 out_size, UINT32* words_used)
 {
@@ -18,7 +23,7 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
     if (out == nullptr || out_size == 0) return;
     switch (code) {
     case 0: /* VELT_SUCCESS */
-        std::snprintf(out, out_size, "BASE: velt success d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "BASE: success");
         break;
     case 1: /* VELT_ERR_FAIL */
         std::snprintf(out, out_size, "BASE: velt err fail d0=%d, d1=%d", (int)d0, (int)d1);
@@ -165,7 +170,7 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "SCBS4: scbs4 err page swap failure d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 1797: /* SCBS4_LOG_SCHD_INIT */
-        std::snprintf(out, out_size, "SCBS4: scbs4 log schd init d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "scbs4::schd_init block=%s, energy_state=%s", display_block_name(d0) + 6, FW_LOG_ENUM_NAME(velt_energy_state_t, LAST_VELT_ENERGY_STATE, d1)); *words_used = 3;
         break;
     case 2048: /* STS_SW_LOG_CODE_START */
         std::snprintf(out, out_size, "STS_SW: sts sw log code start d0=%d, d1=%d", (int)d0, (int)d1);
@@ -222,10 +227,10 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "PB: pb line lpbk already prov d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 2568: /* PB_LOG_CHNL_PROV */
-        std::snprintf(out, out_size, "PB: pb log chnl prov d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "pb::chnl_prov block=%s, egress_port=%d egress_port_chnl=%d calendar_days=%d data_path=%d", display_block_name(d0) + 6, (int)(d1 & 0xFFFF), (int)(d1 >> 16), (int)(d2 & 0xFFFF), (int)(d2 >> 16)); *words_used = 3;
         break;
     case 2569: /* PB_LOG_CHNL_DEPROV */
-        std::snprintf(out, out_size, "PB: pb log chnl deprov d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "pb::chnl_deprov block=%s, egress_port=%d egress_port_chnl=%d", display_block_name(d0) + 6, (int)(d1 & 0xFFFF), (int)(d1 >> 16)); *words_used = 3;
         break;
     case 2816: /* ENET_LOG_CODE_START */
         std::snprintf(out, out_size, "ENET: enet log code start d0=%d, d1=%d", (int)d0, (int)d1);
@@ -456,10 +461,10 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "ILKN: ilkn log err ilkn intf disable prog fc cal d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 5911: /* ILKN_ERR_INVALID_TX_SERDES_NOT_PACKED */
-        std::snprintf(out, out_size, "ILKN: ilkn err invalid tx serdes not packed d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "ILKN: TX Serdes Ports not tightly packet in array. d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 5912: /* ILKN_ERR_INVALID_RX_SERDES_NOT_PACKED */
-        std::snprintf(out, out_size, "ILKN: ilkn err invalid rx serdes not packed d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "ILKN: RX Serdes Ports not tightly packet in array. d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 5913: /* ILKN_ERR_NUMBER_RX_TX_SERDES_MISMATCH */
         std::snprintf(out, out_size, "ILKN: ilkn err number rx tx serdes mismatch d0=%d, d1=%d", (int)d0, (int)d1);
@@ -498,91 +503,91 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "DBG_LOG: dbg log log code start d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6145: /* DBG_LOG_FAIL_VALUE_OUT_OF_RANGE */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log fail value out of range d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DBG_LOG: value out of range. value=%d, limit=%d", (int)d0, (int)d1);
         break;
     case 6146: /* DBG_LOG_ERR_NULL_POINTER */
         std::snprintf(out, out_size, "DBG_LOG: dbg log err null pointer d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6147: /* DBG_LOG_USER_LOG */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log user log d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DBG_LOG: user log. d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6148: /* DBG_LOG_STRING_LOG */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log string log d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DBG_LOG: string log. d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6149: /* DBG_LOG_ERROR_LOG_START */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log error log start d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DBG_LOG: start of a string message");
         break;
     case 6150: /* DBG_LOG_ERROR_LOG_CONT */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log error log cont d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DBG_LOG: middle of a string message");
         break;
     case 6151: /* DBG_LOG_ERROR_LOG_END */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log error log end d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DBG_LOG: end of a string message");
         break;
     case 6152: /* DBG_LOG_RUNTIME_ERROR_LOG */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log runtime error log d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "VELT_RUNTIME_ERROR: error log %s (0x%x), d1=%d", FW_LOG_ENUM_NAME(kavo_err_t, LAST_KAVO_MID * 0x100 - 1, d0), d0, (int)d1);
         break;
     case 6153: /* DBG_LOG_RUNTIME_ERROR_POSSIBLE_LOG */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log runtime error possible log d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "RUNTIME_ERROR_POSSIBLE_LOG: error log %s (0x%x), d1=%d", FW_LOG_ENUM_NAME(kavo_err_t, LAST_KAVO_MID * 0x100 - 1, d0), d0, (int)d1);
         break;
     case 6154: /* DBG_LOG_VELT_LOG_ERROR */
-        std::snprintf(out, out_size, "DBG_LOG: dbg log velt log error d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "VELT_LOG_ERROR: error %s (0x%x), d1=%d", FW_LOG_ENUM_NAME(kavo_err_t, LAST_KAVO_MID * 0x100 - 1, d0), d0, (int)d1);
         break;
     case 6155: /* DBG_LOG_VELT_LOG_HIGH */
         std::snprintf(out, out_size, "DBG_LOG: dbg log velt log high d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6400: /* LUMOHAL_LOG_CODE_START */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log code start d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "start of log codes for LUMOHAL d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6401: /* LUMOHAL_RMW_VALUE_OUT_OF_MASK_RANGE */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal rmw value out of mask range d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "LUMOHAL: Supplied value takes up more bits than the mask. d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6402: /* LUMOHAL_LOG_READ */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log read d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "RD addr=0x%08x value=0x%08x // %s", d0, d1, display_register_read(d0, 0xFFFFFFFFu, d1));
         break;
     case 6403: /* LUMOHAL_LOG_WRITE */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log write d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "WR addr=0x%08x value=0x%08x // %s", d0, d1, display_register_write(d0, 0xFFFFFFFFu, d1));
         break;
     case 6404: /* LUMOHAL_LOG_SET_MASK */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log set mask d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "SET_MSK addr=0x%08x value=0x%08x // %s", d0, d1, display_register_write(d0, d1, d1));
         break;
     case 6405: /* LUMOHAL_LOG_RESET_MASK */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log reset mask d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "RESET_MSK addr=0x%08x value=0x%08x // %s", d0, d1, display_register_write(d0, d1, 0));
         break;
     case 6406: /* LUMOHAL_LOG_READ_MODIFY_WRITE */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log read modify write d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "RMW addr=0x%08x mask=0x%08x value=0x%08x // %s", d0, d1, d2, display_register_write(d0, d1, d2)); *words_used = 3;
         break;
     case 6407: /* LUMOHAL_LOG_POLL */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log poll d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "Poll addr=0x%08x mask=0x%08x value=0x%08x timeout=%d usec // %s", d0, d1, d2, (int)d3, display_register_read(d0, d1, d2)); *words_used = 5;
         break;
     case 6408: /* LUMOHAL_ERR_INVALID_ADDRESS */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal err invalid address d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "LUMOHAL: register address is not decoded by the chip // %s", display_register(d0));
         break;
     case 6409: /* LUMOHAL_LOG_READ_FIELD */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log read field d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "RDF addr=0x%08x mask=0x%08x value=0x%08x // %s", d0, d1, d2, display_register_read(d0, d1, d2)); *words_used = 3;
         break;
     case 6410: /* LUMOHAL_LOG_POLL_SUCCESS */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log poll success d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "POLL SUCCESS addr=0x%08x mask=0x%08x value=0x%08x duration=%d usec // %s", d0, d1, d2, (int)d3, display_register_read(d0, d1, d2)); *words_used = 5;
         break;
     case 6411: /* LUMOHAL_LOG_POLL_FAIL */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log poll fail d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "POLL FAILED addr=0x%08x mask=0x%08x value=0x%08x timeout=%d usec // %s", d0, d1, d2, (int)d3, display_register_read(d0, d1, d2)); *words_used = 5;
         break;
     case 6412: /* LUMOHAL_LOG_POLL_FAIL_ITERATIONS */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log poll fail iterations d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "POLL FAILED addr=0x%08x mask=0x%08x value=0x%08x iterations=%d // %s", d0, d1, d2, (int)d3, display_register_read(d0, d1, d2)); *words_used = 5;
         break;
     case 6413: /* LUMOHAL_LOG_SLEEP_STARTED */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log sleep started d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "SLEEP_STARTED duration=%d usec", (int)d0);
         break;
     case 6414: /* LUMOHAL_LOG_SLEEP_FINISHED */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log sleep finished d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "SLEEP_FINISHED duration=%d usec", (int)d0);
         break;
     case 6415: /* LUMOHAL_LOG_POLL_SUCCESS_TICKS */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log poll success ticks d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "POLL SUCCESS addr=0x%08x mask=0x%08x value=0x%08x duration=%0.1f usec // %s", d0, d1, d2, (double)d3 / 200.0, display_register_read(d0, d1, d2)); *words_used = 5;
         break;
     case 6416: /* LUMOHAL_LOG_POLL_FAIL_TICKS */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log poll fail ticks d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "POLL FAILED addr=0x%08x mask=0x%08x value=0x%08x duration=%0.1f usec // %s", d0, d1, d2, (double)d3 / 200.0, display_register_read(d0, d1, d2)); *words_used = 5;
         break;
     case 6417: /* LUMOHAL_LOG_POLL_SUCCESS_ITERATIONS */
-        std::snprintf(out, out_size, "LUMOHAL: lumohal log poll success iterations d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "POLL ITERATIONS addr=0x%08x mask=0x%08x value=0x%08x iterations=%d // %s", d0, d1, d2, (int)d3, display_register_read(d0, d1, d2)); *words_used = 5;
         break;
     case 6656: /* DEFECTS_LOG_CODE_START */
         std::snprintf(out, out_size, "DEFECTS: defects log code start d0=%d, d1=%d", (int)d0, (int)d1);
@@ -618,43 +623,43 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "DEFECTS: defects err unknown sw defect d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6667: /* DEFECTS_LOG_BIND_I */
-        std::snprintf(out, out_size, "DEFECTS: defects log bind i d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: bind ive offset=%d i_addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register_read(d1, 1u << (d2 & 31), 0)); *words_used = 3;
         break;
     case 6668: /* DEFECTS_LOG_BIND_V */
-        std::snprintf(out, out_size, "DEFECTS: defects log bind v d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: bind ive offset=%d v_addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register_read(d1, 1u << (d2 & 31), 0)); *words_used = 3;
         break;
     case 6669: /* DEFECTS_LOG_BIND_E */
-        std::snprintf(out, out_size, "DEFECTS: defects log bind e d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: bind ive offset=%d e_addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register_read(d1, 1u << (d2 & 31), 0)); *words_used = 3;
         break;
     case 6670: /* DEFECTS_LOG_ENABLE */
-        std::snprintf(out, out_size, "DEFECTS: defects log enable d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: enable ive offset=%d e_addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register_write(d1, 1u << (d2 & 31), 1u << (d2 & 31))); *words_used = 3;
         break;
     case 6671: /* DEFECTS_LOG_DISABLE */
-        std::snprintf(out, out_size, "DEFECTS: defects log disable d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: disable ive offset=%d e_addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register_write(d1, 1u << (d2 & 31), 0)); *words_used = 3;
         break;
     case 6672: /* DEFECTS_LOG_RELEASE_I */
-        std::snprintf(out, out_size, "DEFECTS: defects log release i d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: release ive offset=%d i_addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register_read(d1, 1u << (d2 & 31), 0)); *words_used = 3;
         break;
     case 6673: /* DEFECTS_LOG_RELEASE_V */
-        std::snprintf(out, out_size, "DEFECTS: defects log release v d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: release ive offset=%d v_addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register_read(d1, 1u << (d2 & 31), 0)); *words_used = 3;
         break;
     case 6674: /* DEFECTS_LOG_RELEASE_E */
-        std::snprintf(out, out_size, "DEFECTS: defects log release e d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: release ive offset=%d e_addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register_read(d1, 1u << (d2 & 31), 0)); *words_used = 3;
         break;
     case 6675: /* DEFECTS_LOG_MISMATCH */
-        std::snprintf(out, out_size, "DEFECTS: defects log mismatch d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: ive bindings disagree offset=%d addr=0x%08x bit_num=%d // %s", (int)d0, d1, (int)d2, display_register(d1)); *words_used = 3;
         break;
     case 6676: /* DEFECTS_LOG_COLLECT_ALL_START */
-        std::snprintf(out, out_size, "DEFECTS: defects log collect all start d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: collecting all defects, %d channels", (int)d0);
         break;
     case 6677: /* DEFECTS_LOG_COLLECT_ALL_END */
-        std::snprintf(out, out_size, "DEFECTS: defects log collect all end d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: all defects collected, %d active", (int)d0);
         break;
     case 6678: /* DEFECTS_LOG_COLLECT_ENABLED_START */
-        std::snprintf(out, out_size, "DEFECTS: defects log collect enabled start d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: collecting enabled defects, %d channels", (int)d0);
         break;
     case 6679: /* DEFECTS_LOG_COLLECT_ENABLED_END */
-        std::snprintf(out, out_size, "DEFECTS: defects log collect enabled end d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DEFECTS: enabled defects collected, %d active", (int)d0);
         break;
     case 6912: /* PMON_LOG_CODE_START */
         std::snprintf(out, out_size, "PMON: pmon log code start d0=%d, d1=%d", (int)d0, (int)d1);
@@ -663,7 +668,7 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "PMON: pmon err invalid pmon feature d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6914: /* PMON_ERR_INVALID_LCLK_GEN */
-        std::snprintf(out, out_size, "PMON: pmon err invalid lclk gen d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "PMON: Invalid LCLK generator d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 6915: /* PMON_ERR_INVALID_PARAMS */
         std::snprintf(out, out_size, "PMON: pmon err invalid params d0=%d, d1=%d", (int)d0, (int)d1);
@@ -687,19 +692,19 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "STATS: stats err code assert d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 7170: /* STATS_LOG_STACK_SIZE */
-        std::snprintf(out, out_size, "STATS: stats log stack size d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "STATS: task stack used %d of %d bytes", (int)d0, (int)d1);
         break;
     case 7171: /* STATS_LOG_TASK_START */
-        std::snprintf(out, out_size, "STATS: stats log task start d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "STATS: task %d started", (int)d0);
         break;
     case 7172: /* STATS_LOG_TASK_COUNT */
-        std::snprintf(out, out_size, "STATS: stats log task count d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "STATS: %d tasks running", (int)d0);
         break;
     case 7424: /* WDOG_LOG_CODE_START */
         std::snprintf(out, out_size, "WDOG: wdog log code start d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 7425: /* WDOG_LOG_WATCHDOG_START */
-        std::snprintf(out, out_size, "WDOG: wdog log watchdog start d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "WDOG: watchdog started, period=%d msec", (int)d0);
         break;
     case 7680: /* TOP_LOG_CODE_START */
         std::snprintf(out, out_size, "TOP: top log code start d0=%d, d1=%d", (int)d0, (int)d1);
@@ -708,7 +713,7 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "TOP: top log debug d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 7682: /* TOP_FAILED_INIT */
-        std::snprintf(out, out_size, "TOP: top failed init d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "TOP: firmware initialisation failed with %s (0x%x)", FW_LOG_ENUM_NAME(kavo_err_t, LAST_KAVO_MID * 0x100 - 1, d0), d0);
         break;
     case 7936: /* VELT_SHARED_LOG_CODE_START */
         std::snprintf(out, out_size, "VELT_SHARED: velt shared log code start d0=%d, d1=%d", (int)d0, (int)d1);
@@ -795,10 +800,10 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "DTL: dtl log code start d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 8193: /* DTL_REQUEST_START */
-        std::snprintf(out, out_size, "DTL: dtl request start d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DTL: request started, operation=%d sequence=%d", (int)d0, (int)d1);
         break;
     case 8194: /* DTL_REQUEST_END */
-        std::snprintf(out, out_size, "DTL: dtl request end d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "DTL: request done, operation=%d result=%s", (int)d0, FW_LOG_ENUM_NAME(kavo_err_t, LAST_KAVO_MID * 0x100 - 1, d1));
         break;
     case 8195: /* DTL_INVALID_RESPONSE_DATA_PTR */
         std::snprintf(out, out_size, "DTL: dtl invalid response data ptr d0=%d, d1=%d", (int)d0, (int)d1);
@@ -942,7 +947,7 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "SEGMENT_BASE: segment base err invalid parent chnl id type d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 9491: /* SEGMENT_BASE_ERR_ILLEGAL_SERDES_PORT_ID */
-        std::snprintf(out, out_size, "SEGMENT_BASE: segment base err illegal serdes port id d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "SEGMENT_BASE: Input serdes_port_id is an illegal value (legal range 0 to 71)");
         break;
     case 9492: /* SEGMENT_BASE_ERR_ILLEGAL_CHNL_ID */
         std::snprintf(out, out_size, "SEGMENT_BASE: segment base err illegal chnl id d0=%d, d1=%d", (int)d0, (int)d1);
@@ -1224,10 +1229,10 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "FW_COMMON: fw common log code debug d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 10241: /* FW_COMMON_ERR_FW_LOG_INDEX_BAD */
-        std::snprintf(out, out_size, "FW_COMMON: fw common err fw log index bad d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "FW_COMMON: bad debug-log index %d of %d", (int)d0, (int)d1);
         break;
     case 10242: /* FW_COMMON_ERR_BAD_NUM_LOGS */
-        std::snprintf(out, out_size, "FW_COMMON: fw common err bad num logs d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "FW_COMMON: too many debug logs %d (max %d)", (int)d0, (int)d1);
         break;
     case 10496: /* DEV_RESET_LOG_CODE_START */
         std::snprintf(out, out_size, "DEV_RESET: dev reset log code start d0=%d, d1=%d", (int)d0, (int)d1);
@@ -1287,7 +1292,7 @@ void fw_log_print(kavo_fw_log* log, INT32 code, UINT32 d0, UINT32 d1, UINT32 d2,
         std::snprintf(out, out_size, "SERDES: serdes err prbs invalid mode d0=%d, d1=%d", (int)d0, (int)d1);
         break;
     case 11269: /* SERDES_ERR_INVALID_CFG_ACTION */
-        std::snprintf(out, out_size, "SERDES: serdes err invalid cfg action d0=%d, d1=%d", (int)d0, (int)d1);
+        std::snprintf(out, out_size, "SERDES: configuration action is invalid");
         break;
     case 11270: /* SERDES_ERR_ONLY_PAM4_SUPPORT_P56_PRBS */
         std::snprintf(out, out_size, "SERDES: serdes err only pam4 support p56 prbs d0=%d, d1=%d", (int)d0, (int)d1);

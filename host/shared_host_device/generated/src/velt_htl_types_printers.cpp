@@ -566,7 +566,7 @@ void kavo_htl_response_t_print_at(const kavo_htl_response_t* value, const char* 
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "device_id", (unsigned)value->device_id);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "sequence_num", (unsigned)value->sequence_num);
     VELT_PRINTF(file, "%*s%s: %s\n", pad, "", "operation", kavo_htl_operation_t_print(value->operation, nullptr, 0));
-    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "result", (unsigned)value->result);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "result", (unsigned)value->result);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "mode", (unsigned)value->mode);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "value", (unsigned)value->value);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "value2", (unsigned)value->value2);

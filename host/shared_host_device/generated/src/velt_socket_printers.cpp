@@ -8,6 +8,8 @@
 
 extern "C" {
 extern const velt_enum_table_t sim_command_type_t_table;
+extern const velt_enum_table_t sim_fault_t_table;
+extern const velt_enum_table_t sim_fw_state_t_table;
 }
 extern "C" {
 
@@ -61,5 +63,163 @@ static const velt_enum_entry_t sim_command_type_t_entries[] = {
 };
 const velt_enum_table_t sim_command_type_t_table = {"sim_command_type_t", "SIM_COMMAND_", sim_command_type_t_entries,
     (UINT32)(sizeof(sim_command_type_t_entries) / sizeof(sim_command_type_t_entries[0]))};
+
+
+static const char* sim_fault_t_name(UINT32 value)
+{
+    switch (value) {
+    case 0: return "SIM_FAULT_CLEAR_ALL";
+    case 1: return "SIM_FAULT_BUS_FAIL_ADDRESS";
+    case 2: return "SIM_FAULT_BUS_FAIL_NTH";
+    case 3: return "SIM_FAULT_FW_HANG";
+    case 4: return "SIM_FAULT_SLOW_REPLY";
+    case 5: return "SIM_FAULT_WRONG_SEQUENCE";
+    case 6: return "SIM_FAULT_WRONG_OPERATION";
+    case 7: return "SIM_FAULT_WRONG_DEVICE_ID";
+    case 8: return "SIM_FAULT_OVERSIZED_REPLY";
+    case 9: return "SIM_FAULT_DOORBELL_KEPT";
+    case 10: return "SIM_FAULT_CORRUPT_IMAGE";
+    case 11: return "SIM_FAULT_FW_RESTART";
+    case 12: return "SIM_FAULT_CORRUPT_CONSOLE_COOKIE";
+    case 13: return "SIM_FAULT_CORRUPT_STATS_COOKIE";
+    case 14: return "SIM_FAULT_CORRUPT_DBG_LOG_COOKIE";
+    case 15: return "SIM_FAULT_CORRUPT_CONSOLE_RING";
+    case 16: return "SIM_FAULT_CORRUPT_DBG_LOG_INDEX";
+    case 17: return "LAST_SIM_FAULT";
+    default: return nullptr;
+    }
+}
+
+const char* sim_fault_t_print(sim_fault_t value, char* buffer, UINT32 length)
+{
+    const char* name = sim_fault_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("sim_fault_t", "illegal sim_fault_t", (int)value, buffer, length);
+}
+
+const char* sim_fault_t_suffix_print(sim_fault_t value, char* buffer, UINT32 length)
+{
+    const char* name = sim_fault_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("sim_fault_t", "illegal sim_fault_t", (int)value, buffer, length);
+    if (std::strncmp(name, "SIM_FAULT_", 10) == 0) return name + 10;
+    return name;
+}
+
+static const velt_enum_entry_t sim_fault_t_entries[] = {
+    {"SIM_FAULT_CLEAR_ALL", 0},
+    {"SIM_FAULT_BUS_FAIL_ADDRESS", 1},
+    {"SIM_FAULT_BUS_FAIL_NTH", 2},
+    {"SIM_FAULT_FW_HANG", 3},
+    {"SIM_FAULT_SLOW_REPLY", 4},
+    {"SIM_FAULT_WRONG_SEQUENCE", 5},
+    {"SIM_FAULT_WRONG_OPERATION", 6},
+    {"SIM_FAULT_WRONG_DEVICE_ID", 7},
+    {"SIM_FAULT_OVERSIZED_REPLY", 8},
+    {"SIM_FAULT_DOORBELL_KEPT", 9},
+    {"SIM_FAULT_CORRUPT_IMAGE", 10},
+    {"SIM_FAULT_FW_RESTART", 11},
+    {"SIM_FAULT_CORRUPT_CONSOLE_COOKIE", 12},
+    {"SIM_FAULT_CORRUPT_STATS_COOKIE", 13},
+    {"SIM_FAULT_CORRUPT_DBG_LOG_COOKIE", 14},
+    {"SIM_FAULT_CORRUPT_CONSOLE_RING", 15},
+    {"SIM_FAULT_CORRUPT_DBG_LOG_INDEX", 16},
+    {"LAST_SIM_FAULT", 17}
+};
+const velt_enum_table_t sim_fault_t_table = {"sim_fault_t", "SIM_FAULT_", sim_fault_t_entries,
+    (UINT32)(sizeof(sim_fault_t_entries) / sizeof(sim_fault_t_entries[0]))};
+
+
+static const char* sim_fw_state_t_name(UINT32 value)
+{
+    switch (value) {
+    case 0: return "SIM_FW_STATE_IN_RESET";
+    case 1: return "SIM_FW_STATE_RUNNING";
+    case 2: return "SIM_FW_STATE_BAD_IMAGE";
+    case 3: return "SIM_FW_STATE_HUNG";
+    case 4: return "LAST_SIM_FW_STATE";
+    default: return nullptr;
+    }
+}
+
+const char* sim_fw_state_t_print(sim_fw_state_t value, char* buffer, UINT32 length)
+{
+    const char* name = sim_fw_state_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("sim_fw_state_t", "illegal sim_fw_state_t", (int)value, buffer, length);
+}
+
+const char* sim_fw_state_t_suffix_print(sim_fw_state_t value, char* buffer, UINT32 length)
+{
+    const char* name = sim_fw_state_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("sim_fw_state_t", "illegal sim_fw_state_t", (int)value, buffer, length);
+    if (std::strncmp(name, "SIM_FW_STATE_", 13) == 0) return name + 13;
+    return name;
+}
+
+static const velt_enum_entry_t sim_fw_state_t_entries[] = {
+    {"SIM_FW_STATE_IN_RESET", 0},
+    {"SIM_FW_STATE_RUNNING", 1},
+    {"SIM_FW_STATE_BAD_IMAGE", 2},
+    {"SIM_FW_STATE_HUNG", 3},
+    {"LAST_SIM_FW_STATE", 4}
+};
+const velt_enum_table_t sim_fw_state_t_table = {"sim_fw_state_t", "SIM_FW_STATE_", sim_fw_state_t_entries,
+    (UINT32)(sizeof(sim_fw_state_t_entries) / sizeof(sim_fw_state_t_entries[0]))};
+
+
+void sim_message_header_t_init(sim_message_header_t* value) { value->init(); }
+
+void sim_message_header_t_print_at(const sim_message_header_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "length", (unsigned)value->length);
+    VELT_PRINTF(file, "%*s%s: %s\n", pad, "", "command", sim_command_type_t_print(value->command, nullptr, 0));
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "device_id", (unsigned)value->device_id);
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "status", (unsigned)value->status);
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "arg0", (unsigned)value->arg0);
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "arg1", (unsigned)value->arg1);
+}
+
+void sim_message_header_t_print(const sim_message_header_t* value, FILE* file) { sim_message_header_t_print_at(value, "sim_message_header_t", file, 0, -1); }
+
+
+void sim_chip_config_t_init(sim_chip_config_t* value) { value->init(); }
+
+void sim_chip_config_t_print_at(const sim_chip_config_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "device_code", (unsigned)value->device_code);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "revision_code", (unsigned)value->revision_code);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "mode", (unsigned)value->mode);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "service_time_us", (unsigned)value->service_time_us);
+}
+
+void sim_chip_config_t_print(const sim_chip_config_t* value, FILE* file) { sim_chip_config_t_print_at(value, "sim_chip_config_t", file, 0, -1); }
+
+
+void sim_chip_info_t_init(sim_chip_info_t* value) { value->init(); }
+
+void sim_chip_info_t_print_at(const sim_chip_info_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "device_code", (unsigned)value->device_code);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "revision_code", (unsigned)value->revision_code);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "mode", (unsigned)value->mode);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "service_time_us", (unsigned)value->service_time_us);
+    VELT_PRINTF(file, "%*s%s: %s\n", pad, "", "fw_state", sim_fw_state_t_print(value->fw_state, nullptr, 0));
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "boot_count", (unsigned)value->boot_count);
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "fw_version", (unsigned)value->fw_version);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "fw_revision", (unsigned)value->fw_revision);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "requests", (unsigned)value->requests);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "replies", (unsigned)value->replies);
+}
+
+void sim_chip_info_t_print(const sim_chip_info_t* value, FILE* file) { sim_chip_info_t_print_at(value, "sim_chip_info_t", file, 0, -1); }
 
 } /* extern "C" */
