@@ -1,0 +1,169 @@
+/* The virtual kavo device: up to 32 chips per process, each with its register
+   file, 4 MiB of on-chip RAM, its processor's reset state and its firmware,
+   reached through a callout table exactly as libkavo reaches a real chip. */
+#ifndef KAVO_SIM_KAVO_SIM_H
+#define KAVO_SIM_KAVO_SIM_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kavo/kavo_api.h"
+#include "kavo_sim/chip_map.h"
+#include "kavo_sim/image.h"
+
+namespace kavo_sim {
+
+enum class exec_mode { synchronous, threaded };
+
+struct chip_config {
+    UINT32 device_code = 0x6100; // DEVICE_ID field of register DEVICE_ID
+    UINT32 revision_code = 0;    // 0 = reva, else revb
+    exec_mode mode = exec_mode::synchronous;
+    UINT32 service_time_us = 0; // time the firmware takes to answer a request
+};
+
+constexpr UINT32 MAX_CHIPS = 32;
+
+/* Faults a chip can be given. Counted reply faults act on the next N replies. */
+struct fault_config {
+    std::vector<UINT32> bus_fail_addresses; // transactions touching these fail
+    UINT32 bus_fail_nth = 0;                // the Nth bus transaction from now fails (1 = the next); 0 off
+    bool fw_hang = false;                   // the next request hangs the firmware until a reset
+    UINT32 slow_reply_us = 0;               // extra time before every reply
+    UINT32 wrong_sequence = 0;
+    UINT32 wrong_operation = 0;
+    UINT32 wrong_device_id = 0;
+    UINT32 oversized_reply = 0;
+    UINT32 oversized_reply_bytes = 64; // added to the reply payload of an oversized reply
+    UINT32 doorbell_kept = 0;          // reply written, status raised, doorbell left at 0
+    bool corrupt_image = false;        // the next firmware start finds its image corrupt
+};
+
+enum class event_kind { reg_read, reg_write, burst_read, burst_write, request, reply };
+
+/* One journal entry. Bus transactions: address, value (or word count) and bus
+   status. Requests and replies: the mailbox header words. */
+struct journal_event {
+    event_kind kind = event_kind::reg_read;
+    UINT32 address = 0;
+    UINT32 value = 0;
+    UINT32 status = 0;
+    UINT32 device_id = 0;
+    UINT32 sequence_num = 0;
+    UINT32 operation = 0;
+    UINT32 result = 0;
+    UINT32 data_size = 0;
+};
+
+struct journal_counters {
+    UINT64 reads = 0;
+    UINT64 writes = 0;
+    UINT64 burst_reads = 0;
+    UINT64 burst_writes = 0;
+    UINT64 words_read = 0;    // by burst reads
+    UINT64 words_written = 0; // by burst writes
+    UINT64 bus_errors = 0;
+    UINT64 requests = 0;
+    UINT64 replies = 0;
+};
+
+struct journal_snapshot {
+    journal_counters counters;
+    std::vector<journal_event> events; // the most recent JOURNAL_EVENTS, oldest first
+};
+constexpr UINT32 JOURNAL_EVENTS = 4096;
+
+class chip_impl;
+
+class chip {
+  public:
+    chip(UINT32 device_id, const chip_config& cfg);
+    ~chip();
+    chip(const chip&) = delete;
+    chip& operator=(const chip&) = delete;
+
+    UINT32 device_id() const;
+    const chip_config& config() const;
+
+    // Bus transactions, as the callouts make them; each returns a bus status.
+    UINT32 reg_read(UINT32 address, UINT32* value);
+    UINT32 reg_write(UINT32 address, UINT32 value);
+    UINT32 burst_read(UINT32 address, UINT32 words, UINT32* buffer);
+    UINT32 burst_write(UINT32 address, UINT32 words, const UINT32* buffer);
+
+    // Back door for tests: RAM without bus, journal or faults.
+    UINT32 ram_peek(UINT32 address) const;
+    void ram_poke(UINT32 address, UINT32 value);
+
+    sim_fw_state_t fw_state() const;
+    UINT32 boot_count() const;
+    sim_chip_info_t info() const;
+
+    fault_config faults() const;
+    void faults(const fault_config& f);
+    /* The wire form of faults and one-shot actions (restart, log corruption):
+       a and b as sim_fault_t says. Unknown faults answer VELT_ERR_INVALID_ARGS. */
+    VELT_ERROR fault_set(sim_fault_t fault, UINT32 a = 0, UINT32 b = 0);
+
+    journal_snapshot journal() const;
+    journal_counters counters() const;
+    void journal_reset();
+
+  private:
+    std::unique_ptr<chip_impl> impl_;
+};
+
+VELT_ERROR chip_create(UINT32 device_id, const chip_config& cfg = {});
+void chip_destroy(UINT32 device_id);
+void chip_destroy_all();
+chip* chip_get(UINT32 device_id);
+
+/* In-process callout table reaching every chip by device id. Its log_api
+   vfprintf's to the FILE it is given (stdout when null); log_init returns a
+   context whose first word is stdout. */
+tavo_callout_api_st* callouts();
+
+/* Socket transport. socket_callouts connects this process to kavo-simd (or an
+   in-process socket_server) at socket_path and returns a callout table that
+   reaches its chips; null if it cannot connect. One connection per process:
+   a later call replaces the earlier one. */
+tavo_callout_api_st* socket_callouts(const char* socket_path);
+void socket_disconnect();
+VELT_ERROR socket_chip_create(const char* socket_path, UINT32 device_id, const chip_config& cfg);
+VELT_ERROR socket_chip_destroy(const char* socket_path, UINT32 device_id);
+VELT_ERROR socket_chip_info(const char* socket_path, UINT32 device_id, sim_chip_info_t* info);
+VELT_ERROR socket_fault_set(const char* socket_path, UINT32 device_id, sim_fault_t fault, UINT32 a = 0,
+                            UINT32 b = 0);
+VELT_ERROR socket_shutdown(const char* socket_path);
+
+/* Handles one message of size bytes as kavo-simd does and builds the reply
+   message (header and payload). A message whose length word disagrees with
+   size, or that is malformed otherwise, is answered with status
+   VELT_ERR_INVALID_ARGS and changes nothing. Returns true for SHUTDOWN. */
+bool socket_handle_message(const UINT8* data, size_t size, std::vector<UINT8>& reply);
+
+/* Serves the chips of this process on a Unix domain socket. run() serves until
+   stop() (any thread or a signal handler), a SHUTDOWN message, or a fatal
+   socket error. */
+class socket_server {
+  public:
+    socket_server();
+    ~socket_server();
+    socket_server(const socket_server&) = delete;
+    socket_server& operator=(const socket_server&) = delete;
+
+    VELT_ERROR listen(const char* socket_path); // binds; VELT_ERR_FAIL if it cannot
+    void run();
+    void stop(); // async-signal-safe
+    void start_thread(); // run() on a thread of its own, for tests
+    void join();
+
+  private:
+    struct impl;
+    std::unique_ptr<impl> impl_;
+};
+
+} // namespace kavo_sim
+
+#endif

@@ -1,0 +1,181 @@
+// The client side of kavo-simd's socket: a callout table whose register
+// callouts travel as messages, and one-shot chip commands.
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <unistd.h>
+
+#include "kavo_sim/kavo_sim.h"
+#include "sim_callouts.h"
+#include "socket/socket_io.h"
+
+namespace kavo_sim {
+namespace {
+
+/* The process's connection. The callouts carry no context, so there is one;
+   a mutex keeps each request and its reply together. */
+struct connection {
+    std::mutex mutex;
+    int fd = -1;
+    std::string path;
+
+    bool open_locked()
+    {
+        if (fd >= 0) return true;
+        fd = sock::connect_to(path.c_str());
+        if (fd < 0) return false;
+        sim_message_header_t hello;
+        hello.command = SIM_COMMAND_HELLO;
+        if (!sock::transact(fd, hello, nullptr, 0, nullptr) || hello.arg0 != SIM_PROTOCOL_VERSION) {
+            close_locked();
+            return false;
+        }
+        return true;
+    }
+    void close_locked()
+    {
+        if (fd >= 0) ::close(fd);
+        fd = -1;
+    }
+    /* One exchange; a broken connection is reopened once (kavo-simd restarted). */
+    UINT32 exchange(sim_message_header_t& hdr, const UINT32* in, UINT32 words, std::vector<UINT32>* out)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        const sim_message_header_t request = hdr;
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            if (!open_locked()) return map::BUS_ERR_LINK;
+            hdr = request;
+            if (sock::transact(fd, hdr, in, words, out)) return hdr.status;
+            close_locked();
+        }
+        return map::BUS_ERR_LINK;
+    }
+};
+
+connection& link()
+{
+    static connection c;
+    return c;
+}
+
+sim_message_header_t header(sim_command_type_t command, UINT32 device_id, UINT32 arg0 = 0, UINT32 arg1 = 0)
+{
+    sim_message_header_t h;
+    h.command = command;
+    h.device_id = device_id;
+    h.arg0 = arg0;
+    h.arg1 = arg1;
+    return h;
+}
+
+UINT32 cb_read(void*, UINT32, UINT32 device_id, UINT32 address, UINT32* value)
+{
+    sim_message_header_t h = header(SIM_COMMAND_REG_READ, device_id, address);
+    const UINT32 s = link().exchange(h, nullptr, 0, nullptr);
+    if (value) *value = s == map::BUS_ERR_LINK ? 0xFFFFFFFF : h.arg0;
+    return s;
+}
+
+UINT32 cb_write(void*, UINT32, UINT32 device_id, UINT32 address, UINT32 value)
+{
+    sim_message_header_t h = header(SIM_COMMAND_REG_WRITE, device_id, address, value);
+    return link().exchange(h, nullptr, 0, nullptr);
+}
+
+UINT32 cb_bread(void*, UINT32, UINT32 device_id, UINT32 words, UINT32 address, UINT32* buffer)
+{
+    if (words > SIM_MESSAGE_MAX_PAYLOAD_WORDS) return map::BUS_ERR_DECODE;
+    sim_message_header_t h = header(SIM_COMMAND_BURST_READ, device_id, address, words);
+    std::vector<UINT32> data;
+    const UINT32 s = link().exchange(h, nullptr, 0, &data);
+    if (s == map::BUS_OK && data.size() == words) {
+        std::copy(data.begin(), data.end(), buffer);
+        return s;
+    }
+    return s == map::BUS_OK ? map::BUS_ERR_LINK : s;
+}
+
+UINT32 cb_bwrite(void*, UINT32, UINT32 device_id, UINT32 words, UINT32 address, UINT32* buffer)
+{
+    if (words > SIM_MESSAGE_MAX_PAYLOAD_WORDS) return map::BUS_ERR_DECODE;
+    sim_message_header_t h = header(SIM_COMMAND_BURST_WRITE, device_id, address, words);
+    return link().exchange(h, buffer, words, nullptr);
+}
+
+/* A command on a connection of its own, for the one-shot calls. */
+VELT_ERROR command(const char* path, sim_message_header_t& h, const UINT32* in, UINT32 words,
+                   std::vector<UINT32>* out)
+{
+    const int fd = sock::connect_to(path);
+    if (fd < 0) return VELT_ERR_FAIL;
+    const bool ok = sock::transact(fd, h, in, words, out);
+    ::close(fd);
+    return ok ? h.status : VELT_ERROR(VELT_ERR_FAIL);
+}
+
+} // namespace
+
+tavo_callout_api_st* socket_callouts(const char* socket_path)
+{
+    static qspi_callout_api_st bus{cb_read, cb_write, cb_bread, cb_bwrite};
+    static tavo_callout_api_st table{&bus, log_to_file, log_context_init, nullptr};
+    if (!socket_path) return nullptr;
+    connection& c = link();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    c.close_locked();
+    c.path = socket_path;
+    return c.open_locked() ? &table : nullptr;
+}
+
+void socket_disconnect()
+{
+    connection& c = link();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    c.close_locked();
+}
+
+VELT_ERROR socket_chip_create(const char* socket_path, UINT32 device_id, const chip_config& cfg)
+{
+    sim_chip_config_t w;
+    w.device_code = cfg.device_code;
+    w.revision_code = cfg.revision_code;
+    w.mode = cfg.mode == exec_mode::threaded ? 1 : 0;
+    w.service_time_us = cfg.service_time_us;
+    UINT32 words[sizeof(w) / 4];
+    std::memcpy(words, static_cast<const void*>(&w), sizeof(w));
+    sim_message_header_t h = header(SIM_COMMAND_CHIP_CREATE, device_id);
+    return command(socket_path, h, words, sizeof(w) / 4, nullptr);
+}
+
+VELT_ERROR socket_chip_destroy(const char* socket_path, UINT32 device_id)
+{
+    sim_message_header_t h = header(SIM_COMMAND_CHIP_DESTROY, device_id);
+    return command(socket_path, h, nullptr, 0, nullptr);
+}
+
+VELT_ERROR socket_chip_info(const char* socket_path, UINT32 device_id, sim_chip_info_t* info)
+{
+    sim_message_header_t h = header(SIM_COMMAND_CHIP_INFO, device_id);
+    std::vector<UINT32> data;
+    const VELT_ERROR e = command(socket_path, h, nullptr, 0, &data);
+    if (e != VELT_SUCCESS) return e;
+    if (data.size() != sizeof(sim_chip_info_t) / 4 || !info) return VELT_ERR_FAIL;
+    std::memcpy(static_cast<void*>(info), data.data(), sizeof(*info));
+    return VELT_SUCCESS;
+}
+
+VELT_ERROR socket_fault_set(const char* socket_path, UINT32 device_id, sim_fault_t fault, UINT32 a, UINT32 b)
+{
+    const UINT32 words[2] = {a, b};
+    sim_message_header_t h = header(SIM_COMMAND_FAULT_SET, device_id, UINT32(fault));
+    return command(socket_path, h, words, 2, nullptr);
+}
+
+VELT_ERROR socket_shutdown(const char* socket_path)
+{
+    sim_message_header_t h = header(SIM_COMMAND_SHUTDOWN, 0);
+    return command(socket_path, h, nullptr, 0, nullptr);
+}
+
+} // namespace kavo_sim
