@@ -1,0 +1,91 @@
+#!/usr/bin/env python3
+"""Writes the seed inputs of the fuzz targets into fuzz/corpus/<target>/:
+well-formed log-buffer blocks that the fuzzer then bends out of shape.
+
+  python3 fuzz/make_seeds.py
+"""
+import os
+import struct
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+CONSOLE_COOKIE, STATS_COOKIE, DBG_LOG_COOKIE = 0xFACEF00D, 0xFADED0FF, 0xF00DF00D
+HEADER_WORDS = 17  # the console ring starts at word 17 of the block
+
+
+def words(*values):
+    return b"".join(struct.pack("<I", v & 0xFFFFFFFF) for v in values)
+
+
+def record(text):
+    """One console record: separator, count, text packed 4 bytes per word
+    (NUL-padded; a length that is a multiple of 4 carries no NUL)."""
+    data = text.encode()
+    n = max(1, (len(data) + 3) // 4)
+    return words(0, n) + data.ljust(4 * n, b"\0")
+
+
+def console_frame(op, word_offset, payload):
+    assert len(payload) % 4 == 0 and len(payload) // 4 < 256
+    return bytes([op]) + struct.pack("<H", word_offset) + bytes([len(payload) // 4]) + payload
+
+
+def console_seeds():
+    ring = record("boot\n") + record("abcd") + record("link up on port 3\n")
+    n = len(ring) // 4
+    yield "records", console_frame(2, HEADER_WORDS, ring) + console_frame(1, 1, words(0, n)) + \
+        console_frame(0, HEADER_WORDS + n, record("more\n")) + console_frame(0, 2, words(n + 4))
+    # A ring near its end: records, the wrap marker, then newer records from word 0.
+    tail = record("old text at the end")
+    start = 8192 - len(tail) // 4 - 2
+    newer = record("new at 0\n")
+    yield "wrapped", console_frame(2, HEADER_WORDS + start, tail + words(0, 0)) + \
+        console_frame(2, HEADER_WORDS, newer) + console_frame(1, 1, words(1, len(newer) // 4))
+    yield "writer", bytes([4]) + b"\0\0" + bytes([3]) + b"hello world\n" + bytes([4]) + b"\0\0" + bytes([1]) + b"abc\0"
+
+
+def fw_log_block():
+    stats_off, desc_off, desc_size = 200, 400, 40
+    entries = [(512, 8), (768, 8)]
+    block = bytearray(1024)
+    block[0:68] = words(0, 0, 0, 8192 * 4, 68,
+                        STATS_COOKIE, 2, 80, stats_off,
+                        DBG_LOG_COOKIE, len(entries), desc_size, desc_off,
+                        0, 0, 0, 0)
+    for i, (name, num, started) in enumerate([(b"cmd", 3, 0), (b"idle", 0, 1)]):
+        rec = name.ljust(28, b"\0") + bytes([1, started, 0, 0]) + words(0, 100) + \
+            struct.pack("<QQII", num, 1810 * num, 1800, 1820) + struct.pack("<QII", 181 * num, 150, 200)
+        block[stats_off + 80 * i: stats_off + 80 * (i + 1)] = rec
+    for i, (offset, count) in enumerate(entries):
+        block[desc_off + desc_size * i: desc_off + desc_size * (i + 1)] = \
+            b"log%d".ljust(20, b"\0") % i + words(count, offset, 5, 0) + words(0)
+        for k in range(count):
+            code = [6413, 6403, 6406, 6149, 6150, 6151, 6152, 65535][k]
+            block[offset + 32 * k: offset + 32 * (k + 1)] = \
+                struct.pack("<QHH", 1000 * k + 500 * i, 0, code) + words(k, 0x1234, 42, 0x100, 0x200)
+    return bytes(block)
+
+
+def fw_log_seeds():
+    block = fw_log_block()
+    image = struct.pack("<H", len(block)) + block
+
+    def frame(op, offset, payload):
+        return bytes([op]) + struct.pack("<I", offset)[:3] + bytes([len(payload)]) + payload
+
+    # Show, advance one log past a wrap, show again; then a restart.
+    yield "two_logs", image + frame(0, 400 + 28, words(7, 1)) + frame(1, 0, b"") + \
+        frame(0, 400 + 28, words(2, 0)) + frame(4, 0, b"") + b"\0"
+    yield "console_and_logs", image + frame(4, 0, words(CONSOLE_COOKIE)) + b"\0"
+
+
+def write(target, seeds):
+    folder = os.path.join(HERE, "corpus", target)
+    os.makedirs(folder, exist_ok=True)
+    for name, data in seeds:
+        with open(os.path.join(folder, name), "wb") as f:
+            f.write(data)
+
+
+if __name__ == "__main__":
+    write("fuzz_console_reader", console_seeds())
+    write("fuzz_fw_log", fw_log_seeds())
