@@ -7,5 +7,8 @@
 #include "kavo/kavo_callout.h"
 #include "kavo/gen/kavo_all_types.h"
 #include "kavo/kavo_sdk.h"
+#include "kavo/kavo_api_config.h"
+#include "kavo/kavo_api_debug.h"
+#include "kavo/kavo_api_ipi.h"
 
 #endif /* KAVO_API_H */

@@ -170,7 +170,8 @@ UINT32 velt_sys_file_close(FILE* file) { return std::fclose(file) != 0 ? 1 : 0; 
 
 UINT32 velt_sys_file_read(FILE* file, void* buffer, UINT32* offset, UINT32* length)
 {
-    if (std::fseek(file, (long)*offset, SEEK_SET) != 0) return 1;
+    // Seeking where the stream already is would only drop its buffer.
+    if (std::ftell(file) != (long)*offset && std::fseek(file, (long)*offset, SEEK_SET) != 0) return 1;
     *length = (UINT32)std::fread(buffer, 1, *length, file);
     return 0;
 }

@@ -1,0 +1,226 @@
+// Command-path figures on the in-process virtual device (synchronous mode):
+// bus transactions and heap allocations per command, library-side CPU time,
+// the cost of trace and statistics, two-device throughput, download speed.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <x86intrin.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kavo/kavo_api.h"
+#include "kavo_device.h"
+#include "kavo_sim/kavo_sim.h"
+#include "velt_library_options.h"
+
+// Every allocation made outside the device's callouts is the library's.
+static std::atomic<UINT64> allocations{0};
+static thread_local bool in_device = false;
+extern "C" void* __libc_malloc(size_t);
+extern "C" void* malloc(size_t size)
+{
+    if (!in_device) allocations.fetch_add(1, std::memory_order_relaxed);
+    return __libc_malloc(size);
+}
+
+namespace {
+
+// Time spent inside the device: every callout is wrapped and timed, so the
+// library's own time is the total minus this.
+std::atomic<UINT64> device_ticks{0};
+qspi_callout_api_st* device_bus = nullptr;
+
+struct tick_guard {
+    tick_guard() { in_device = true; }
+    ~tick_guard()
+    {
+        device_ticks.fetch_add(__rdtsc() - start, std::memory_order_relaxed);
+        in_device = false;
+    }
+    UINT64 start = __rdtsc();
+};
+UINT32 timed_read(void* c, UINT32 b, UINT32 d, UINT32 a, UINT32* v)
+{
+    tick_guard g;
+    return device_bus->qspi_read(c, b, d, a, v);
+}
+UINT32 timed_write(void* c, UINT32 b, UINT32 d, UINT32 a, UINT32 v)
+{
+    tick_guard g;
+    return device_bus->qspi_write(c, b, d, a, v);
+}
+UINT32 timed_bread(void* c, UINT32 b, UINT32 d, UINT32 n, UINT32 a, UINT32* p)
+{
+    tick_guard g;
+    return device_bus->qspi_bread(c, b, d, n, a, p);
+}
+UINT32 timed_bwrite(void* c, UINT32 b, UINT32 d, UINT32 n, UINT32 a, UINT32* p)
+{
+    tick_guard g;
+    return device_bus->qspi_bwrite(c, b, d, n, a, p);
+}
+qspi_callout_api_st timed_bus = {timed_read, timed_write, timed_bread, timed_bwrite};
+
+FILE* devnull = nullptr;
+int null_log(void*, FILE* file, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    int n = std::vfprintf(file, format, args);
+    va_end(args);
+    return n;
+}
+void* log_init(UINT32, UINT32, const char*) { return &devnull; }
+tavo_callout_api_st callouts = {&timed_bus, null_log, log_init, nullptr};
+
+double ticks_per_ns()
+{
+    static double value = [] {
+        auto t0 = std::chrono::steady_clock::now();
+        UINT64 c0 = __rdtsc();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        UINT64 c1 = __rdtsc();
+        auto t1 = std::chrono::steady_clock::now();
+        return double(c1 - c0) / double(std::chrono::duration_cast<std::chrono::nanoseconds>(t1 - t0).count());
+    }();
+    return value;
+}
+
+void bring_up(UINT32 devices)
+{
+    static bool sdk = false;
+    if (!sdk) {
+        devnull = std::fopen("/dev/null", "w");
+        device_bus = kavo_sim::callouts()->qspi_callout_api_ctx;
+        kavo_sdk_init(&callouts);
+        kavo_fw_filename_set(KAVO_FW_IMAGE_DIR "/kavo_fw_app_revx.mem");
+        sdk = true;
+    }
+    for (UINT32 id = 0; id < devices; ++id) {
+        if (kavo_device_find(id) != nullptr) continue;
+        kavo_sim::chip_create(id);
+        kavo_function_logging_set(0);
+        if (kavo_device_init(id, KAVO_INIT_COLD) != VELT_SUCCESS) std::abort();
+    }
+    kavo_function_logging_set(0);
+    velt_option_function_stats.value = false;
+}
+
+UINT64 bus_transactions(UINT32 id)
+{
+    const kavo_sim::journal_counters c = kavo_sim::chip_get(id)->counters();
+    return c.reads + c.writes + c.burst_reads + c.burst_writes;
+}
+
+// A command whose reply carries no payload (configuration) and one whose reply does (status).
+VELT_ERROR command_without_payload(UINT32 id)
+{
+    static kavo_config_t cfg = [] {
+        kavo_config_t c;
+        c.device_mode = KAVO_DEVICE_MODE_1200G_ENET;
+        return c;
+    }();
+    return kavo_device_config(id, &cfg);
+}
+VELT_ERROR command_with_payload(UINT32 id)
+{
+    kavo_status_info_t status;
+    return kavo_device_status_get(id, &status);
+}
+
+template <VELT_ERROR (*command)(UINT32)>
+void BM_command(benchmark::State& state)
+{
+    bring_up(1);
+    const bool trace = state.range(0) != 0;
+    kavo_function_logging_set(trace);
+    kavo_status_logging_set(trace);
+    if (trace) callouts.log_api = null_log;
+    const UINT64 bus0 = bus_transactions(0);
+    const UINT64 alloc0 = allocations.load();
+    const UINT64 device0 = device_ticks.load();
+    const auto t0 = std::chrono::steady_clock::now();
+    for (auto _ : state)
+        if (command(0) != VELT_SUCCESS) state.SkipWithError("command failed");
+    const double ns = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - t0).count();
+    const double n = double(state.iterations());
+    const double device_ns = double(device_ticks.load() - device0) / ticks_per_ns();
+    state.counters["bus_per_cmd"] = double(bus_transactions(0) - bus0) / n;
+    state.counters["allocs_per_cmd"] = double(allocations.load() - alloc0) / n;
+    state.counters["total_us"] = ns / n / 1000.0;
+    state.counters["device_us"] = device_ns / n / 1000.0;
+    state.counters["library_us"] = (ns - device_ns) / n / 1000.0;
+    kavo_function_logging_set(0);
+    kavo_status_logging_set(0);
+}
+BENCHMARK(BM_command<command_without_payload>)->Name("config_no_reply_payload")->Arg(0)->Arg(1);
+BENCHMARK(BM_command<command_with_payload>)->Name("status_with_reply_payload")->Arg(0)->Arg(1);
+
+// Statistics on: the per-command timing guard and registry.
+void BM_statistics(benchmark::State& state)
+{
+    bring_up(1);
+    velt_option_function_stats.value = true;
+    for (auto _ : state) command_with_payload(0);
+    velt_option_function_stats.value = false;
+}
+BENCHMARK(BM_statistics)->Name("status_with_statistics");
+
+// Commands per second with one thread on one device, and two threads on two devices.
+void BM_throughput(benchmark::State& state)
+{
+    const UINT32 threads = (UINT32)state.range(0);
+    bring_up(threads);
+    constexpr int per_thread = 20000;
+    double seconds = 0;
+    for (auto _ : state) {
+        const auto t0 = std::chrono::steady_clock::now();
+        std::vector<std::thread> workers;
+        for (UINT32 t = 0; t < threads; ++t)
+            workers.emplace_back([t] {
+                for (int i = 0; i < per_thread; ++i) command_with_payload(t);
+            });
+        for (auto& w : workers) w.join();
+        seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    }
+    state.counters["commands_per_s"] = double(threads) * per_thread * double(state.iterations()) / seconds;
+}
+BENCHMARK(BM_throughput)->Name("throughput_threads_devices")->Arg(1)->Arg(2)->UseRealTime()->Iterations(3);
+
+// Host-side download speed of a 3 MiB image: the library's time, the device's excluded.
+void BM_download(benchmark::State& state)
+{
+    bring_up(1);
+    static const std::string path = [] {
+        kavo_sim::image_version v;
+        v.body_size = 3u << 20;
+        std::string p = "/tmp/kavo_bench_download.mem";
+        kavo_sim::image_write(p.c_str(), v, false);
+        return p;
+    }();
+    kavo_fw_filename_set(path.c_str());
+    kavo_device* device = kavo_device_find(0);
+    double library_ns = 0, bytes = 0;
+    for (auto _ : state) {
+        const UINT64 device0 = device_ticks.load();
+        const auto t0 = std::chrono::steady_clock::now();
+        if (device->download_fw() != VELT_SUCCESS) state.SkipWithError("download failed");
+        const double ns = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - t0).count();
+        library_ns += ns - double(device_ticks.load() - device0) / ticks_per_ns();
+        bytes += double(3u << 20);
+    }
+    state.counters["host_GB_per_s"] = bytes / library_ns;
+    state.SetBytesProcessed((int64_t)bytes);
+    kavo_fw_filename_set(KAVO_FW_IMAGE_DIR "/kavo_fw_app_revx.mem");
+}
+BENCHMARK(BM_download)->Name("firmware_download_3MiB")->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

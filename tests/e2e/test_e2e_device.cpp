@@ -1,0 +1,250 @@
+// Device lifecycle end to end on the virtual device: cold start by revision,
+// warm restart and reload, debug attach, firmware options, version check,
+// configuration, many devices.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "kavo_device.h"
+#include "kavo_test_device.h"
+#include "kavo_test_log.h"
+#include "velt_library_options.h"
+#include "velt_log.h"
+
+using kavo_test::device_test;
+using kavo_test::take;
+
+namespace {
+
+UINT32 running_version_word(UINT32 id)
+{
+    UINT32 word = 0;
+    EXPECT_EQ(kavo_reg_read(id, VELT_FW_VERSION_ADDR, &word), VELT_SUCCESS);
+    return word;
+}
+
+constexpr UINT32 version_word(UINT32 major, UINT32 minor, UINT32 build)
+{
+    return (major << 20) | (minor << 12) | build;
+}
+
+}  // namespace
+
+TEST_F(device_test, ColdStartPicksTheImageOfTheChipRevision)
+{
+    struct {
+        UINT32 revision_code;
+        const char* expected;
+    } cases[] = {{0, "kavo_fw_app_reva.mem"}, {1, "kavo_fw_app_revb.mem"}};
+    UINT32 id = 0;
+    for (const auto& c : cases) {
+        kavo_fw_filename_set((kavo_test::firmware_dir() + "/kavo_fw_app_revx.mem").c_str());
+        kavo_sim::chip_config cfg;
+        cfg.revision_code = c.revision_code;
+        ASSERT_EQ(bring_up(id, KAVO_INIT_COLD, cfg), VELT_SUCCESS) << take();
+        char* name = nullptr;
+        kavo_fw_filename_get(&name);
+        EXPECT_NE(std::strstr(name, c.expected), nullptr) << name;
+        EXPECT_EQ(running_version_word(id), version_word(3, 0, 2));
+        ++id;
+    }
+}
+
+TEST_F(device_test, NameWithoutRevxIsUsedAsSet)
+{
+    const std::string path = kavo_test::make_image("plain.mem", 3, 0, 2);
+    kavo_fw_filename_set(path.c_str());
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS) << take();
+    char* name = nullptr;
+    kavo_fw_filename_get(&name);
+    EXPECT_EQ(std::string(name), path);
+}
+
+TEST_F(device_test, MissingImageIsReported)
+{
+    kavo_fw_filename_set("/nonexistent/kavo_fw_app_revx.mem");
+    EXPECT_EQ(bring_up(0), KAVO_ERR_FW_IMAGE_DOES_NOT_EXIST);
+    EXPECT_NE(take().find(" Firmware image not found, filename=/nonexistent/kavo_fw_app_reva.mem\n"), std::string::npos);
+}
+
+TEST_F(device_test, WarmRestartReloadsOnlyWhenTheImageIsNewer)
+{
+    const std::string running = kavo_test::make_image("r127.mem", 1, 2, 7, 5);
+    struct {
+        const char* name;
+        UINT32 major, minor, build, vcs;
+        UINT32 option;
+        bool reload;
+    } cases[] = {
+        {"same version, same revision", 1, 2, 7, 5, 0, false},
+        {"newer build, older minor", 1, 1, 9, 5, 0, true},
+        {"newer minor", 1, 3, 0, 5, 0, true},
+        {"other revision of the same version", 1, 2, 7, 6, 0, true},
+        {"newer major alone", 2, 0, 0, 5, 0, false},
+        {"option forces a reload", 1, 2, 7, 5, 1, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        kavo_fw_filename_set(running.c_str());
+        ASSERT_EQ(bring_up(0, KAVO_INIT_COLD), VELT_SUCCESS) << take();
+        ASSERT_EQ(kavo_device_uninit(0, 0), VELT_SUCCESS);
+
+        const std::string image = kavo_test::make_image("candidate.mem", c.major, c.minor, c.build, c.vcs);
+        kavo_fw_filename_set(image.c_str());
+        velt_option_warm_restart.value = c.option;
+        take();
+        ASSERT_EQ(kavo_device_init(0, KAVO_INIT_AUTO), VELT_SUCCESS) << take();
+        const std::string log = take();
+        EXPECT_EQ(running_version_word(0), c.reload ? version_word(c.major, c.minor, c.build) : version_word(1, 2, 7));
+        EXPECT_EQ(log.find(" Firmware Download Complete\n") != std::string::npos, c.reload) << log;
+        // The link works after either path.
+        kavo_status_info_t status;
+        kavo_device_status_get(0, &status);
+        EXPECT_EQ(status.device_connected, 1);
+        velt_option_warm_restart.value = 0;
+        kavo_device_uninit(0, 0);
+        kavo_sim::chip_destroy(0);
+    }
+}
+
+TEST_F(device_test, DebugAttachLeavesTheLinkUnconnected)
+{
+    ASSERT_EQ(bring_up(0, KAVO_INIT_COLD), VELT_SUCCESS);
+    ASSERT_EQ(kavo_device_uninit(0, 0), VELT_SUCCESS);
+    ASSERT_EQ(kavo_device_init(0, KAVO_INIT_DEBUG_ATTACH), VELT_SUCCESS);
+    UINT32 word = 1, back = 0;
+    EXPECT_EQ(kavo_debug_ping(0, 4, &word, &back), HTL_ERR_DEVICE_NOT_CONNECTED);
+    // Registers are reachable while attached.
+    EXPECT_EQ(running_version_word(0), version_word(3, 0, 2));
+}
+
+TEST_F(device_test, FirmwareOptionsTravelAfterTheHandshake)
+{
+    ::setenv("VELT_FW_OPTIONS", "trace_all=1", 1);
+    VELT_ERROR rc = bring_up(0);
+    ::unsetenv("VELT_FW_OPTIONS");
+    ASSERT_EQ(rc, VELT_SUCCESS) << take();
+    EXPECT_EQ(kavo_test::requests_of(0, KAVO_HTL_OPERATION_DEBUG_CMD), 1u);
+    EXPECT_EQ(kavo_test::last_request_text(0), "noop trace_all=1");
+}
+
+TEST_F(device_test, StatusChecksTheFirmwareVersionAgainstTheLibrary)
+{
+    struct {
+        UINT32 minor, build;
+        VELT_ERROR expected;
+        BOOL8 mismatch;
+    } cases[] = {{0, 2, VELT_SUCCESS, 0}, {0, 5, VELT_SUCCESS, 0}, {16, 2, KAVO_SW_FW_VERSION_MISMATCH, 1}};
+    for (const auto& c : cases) {
+        kavo_fw_filename_set(kavo_test::make_image("v.mem", 3, c.minor, c.build).c_str());
+        ASSERT_EQ(bring_up(0), VELT_SUCCESS) << take();
+        take();
+        kavo_status_info_t status;
+        EXPECT_EQ(kavo_device_status_get(0, &status), c.expected);
+        EXPECT_EQ(status.sw_fw_mismatch, c.mismatch);
+        EXPECT_EQ(status.device_connected, 1);
+        EXPECT_EQ(status.sw_version, 0x300002u);
+        EXPECT_EQ(status.sw_revision, 0x16142u);
+        EXPECT_EQ(status.device_info.fw_version, version_word(3, c.minor, c.build));
+        if (c.mismatch) {
+            EXPECT_NE(take().find(" SW-FW Version mismatch! FW Version = 0x310000, SW Version = 0x300000"),
+                      std::string::npos);
+        }
+        kavo_device_uninit(0, 0);
+        kavo_sim::chip_destroy(0);
+    }
+}
+
+TEST_F(device_test, ConfigurationRoundTripsThroughTheFirmware)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    kavo_config_t cfg;
+    EXPECT_NE(kavo_device_config(0, &cfg), VELT_SUCCESS) << "an unchosen device mode is refused";
+    cfg.device_mode = KAVO_DEVICE_MODE_800G_FGB;
+    cfg.pmon.trigger_period_ms = 250;
+    cfg.ptp_enable[1] = 1;
+    ASSERT_EQ(kavo_device_config(0, &cfg), VELT_SUCCESS) << take();
+    kavo_config_t back;
+    std::memset(static_cast<void*>(&back), 0xAB, sizeof(back));
+    ASSERT_EQ(kavo_device_config_get(0, &back), VELT_SUCCESS);
+    EXPECT_EQ(std::memcmp(&cfg, &back, sizeof(cfg)), 0);
+    kavo_status_info_t status;
+    kavo_device_status_get(0, &status);
+    EXPECT_EQ(status.device_info.fw_is_configured, 1u);
+}
+
+TEST_F(device_test, ChannelsAndClockUnitsReadBack)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    kavo_chnl_info_t channels;
+    ASSERT_EQ(kavo_device_chnl_get(0, &channels), VELT_SUCCESS);
+    for (int i = 0; i < 48; ++i) EXPECT_EQ(channels.info[i], KAVO_SEGMENT_TYPE_UNUSED);
+    kavo_dcsu_cfg_get_t dcsu;
+    EXPECT_EQ(kavo_dcsu_cfg_get(0, KAVO_DCSU_INSTANCE_0, &dcsu), VELT_SUCCESS);
+    EXPECT_EQ(dcsu.post_div_by[0], 3u) << "reva latches the post divider at start";
+    EXPECT_NE(kavo_dcsu_cfg_get(0, LAST_KAVO_DCSU_INSTANCE, &dcsu), VELT_SUCCESS);
+}
+
+TEST_F(device_test, ThirtyTwoDevices)
+{
+    for (UINT32 id = 0; id < 32; ++id) ASSERT_EQ(bring_up(id), VELT_SUCCESS) << id << take();
+    for (UINT32 id = 0; id < 32; ++id) {
+        UINT32 word = 0x1000 + id, back = 0;
+        EXPECT_EQ(kavo_debug_ping(id, 4, &word, &back), VELT_SUCCESS);
+        EXPECT_EQ(back, word);
+    }
+    EXPECT_EQ(kavo_device_init(32, KAVO_INIT_COLD), KAVO_ERR_INVALID_DEVICE_ID);
+    EXPECT_EQ(kavo_device_init(5, KAVO_INIT_COLD), KAVO_ERR_DEVICE_ID_IN_USE);
+}
+
+TEST_F(device_test, UninitWithShutdownTellsTheFirmware)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    EXPECT_EQ(kavo_device_uninit(0, 1), VELT_SUCCESS);
+    EXPECT_EQ(kavo_device_find(0), nullptr);
+    EXPECT_EQ(kavo_test::requests_of(0, KAVO_HTL_OPERATION_SHUTDOWN), 1u);
+    // Unknown devices: nothing to release, commands refuse.
+    EXPECT_EQ(kavo_device_uninit(7, 1), HTL_ERR_DEVICE_NOT_INIT);
+    kavo_status_info_t status;
+    EXPECT_EQ(kavo_device_status_get(7, &status), HTL_ERR_DEVICE_NOT_INIT);
+    EXPECT_EQ(status.device_connected, 0);
+    EXPECT_EQ(status.sw_version, 0x300002u);
+}
+
+TEST_F(device_test, DebugShellAndPing)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    char reply[256] = {};
+    ASSERT_EQ(kavo_debug_cmd(0, "version", sizeof(reply), reply), VELT_SUCCESS);
+    EXPECT_NE(std::strstr(reply, "3.0.2"), nullptr) << reply;
+    EXPECT_NE(kavo_debug_cmd(0, "no_such_command", sizeof(reply), reply), VELT_SUCCESS);
+
+    UINT32 words[16], back[16] = {};
+    for (UINT32 i = 0; i < 16; ++i) words[i] = 0xA5A50000u + i;
+    ASSERT_EQ(kavo_debug_ping(0, sizeof(words), words, back), VELT_SUCCESS);
+    EXPECT_EQ(std::memcmp(words, back, sizeof(words)), 0);
+
+    struct {
+        UINT32 size;
+        const UINT32* data;
+        UINT32* reply;
+        VELT_ERROR expected;
+    } refused[] = {{4, nullptr, back, HTL_ERR_INVALID_REQUEST_DATA_PTR},
+                   {4, words, nullptr, HTL_ERR_INVALID_REQUEST_DATA_PTR},
+                   {16348, words, back, HTL_ERR_INVALID_REQUEST_DATA_SIZE},
+                   {6, words, back, HTL_ERR_INVALID_REQUEST_DATA_SIZE}};
+    for (const auto& r : refused) EXPECT_EQ(kavo_debug_ping(0, r.size, r.data, r.reply), r.expected);
+    EXPECT_EQ(kavo_debug_ping(0, 0, nullptr, nullptr), VELT_SUCCESS);
+}
+
+TEST_F(device_test, VerbosityForTheLibraryAndForTheFirmware)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    EXPECT_EQ(kavo_log_verbosity_level_set(0xFFFFFFFF, 8), VELT_ERR_INVALID_ARGS);
+    EXPECT_EQ(kavo_log_verbosity_level_set(0xFFFFFFFF, 3), VELT_SUCCESS);
+    EXPECT_EQ(global_verbosity, VELT_LOG_SEV_HIGH);
+    kavo_log_verbosity_level_set(0xFFFFFFFF, 4);
+    EXPECT_EQ(kavo_log_verbosity_level_set(0, 6), VELT_SUCCESS);
+    EXPECT_EQ(kavo_test::last_request_text(0), "set_verbosity 6 ");
+}

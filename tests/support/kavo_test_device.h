@@ -1,0 +1,42 @@
+/* End-to-end fixture: virtual chips, the library's callouts pointed at them,
+   firmware images of chosen versions in a scratch directory. */
+#ifndef KAVO_TEST_DEVICE_H
+#define KAVO_TEST_DEVICE_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "kavo/kavo_api.h"
+#include "kavo_sim/kavo_sim.h"
+
+namespace kavo_test {
+
+/* Directory of the images the build produced (kavo_fw_app_revx.mem and its reva/revb names). */
+std::string firmware_dir();
+/* Writes an image of the given version into the scratch directory and returns its path. */
+std::string make_image(const std::string& name, UINT32 major, UINT32 minor, UINT32 build, UINT32 vcs_id = 1,
+                       bool corrupt = false);
+
+/* A one-word echo through the firmware; VELT_ERR_FAIL when the word comes back changed. */
+VELT_ERROR ping(UINT32 id, UINT32 value = 0x5A5A5A5A);
+inline bool has(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
+
+/* Requests of one operation the chip has served since its journal was reset. */
+UINT32 requests_of(UINT32 id, UINT32 operation);
+/* The payload of the last request in the chip's mailbox, as text. */
+std::string last_request_text(UINT32 id);
+
+/* Each test starts with no devices and no chips, the library's callouts on the
+   in-process virtual device (printing captured), tracing off, the default image. */
+class device_test : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+    /* Creates chip `id` and brings device `id` up. */
+    VELT_ERROR bring_up(UINT32 id, kavo_init_type_t init = KAVO_INIT_COLD, const kavo_sim::chip_config& cfg = {});
+};
+
+}  // namespace kavo_test
+
+#endif
