@@ -5,8 +5,8 @@
 namespace kavo_sim {
 namespace {
 
-constexpr UINT32 INIT_BUSY_READS = 2;             // INIT_STATUS reads that still see the init busy
-constexpr UINT32 SHUTDOWN_PATTERN = 0x5EED5EED;   // what a powered-down bank holds afterwards
+constexpr UINT32 INIT_BUSY_READS = 2;           // INIT_STATUS reads that still see the init busy
+constexpr UINT32 SHUTDOWN_PATTERN = 0x5EED5EED; // what a powered-down bank holds afterwards
 constexpr UINT32 IPI_TEST_BIT = VELT_IPI_TEST;
 
 bool in_array(UINT32 address, UINT32 base, UINT32 count, UINT32& index)
@@ -20,14 +20,14 @@ UINT32 banks_of(UINT32 address, UINT32 words)
 {
     UINT32 mask = 0;
     const UINT32 last = address + 4 * words - 1;
-    for (UINT32 b = address / map::RAM_BANK_SIZE; b <= last / map::RAM_BANK_SIZE; ++b) mask |= 1u << b;
+    for (UINT32 b = address / map::RAM_BANK_SIZE; b <= last / map::RAM_BANK_SIZE; ++b)
+        mask |= 1u << b;
     return mask;
 }
 
 } // namespace
 
-chip_impl::chip_impl(UINT32 device_id, const chip_config& cfg)
-    : st(device_id, cfg), fw(st), events(JOURNAL_EVENTS)
+chip_impl::chip_impl(UINT32 device_id, const chip_config& cfg) : st(device_id, cfg), fw(st), events(JOURNAL_EVENTS)
 {
     if (cfg.mode == exec_mode::threaded) worker_ = std::thread([this] { worker(); });
 }
@@ -76,7 +76,8 @@ UINT32 chip_impl::bus_fault(UINT32 address, UINT32 words)
 UINT32 chip_impl::ram_check(UINT32 address, UINT32 words) const
 {
     if (address % 4 != 0 || UINT64(address) + 4ull * words > map::RAM_SIZE) return map::BUS_ERR_DECODE;
-    if (words && (banks_of(address, words) & (st.regs.ocr_unavail | st.regs.ocr_shutdown))) return map::BUS_ERR_RAM_OFFLINE;
+    if (words && (banks_of(address, words) & (st.regs.ocr_unavail | st.regs.ocr_shutdown)))
+        return map::BUS_ERR_RAM_OFFLINE;
     return map::BUS_OK;
 }
 
@@ -90,13 +91,27 @@ UINT32 chip_impl::decode_read(UINT32 address, UINT32& value)
     chip_registers& r = st.regs;
     UINT32 i = 0;
     switch (address) {
-    case map::SW_RST_HOST_EN: value = r.sw_rst_host_en; return map::BUS_OK;
-    case map::SW_RST_HOST_TRIG: value = r.host_reset ? 1 : 0; return map::BUS_OK;
-    case map::CA53_CTRL4: value = r.ca53_ctrl4; return map::BUS_OK;
-    case map::BOOT_INFO: value = r.boot_info; return map::BUS_OK;
-    case map::DEVICE_ID: value = st.device_id_register(); return map::BUS_OK;
-    case map::OCR_UNAVAIL: value = r.ocr_unavail; return map::BUS_OK;
-    case map::OCR_INIT_CTRL: value = r.ocr_init_ctrl; return map::BUS_OK;
+    case map::SW_RST_HOST_EN:
+        value = r.sw_rst_host_en;
+        return map::BUS_OK;
+    case map::SW_RST_HOST_TRIG:
+        value = r.host_reset ? 1 : 0;
+        return map::BUS_OK;
+    case map::CA53_CTRL4:
+        value = r.ca53_ctrl4;
+        return map::BUS_OK;
+    case map::BOOT_INFO:
+        value = r.boot_info;
+        return map::BUS_OK;
+    case map::DEVICE_ID:
+        value = st.device_id_register();
+        return map::BUS_OK;
+    case map::OCR_UNAVAIL:
+        value = r.ocr_unavail;
+        return map::BUS_OK;
+    case map::OCR_INIT_CTRL:
+        value = r.ocr_init_ctrl;
+        return map::BUS_OK;
     case map::OCR_INIT_STATUS:
         if (r.ocr_init_busy_reads > 0) {
             --r.ocr_init_busy_reads;
@@ -105,11 +120,20 @@ UINT32 chip_impl::decode_read(UINT32 address, UINT32& value)
         }
         value = r.ocr_init_busy;
         return map::BUS_OK;
-    case map::OCR_SHUTDOWN_CTRL: value = r.ocr_shutdown; return map::BUS_OK;
-    case map::DCSU_POST_DIVIDER_UPDATE: value = r.dcsu_update; return map::BUS_OK;
-    case map::DCSU_POST_DIVIDER_CFG_2: value = r.dcsu_cfg[0]; return map::BUS_OK;
-    case map::DCSU_POST_DIVIDER_CFG_3: value = r.dcsu_cfg[1]; return map::BUS_OK;
-    default: break;
+    case map::OCR_SHUTDOWN_CTRL:
+        value = r.ocr_shutdown;
+        return map::BUS_OK;
+    case map::DCSU_POST_DIVIDER_UPDATE:
+        value = r.dcsu_update;
+        return map::BUS_OK;
+    case map::DCSU_POST_DIVIDER_CFG_2:
+        value = r.dcsu_cfg[0];
+        return map::BUS_OK;
+    case map::DCSU_POST_DIVIDER_CFG_3:
+        value = r.dcsu_cfg[1];
+        return map::BUS_OK;
+    default:
+        break;
     }
     if (in_array(address, map::APP_SCRATCH, map::APP_SCRATCH_COUNT, i)) {
         value = r.app_scratch[i];
@@ -137,7 +161,9 @@ UINT32 chip_impl::decode_write(UINT32 address, UINT32 value)
     chip_registers& r = st.regs;
     UINT32 i = 0;
     switch (address) {
-    case map::SW_RST_HOST_EN: r.sw_rst_host_en = value & map::SW_RST_HOST_EN_WRITABLE; return map::BUS_OK;
+    case map::SW_RST_HOST_EN:
+        r.sw_rst_host_en = value & map::SW_RST_HOST_EN_WRITABLE;
+        return map::BUS_OK;
     case map::SW_RST_HOST_TRIG:
         if (value == map::RESET_MAGIC) {
             processor_reset();
@@ -159,8 +185,11 @@ UINT32 chip_impl::decode_write(UINT32 address, UINT32 value)
         return map::BUS_OK;
     case map::BOOT_INFO:
     case map::DEVICE_ID:
-    case map::OCR_INIT_STATUS: return map::BUS_OK; // read-only
-    case map::OCR_UNAVAIL: r.ocr_unavail = value & 0xFF; return map::BUS_OK;
+    case map::OCR_INIT_STATUS:
+        return map::BUS_OK; // read-only
+    case map::OCR_UNAVAIL:
+        r.ocr_unavail = value & 0xFF;
+        return map::BUS_OK;
     case map::OCR_INIT_CTRL: {
         // A rising enable bit clears its bank; the init then reads busy a little while.
         const UINT32 start = value & ~r.ocr_init_ctrl & ((1u << map::RAM_BANKS) - 1);
@@ -183,12 +212,18 @@ UINT32 chip_impl::decode_write(UINT32 address, UINT32 value)
         return map::BUS_OK;
     }
     case map::DCSU_POST_DIVIDER_UPDATE:
-        if ((value & 1) && !(r.dcsu_update & 1)) std::copy(std::begin(r.dcsu_cfg), std::end(r.dcsu_cfg), r.dcsu_latched);
+        if ((value & 1) && !(r.dcsu_update & 1))
+            std::copy(std::begin(r.dcsu_cfg), std::end(r.dcsu_cfg), r.dcsu_latched);
         r.dcsu_update = value & 1;
         return map::BUS_OK;
-    case map::DCSU_POST_DIVIDER_CFG_2: r.dcsu_cfg[0] = value & 0x3F3F3F3F; return map::BUS_OK;
-    case map::DCSU_POST_DIVIDER_CFG_3: r.dcsu_cfg[1] = value & 0x3F3F3F3F; return map::BUS_OK;
-    default: break;
+    case map::DCSU_POST_DIVIDER_CFG_2:
+        r.dcsu_cfg[0] = value & 0x3F3F3F3F;
+        return map::BUS_OK;
+    case map::DCSU_POST_DIVIDER_CFG_3:
+        r.dcsu_cfg[1] = value & 0x3F3F3F3F;
+        return map::BUS_OK;
+    default:
+        break;
     }
     if (in_array(address, map::APP_SCRATCH, map::APP_SCRATCH_COUNT, i)) {
         r.app_scratch[i] = value;
@@ -409,23 +444,41 @@ VELT_ERROR chip_impl::fault_set(sim_fault_t fault, UINT32 a, UINT32 b)
     std::lock_guard<std::mutex> lock(mutex);
     auto& list = faults.bus_fail_addresses;
     switch (fault) {
-    case SIM_FAULT_CLEAR_ALL: faults = fault_config{}; return VELT_SUCCESS;
+    case SIM_FAULT_CLEAR_ALL:
+        faults = fault_config{};
+        return VELT_SUCCESS;
     case SIM_FAULT_BUS_FAIL_ADDRESS:
         list.erase(std::remove(list.begin(), list.end(), a), list.end());
         if (b) list.push_back(a);
         return VELT_SUCCESS;
-    case SIM_FAULT_BUS_FAIL_NTH: faults.bus_fail_nth = a; return VELT_SUCCESS;
-    case SIM_FAULT_FW_HANG: faults.fw_hang = a != 0; return VELT_SUCCESS;
-    case SIM_FAULT_SLOW_REPLY: faults.slow_reply_us = a; return VELT_SUCCESS;
-    case SIM_FAULT_WRONG_SEQUENCE: faults.wrong_sequence = a; return VELT_SUCCESS;
-    case SIM_FAULT_WRONG_OPERATION: faults.wrong_operation = a; return VELT_SUCCESS;
-    case SIM_FAULT_WRONG_DEVICE_ID: faults.wrong_device_id = a; return VELT_SUCCESS;
+    case SIM_FAULT_BUS_FAIL_NTH:
+        faults.bus_fail_nth = a;
+        return VELT_SUCCESS;
+    case SIM_FAULT_FW_HANG:
+        faults.fw_hang = a != 0;
+        return VELT_SUCCESS;
+    case SIM_FAULT_SLOW_REPLY:
+        faults.slow_reply_us = a;
+        return VELT_SUCCESS;
+    case SIM_FAULT_WRONG_SEQUENCE:
+        faults.wrong_sequence = a;
+        return VELT_SUCCESS;
+    case SIM_FAULT_WRONG_OPERATION:
+        faults.wrong_operation = a;
+        return VELT_SUCCESS;
+    case SIM_FAULT_WRONG_DEVICE_ID:
+        faults.wrong_device_id = a;
+        return VELT_SUCCESS;
     case SIM_FAULT_OVERSIZED_REPLY:
         faults.oversized_reply = a;
         faults.oversized_reply_bytes = b ? b : fault_config{}.oversized_reply_bytes;
         return VELT_SUCCESS;
-    case SIM_FAULT_DOORBELL_KEPT: faults.doorbell_kept = a; return VELT_SUCCESS;
-    case SIM_FAULT_CORRUPT_IMAGE: faults.corrupt_image = a != 0; return VELT_SUCCESS;
+    case SIM_FAULT_DOORBELL_KEPT:
+        faults.doorbell_kept = a;
+        return VELT_SUCCESS;
+    case SIM_FAULT_CORRUPT_IMAGE:
+        faults.corrupt_image = a != 0;
+        return VELT_SUCCESS;
     case SIM_FAULT_FW_RESTART:
         // Only a processor out of reset can restart.
         if (state == SIM_FW_STATE_IN_RESET) return VELT_ERR_FAIL;
@@ -439,8 +492,10 @@ VELT_ERROR chip_impl::fault_set(sim_fault_t fault, UINT32 a, UINT32 b)
     case SIM_FAULT_CORRUPT_STATS_COOKIE:
     case SIM_FAULT_CORRUPT_DBG_LOG_COOKIE:
     case SIM_FAULT_CORRUPT_CONSOLE_RING:
-    case SIM_FAULT_CORRUPT_DBG_LOG_INDEX: return fw.corrupt(fault, a) ? VELT_SUCCESS : VELT_ERR_FAIL;
-    default: return VELT_ERR_INVALID_ARGS;
+    case SIM_FAULT_CORRUPT_DBG_LOG_INDEX:
+        return fw.corrupt(fault, a) ? VELT_SUCCESS : VELT_ERR_FAIL;
+    default:
+        return VELT_ERR_INVALID_ARGS;
     }
 }
 

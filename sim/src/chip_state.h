@@ -50,10 +50,7 @@ struct chip_state {
             std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - epoch).count();
         return UINT64(ns) * 181 / 1000;
     }
-    UINT32 device_id_register() const
-    {
-        return ((cfg.revision_code & 0xF) << 28) | ((cfg.device_code & 0xFFFF) << 12);
-    }
+    UINT32 device_id_register() const { return ((cfg.revision_code & 0xF) << 28) | ((cfg.device_code & 0xFFFF) << 12); }
 
     UINT32* words(UINT32 address) { return ram.data() + address / 4; }
     UINT8* bytes(UINT32 address) { return reinterpret_cast<UINT8*>(ram.data()) + address; }
@@ -61,11 +58,11 @@ struct chip_state {
     void put(UINT32 address, UINT32 value) { ram[address / 4] = value; }
     void read_bytes(UINT32 address, void* out, size_t n) const
     {
-        std::memcpy(out, reinterpret_cast<const UINT8*>(ram.data()) + address, n);
+        if (n) std::memcpy(out, reinterpret_cast<const UINT8*>(ram.data()) + address, n);
     }
     void write_bytes(UINT32 address, const void* in, size_t n)
     {
-        std::memcpy(reinterpret_cast<UINT8*>(ram.data()) + address, in, n);
+        if (n) std::memcpy(reinterpret_cast<UINT8*>(ram.data()) + address, in, n);
     }
 };
 

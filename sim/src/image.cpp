@@ -14,7 +14,8 @@ std::array<UINT32, 256> make_crc_table()
     std::array<UINT32, 256> t{};
     for (UINT32 i = 0; i < 256; ++i) {
         UINT32 c = i;
-        for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+        for (int k = 0; k < 8; ++k)
+            c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
         t[i] = c;
     }
     return t;
@@ -25,10 +26,14 @@ void store_word(UINT8* p, UINT32 w) { std::memcpy(p, &w, 4); }
 const char* rev_name(UINT32 rev)
 {
     switch (rev) {
-    case IMAGE_REV_ANY: return "any";
-    case IMAGE_REV_A: return "reva";
-    case IMAGE_REV_B: return "revb";
-    default: return "unknown";
+    case IMAGE_REV_ANY:
+        return "any";
+    case IMAGE_REV_A:
+        return "reva";
+    case IMAGE_REV_B:
+        return "revb";
+    default:
+        return "unknown";
     }
 }
 
@@ -39,7 +44,8 @@ UINT32 crc32(const void* data, size_t length, UINT32 crc)
     static const std::array<UINT32, 256> table = make_crc_table();
     const auto* p = static_cast<const UINT8*>(data);
     crc = ~crc;
-    for (size_t i = 0; i < length; ++i) crc = table[(crc ^ p[i]) & 0xFF] ^ (crc >> 8);
+    for (size_t i = 0; i < length; ++i)
+        crc = table[(crc ^ p[i]) & 0xFF] ^ (crc >> 8);
     return ~crc;
 }
 
@@ -129,10 +135,14 @@ bool image_rev_parse(const char* text, UINT32& device_rev)
 {
     if (!text) return false;
     const std::string t = text;
-    if (t == "any" || t == "revx") device_rev = IMAGE_REV_ANY;
-    else if (t == "reva") device_rev = IMAGE_REV_A;
-    else if (t == "revb") device_rev = IMAGE_REV_B;
-    else return false;
+    if (t == "any" || t == "revx")
+        device_rev = IMAGE_REV_ANY;
+    else if (t == "reva")
+        device_rev = IMAGE_REV_A;
+    else if (t == "revb")
+        device_rev = IMAGE_REV_B;
+    else
+        return false;
     return true;
 }
 
@@ -190,7 +200,8 @@ image_info image_inspect_file(const char* path)
     }
     UINT8 chunk[4096];
     size_t n;
-    while ((n = std::fread(chunk, 1, sizeof(chunk), f)) > 0) data.insert(data.end(), chunk, chunk + n);
+    while ((n = std::fread(chunk, 1, sizeof(chunk), f)) > 0)
+        data.insert(data.end(), chunk, chunk + n);
     std::fclose(f);
     return image_inspect(data);
 }
@@ -211,10 +222,9 @@ std::string image_describe(const image_info& info)
                   "image_crc    0x%08x (%s)\n"
                   "payload      %s\n"
                   "status       %s\n",
-                  h.header_rev, h.device_rev, rev_name(h.device_rev), h.fw_major_num, h.fw_minor_num,
-                  h.fw_build_num, h.vcs_id, h.image_size, info.file_image_bytes, h.image_crc,
-                  info.header_crc_ok ? "ok" : "mismatch", info.payload_ok ? "ok" : "bad",
-                  info.problem.empty() ? "ok" : info.problem.c_str());
+                  h.header_rev, h.device_rev, rev_name(h.device_rev), h.fw_major_num, h.fw_minor_num, h.fw_build_num,
+                  h.vcs_id, h.image_size, info.file_image_bytes, h.image_crc, info.header_crc_ok ? "ok" : "mismatch",
+                  info.payload_ok ? "ok" : "bad", info.problem.empty() ? "ok" : info.problem.c_str());
     return text;
 }
 

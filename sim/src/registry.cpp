@@ -77,7 +77,8 @@ void chip_destroy(UINT32 device_id)
 
 void chip_destroy_all()
 {
-    for (UINT32 id = 0; id < MAX_CHIPS; ++id) chip_destroy(id);
+    for (UINT32 id = 0; id < MAX_CHIPS; ++id)
+        chip_destroy(id);
 }
 
 chip* chip_get(UINT32 device_id) { return device_id < MAX_CHIPS ? chips[device_id].load() : nullptr; }

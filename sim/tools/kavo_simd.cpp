@@ -54,8 +54,8 @@ int main(int argc, char** argv)
             cfg.revision_code = std::strcmp(val, "revb") == 0 ? 1 : 0;
         } else if (!std::strcmp(opt, "--mode")) {
             ok = !std::strcmp(val, "sync") || !std::strcmp(val, "threaded");
-            cfg.mode = std::strcmp(val, "threaded") == 0 ? kavo_sim::exec_mode::threaded
-                                                         : kavo_sim::exec_mode::synchronous;
+            cfg.mode =
+                std::strcmp(val, "threaded") == 0 ? kavo_sim::exec_mode::threaded : kavo_sim::exec_mode::synchronous;
         } else if (!std::strcmp(opt, "--service-time")) {
             ok = parse_u32(val, cfg.service_time_us);
         } else if (!std::strcmp(opt, "--device-code")) {
@@ -72,7 +72,8 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "kavo-simd: cannot listen on %s (in use or not creatable)\n", path);
         return 1;
     }
-    for (UINT32 id = 0; id < chips; ++id) kavo_sim::chip_create(id, cfg);
+    for (UINT32 id = 0; id < chips; ++id)
+        kavo_sim::chip_create(id, cfg);
 
     running_server = &server;
     struct sigaction sa {};

@@ -19,7 +19,8 @@ std::vector<UINT8> read_file(const std::string& path)
     if (!f) return data;
     UINT8 chunk[4096];
     size_t n;
-    while ((n = std::fread(chunk, 1, sizeof(chunk), f)) > 0) data.insert(data.end(), chunk, chunk + n);
+    while ((n = std::fread(chunk, 1, sizeof(chunk), f)) > 0)
+        data.insert(data.end(), chunk, chunk + n);
     std::fclose(f);
     return data;
 }
@@ -59,10 +60,12 @@ void cold_start_and_status(tavo_callout_api_st* table, UINT32 id, const std::str
 
     // RAM access test.
     UINT32 test[10], back[10] = {};
-    for (UINT32 i = 0; i < 10; ++i) test[i] = 0x01020304 + i * 0x01010101;
+    for (UINT32 i = 0; i < 10; ++i)
+        test[i] = 0x01020304 + i * 0x01010101;
     h.bw(0, test, 10);
     h.br(0, back, 10);
-    for (UINT32 i = 0; i < 10; ++i) ASSERT_EQ(back[i], test[i]) << i;
+    for (UINT32 i = 0; i < 10; ++i)
+        ASSERT_EQ(back[i], test[i]) << i;
 
     // Download in 256-byte chunks, header skipped.
     const std::vector<UINT8> file = read_file(image_path);

@@ -39,7 +39,8 @@ class SimDaemon : public ::testing::Test {
         pid = ::fork();
         if (pid == 0) {
             std::vector<char*> argv;
-            for (auto& a : args) argv.push_back(a.data());
+            for (auto& a : args)
+                argv.push_back(a.data());
             argv.push_back(nullptr);
             ::freopen("/dev/null", "w", stdout);
             ::execv(argv[0], argv.data());
@@ -115,7 +116,8 @@ TEST_F(SimDaemon, BadArgumentsAreRefused)
         pid = ::fork();
         if (pid == 0) {
             std::vector<char*> argv;
-            for (auto& a : args) argv.push_back(a.data());
+            for (auto& a : args)
+                argv.push_back(a.data());
             argv.push_back(nullptr);
             ::freopen("/dev/null", "w", stderr);
             ::execv(argv[0], argv.data());

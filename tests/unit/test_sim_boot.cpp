@@ -137,7 +137,8 @@ TEST_P(SimBoot, RamTestPatternReadsBack)
 {
     bus.reset_and_clear();
     UINT32 words[10], back[10] = {};
-    for (UINT32 i = 0; i < 10; ++i) words[i] = 0x01020304 + i * 0x01010101;
+    for (UINT32 i = 0; i < 10; ++i)
+        words[i] = 0x01020304 + i * 0x01010101;
     EXPECT_EQ(bus.bwrite(0, words, 10), 0u);
     EXPECT_EQ(bus.bread(0, back, 10), 0u);
     EXPECT_EQ(std::vector<UINT32>(back, back + 10), std::vector<UINT32>(words, words + 10));
@@ -151,7 +152,8 @@ TEST_P(SimBoot, RestartRequestStartsOverAfterReplying)
     ASSERT_TRUE(r.replied);
     EXPECT_EQ(r.result(), VELT_SUCCESS);
     // Wait for the firmware to come back (threaded mode restarts on its thread).
-    for (int i = 0; i < 1000 && bus.rd(0xF000F0) != 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (int i = 0; i < 1000 && bus.rd(0xF000F0) != 2; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_EQ(bus.rd(0xF000F0), 2u);
     EXPECT_EQ(bus.rd(SCRATCH6), 0x1001u);
     const std::string text = console_text(bus);
@@ -172,7 +174,8 @@ TEST_P(SimBoot, DefaultImagesOnDiskStart)
         std::vector<UINT8> file;
         FILE* f = std::fopen(path.c_str(), "rb");
         ASSERT_NE(f, nullptr);
-        for (int ch; (ch = std::fgetc(f)) != EOF;) file.push_back(UINT8(ch));
+        for (int ch; (ch = std::fgetc(f)) != EOF;)
+            file.push_back(UINT8(ch));
         std::fclose(f);
         EXPECT_TRUE(bus.cold_start(file)) << rev;
         EXPECT_EQ(bus.rd(0x3FFFC0), 0x300002u);
@@ -220,7 +223,8 @@ TEST(SimImage, VersionAndRevisionParse)
     kavo_sim::image_version v;
     EXPECT_TRUE(kavo_sim::image_version_parse("3.1.255", v));
     EXPECT_EQ(kavo_sim::version_word(v.major, v.minor, v.build), 0x3010FFu);
-    for (const char* bad : {"3.1", "3.1.256", "3.1.2x", "", "a.b.c"}) EXPECT_FALSE(kavo_sim::image_version_parse(bad, v));
+    for (const char* bad : {"3.1", "3.1.256", "3.1.2x", "", "a.b.c"})
+        EXPECT_FALSE(kavo_sim::image_version_parse(bad, v));
     UINT32 rev = 99;
     EXPECT_TRUE(kavo_sim::image_rev_parse("revb", rev));
     EXPECT_EQ(rev, kavo_sim::IMAGE_REV_B);

@@ -87,7 +87,8 @@ TEST_F(SimFaults, TamperedRepliesAffectTheCountedRepliesOnly)
         sim_fault_t fault;
         int word;
         UINT32 delta;
-    } cases[] = {{SIM_FAULT_WRONG_SEQUENCE, 1, 1}, {SIM_FAULT_WRONG_OPERATION, 2, 1}, {SIM_FAULT_WRONG_DEVICE_ID, 0, 1}};
+    } cases[] = {
+        {SIM_FAULT_WRONG_SEQUENCE, 1, 1}, {SIM_FAULT_WRONG_OPERATION, 2, 1}, {SIM_FAULT_WRONG_DEVICE_ID, 0, 1}};
     for (auto& c : cases) {
         ASSERT_EQ(chip->fault_set(c.fault, 2), VELT_SUCCESS);
         for (int i = 0; i < 3; ++i) {

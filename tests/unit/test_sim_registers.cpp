@@ -66,20 +66,20 @@ TEST_F(SimRegisters, StorageRegistersKeepTheirWritableBits)
     struct {
         UINT32 address, written, reads;
     } cases[] = {
-        {0xF00320, 0xDEADBEEF, 0xDEADBEEF},           // APP_SCRATCH[0]
-        {0xF0037C, 0x12345678, 0x12345678},           // APP_SCRATCH[23]
-        {0xF02000, 0x01000000, 0x01000000},           // DEV_INTB_AGGR_SET[0]
-        {0xF020DC, 0xFFFFFFFF, 0xFFFFFFFF},           // DEV_INTB_AGGR_SET[55]
-        {0xF020E4, 0xFFFFFFFF, 1},                    // INTER_PROCESSOR_INTS[1]: bit 0 only
-        {0xF021DC, 2, 0},                             // INTER_PROCESSOR_INTS[63]
-        {0xF021F0, 0xFFFFFFFF, 0xFFFF},               // IPI2PCIE_0_INT_EN
-        {0xF021FC, 0x12345, 0x2345},                  // IPI2PCIE_3_INT_EN
-        {0xF00020, 0xFFFFFFFF, ~0x720027F4u},         // SW_RST_HOST_EN
-        {0xF10010, 0x1FF, 0xFF},                      // RAM_UNAVAIL
-        {0xF10028, 0x100, 0},                         // RAM_LOWPWR_SD
-        {0xF000F0, 5, 0},                             // BOOT_INFO is the firmware's
-        {0x74401C, 0xFFFFFFFF, 0x3F3F3F3F},           // POST_DIVIDER_CFG_REG_2
-        {0x744010, 3, 1},                             // POST_DIVIDER_UPDATE_REG
+        {0xF00320, 0xDEADBEEF, 0xDEADBEEF},   // APP_SCRATCH[0]
+        {0xF0037C, 0x12345678, 0x12345678},   // APP_SCRATCH[23]
+        {0xF02000, 0x01000000, 0x01000000},   // DEV_INTB_AGGR_SET[0]
+        {0xF020DC, 0xFFFFFFFF, 0xFFFFFFFF},   // DEV_INTB_AGGR_SET[55]
+        {0xF020E4, 0xFFFFFFFF, 1},            // INTER_PROCESSOR_INTS[1]: bit 0 only
+        {0xF021DC, 2, 0},                     // INTER_PROCESSOR_INTS[63]
+        {0xF021F0, 0xFFFFFFFF, 0xFFFF},       // IPI2PCIE_0_INT_EN
+        {0xF021FC, 0x12345, 0x2345},          // IPI2PCIE_3_INT_EN
+        {0xF00020, 0xFFFFFFFF, ~0x720027F4u}, // SW_RST_HOST_EN
+        {0xF10010, 0x1FF, 0xFF},              // RAM_UNAVAIL
+        {0xF10028, 0x100, 0},                 // RAM_LOWPWR_SD
+        {0xF000F0, 5, 0},                     // BOOT_INFO is the firmware's
+        {0x74401C, 0xFFFFFFFF, 0x3F3F3F3F},   // POST_DIVIDER_CFG_REG_2
+        {0x744010, 3, 1},                     // POST_DIVIDER_UPDATE_REG
     };
     for (auto& c : cases) {
         EXPECT_EQ(bus.write(c.address, c.written), OK) << std::hex << c.address;
@@ -108,10 +108,12 @@ TEST_F(SimRegisters, InterruptStatusIsWriteOneToClear)
 TEST_F(SimRegisters, RamInitClearsTheChosenBanksAndIsBusyAWhile)
 {
     const UINT32 pattern[2] = {0x11111111, 0x22222222};
-    for (UINT32 bank = 0; bank < 4; ++bank) bus.bwrite(bank * 0x100000 + 0x40, pattern, 2);
+    for (UINT32 bank = 0; bank < 4; ++bank)
+        bus.bwrite(bank * 0x100000 + 0x40, pattern, 2);
     bus.write(0xF10018, 0x3); // RAM_INIT_EN: banks 0 and 1
     int busy_reads = 0;
-    while (bus.rd(0xF10020) != 0 && busy_reads < 100) ++busy_reads;
+    while (bus.rd(0xF10020) != 0 && busy_reads < 100)
+        ++busy_reads;
     EXPECT_GT(busy_reads, 0) << "an init is busy for a short while";
     EXPECT_LT(busy_reads, 100);
     bus.write(0xF10018, 0);
@@ -133,11 +135,11 @@ TEST_F(SimRegisters, UnavailableOrShutDownBanksRefuseAccess)
 {
     const UINT32 v = 0xCAFEF00D;
     bus.bwrite(0x100000, &v, 1);
-    UINT32 w = 0;
+    UINT32 w = 0, two[2];
     bus.write(0xF10010, 0x2); // RAM_UNAVAIL bank 1
     EXPECT_NE(bus.bread(0x100000, &w, 1), OK);
     EXPECT_NE(bus.read(0x100000, w), OK);
-    EXPECT_NE(bus.bread(0xFFFFC, &w, 2), OK) << "a burst into the bank";
+    EXPECT_NE(bus.bread(0xFFFFC, two, 2), OK) << "a burst into the bank";
     EXPECT_EQ(bus.bread(0x0, &w, 1), OK);
     bus.write(0xF10010, 0);
     EXPECT_EQ(bus.rd(0x100000), v);

@@ -120,7 +120,8 @@ TEST_F(SimSocket, ChipsOutliveTheirClients)
 
     // Burst sizes the library uses, both ways, in one message each.
     std::vector<UINT32> big(16374);
-    for (UINT32 i = 0; i < big.size(); ++i) big[i] = i ^ 0x5A5A5A5A;
+    for (UINT32 i = 0; i < big.size(); ++i)
+        big[i] = i ^ 0x5A5A5A5A;
     EXPECT_EQ(again.bwrite(0x200000, big.data(), UINT32(big.size())), 0u);
     std::vector<UINT32> back(big.size());
     EXPECT_EQ(again.bread(0x200000, back.data(), UINT32(back.size())), 0u);

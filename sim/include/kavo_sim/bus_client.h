@@ -16,10 +16,10 @@
 namespace kavo_sim {
 
 struct exchange_result {
-    UINT32 status = 0;      // first failing bus status, 0 when the bus was fine
-    bool posted = false;    // the doorbell was the host's and was handed over
-    bool replied = false;   // the doorbell came back
-    UINT32 header[8] = {};  // device_id, sequence_num, operation, result, mode, value, value2, data_size
+    UINT32 status = 0;     // first failing bus status, 0 when the bus was fine
+    bool posted = false;   // the doorbell was the host's and was handed over
+    bool replied = false;  // the doorbell came back
+    UINT32 header[8] = {}; // device_id, sequence_num, operation, result, mode, value, value2, data_size
     std::vector<UINT8> data;
     UINT32 result() const { return header[3]; }
 };
@@ -30,7 +30,10 @@ class bus_client {
 
     UINT32 read(UINT32 address, UINT32& value) { return note(bus_->qspi_read(nullptr, 0, id_, address, &value)); }
     UINT32 write(UINT32 address, UINT32 value) { return note(bus_->qspi_write(nullptr, 0, id_, address, value)); }
-    UINT32 bread(UINT32 address, UINT32* words, UINT32 n) { return note(bus_->qspi_bread(nullptr, 0, id_, n, address, words)); }
+    UINT32 bread(UINT32 address, UINT32* words, UINT32 n)
+    {
+        return note(bus_->qspi_bread(nullptr, 0, id_, n, address, words));
+    }
     UINT32 bwrite(UINT32 address, const UINT32* words, UINT32 n)
     {
         return note(bus_->qspi_bwrite(nullptr, 0, id_, n, address, const_cast<UINT32*>(words)));
@@ -44,12 +47,14 @@ class bus_client {
     UINT32 last_status() const { return last_; }
     void bytes_write(UINT32 address, const void* data, size_t n)
     {
+        if (n == 0) return;
         std::vector<UINT32> w((n + 3) / 4, 0);
         std::memcpy(w.data(), data, n);
         bwrite(address, w.data(), UINT32(w.size()));
     }
     std::vector<UINT8> bytes_read(UINT32 address, size_t n)
     {
+        if (n == 0) return {};
         std::vector<UINT32> w((n + 3) / 4, 0);
         bread(address, w.data(), UINT32(w.size()));
         std::vector<UINT8> out(n);

@@ -52,16 +52,16 @@ bool image_rev_parse(const char* text, UINT32& device_rev);
 
 /* What a file holds, decoded on its own terms. */
 struct image_info {
-    bool readable = false;         // the file opened and holds a 64-byte header
-    kavo_fw_hdr_t header;          // as stored
-    UINT32 file_image_bytes = 0;   // bytes after the header
-    bool header_crc_ok = false;    // image_crc matches the image
-    bool size_ok = false;          // image_size matches and is a multiple of 4
-    bool payload_ok = false;       // payload header sane and body checksum right
-    UINT32 payload_version = 0;    // version word in the payload header
+    bool readable = false;       // the file opened and holds a 64-byte header
+    kavo_fw_hdr_t header;        // as stored
+    UINT32 file_image_bytes = 0; // bytes after the header
+    bool header_crc_ok = false;  // image_crc matches the image
+    bool size_ok = false;        // image_size matches and is a multiple of 4
+    bool payload_ok = false;     // payload header sane and body checksum right
+    UINT32 payload_version = 0;  // version word in the payload header
     UINT32 payload_vcs_id = 0;
     UINT32 payload_device_rev = 0;
-    std::string problem;           // first thing wrong, empty when all is well
+    std::string problem; // first thing wrong, empty when all is well
 };
 image_info image_inspect(const std::vector<UINT8>& file);
 image_info image_inspect_file(const char* path);

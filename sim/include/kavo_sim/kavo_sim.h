@@ -114,6 +114,9 @@ class chip {
     std::unique_ptr<chip_impl> impl_;
 };
 
+/* KAVO_ERR_INVALID_DEVICE_ID for ids of 32 or more, KAVO_ERR_DEVICE_ID_IN_USE
+   for a taken id. Lookups take no lock: destroy a chip only while no callout
+   or server is using it. */
 VELT_ERROR chip_create(UINT32 device_id, const chip_config& cfg = {});
 void chip_destroy(UINT32 device_id);
 void chip_destroy_all();
@@ -133,8 +136,7 @@ void socket_disconnect();
 VELT_ERROR socket_chip_create(const char* socket_path, UINT32 device_id, const chip_config& cfg);
 VELT_ERROR socket_chip_destroy(const char* socket_path, UINT32 device_id);
 VELT_ERROR socket_chip_info(const char* socket_path, UINT32 device_id, sim_chip_info_t* info);
-VELT_ERROR socket_fault_set(const char* socket_path, UINT32 device_id, sim_fault_t fault, UINT32 a = 0,
-                            UINT32 b = 0);
+VELT_ERROR socket_fault_set(const char* socket_path, UINT32 device_id, sim_fault_t fault, UINT32 a = 0, UINT32 b = 0);
 VELT_ERROR socket_shutdown(const char* socket_path);
 
 /* Handles one message of size bytes as kavo-simd does and builds the reply
@@ -155,7 +157,7 @@ class socket_server {
 
     VELT_ERROR listen(const char* socket_path); // binds; VELT_ERR_FAIL if it cannot
     void run();
-    void stop(); // async-signal-safe
+    void stop();         // async-signal-safe
     void start_thread(); // run() on a thread of its own, for tests
     void join();
 

@@ -16,15 +16,16 @@ constexpr UINT32 WATCHDOG_PERIOD_MS = 1000;
 constexpr UINT32 align_up(UINT32 v) { return (v + ALIGN - 1) / ALIGN * ALIGN; }
 
 // Stats names of the families, by operation / 0x100.
-constexpr const char* FAMILY_NAMES[] = {"device", "ilkn",   "enet",    "macsec", "serdes", "pmon",
-                                        "defect", "enet_runtime", "switch", "debug", "pgmrclk", nullptr,
-                                        "hmux",   nullptr,  "ptp",     "flexe_ohp", "pe"};
+constexpr const char* FAMILY_NAMES[] = {"device", "ilkn",         "enet",   "macsec",    "serdes",  "pmon",
+                                        "defect", "enet_runtime", "switch", "debug",     "pgmrclk", nullptr,
+                                        "hmux",   nullptr,        "ptp",    "flexe_ohp", "pe"};
 constexpr UINT32 NUM_FAMILIES = sizeof(FAMILY_NAMES) / sizeof(FAMILY_NAMES[0]);
 
 std::vector<handler> build_dispatch_table()
 {
     std::vector<handler> table;
-    for (auto family : {device_handlers(), debug_handlers()}) table.insert(table.end(), family.begin(), family.end());
+    for (auto family : {device_handlers(), debug_handlers()})
+        table.insert(table.end(), family.begin(), family.end());
     std::sort(table.begin(), table.end(), [](const handler& a, const handler& b) { return a.operation < b.operation; });
     return table;
 }
@@ -51,39 +52,40 @@ firmware::firmware(chip_state& c) : chip(c) {}
 UINT32 firmware::log_entries(log_id which)
 {
     switch (which) {
-    case log_id::main: return 512;
-    case log_id::htl: return 1024;
-    default: return 512;
+    case log_id::main:
+        return 512;
+    case log_id::htl:
+        return 1024;
+    default:
+        return 512;
     }
 }
 
 const char* firmware::log_name(log_id which)
 {
     switch (which) {
-    case log_id::main: return "main";
-    case log_id::htl: return "htl";
-    default: return "cmd";
+    case log_id::main:
+        return "main";
+    case log_id::htl:
+        return "htl";
+    default:
+        return "cmd";
     }
 }
 
-UINT32 firmware::descriptor_offset(log_id which) const
-{
-    return map::log::DBG_LOG_BUFFERS + UINT32(which) * DESC_SIZE;
-}
+UINT32 firmware::descriptor_offset(log_id which) const { return map::log::DBG_LOG_BUFFERS + UINT32(which) * DESC_SIZE; }
 
 UINT32 firmware::stats_offset() const { return align_up(descriptor_offset(log_id::count)); }
 
 UINT32 firmware::log_entries_offset(log_id which) const
 {
     UINT32 off = align_up(stats_offset() + NUM_STATS * map::log::STATS_RECORD_SIZE);
-    for (UINT32 i = 0; i < UINT32(which); ++i) off += log_entries(log_id(i)) * map::log::ENTRY_SIZE;
+    for (UINT32 i = 0; i < UINT32(which); ++i)
+        off += log_entries(log_id(i)) * map::log::ENTRY_SIZE;
     return off;
 }
 
-UINT32 firmware::up_time_seconds() const
-{
-    return UINT32((chip.ticks() - start_ticks_) / map::log::TICKS_PER_SECOND);
-}
+UINT32 firmware::up_time_seconds() const { return UINT32((chip.ticks() - start_ticks_) / map::log::TICKS_PER_SECOND); }
 
 void firmware::lay_out_log_block()
 {
@@ -209,7 +211,8 @@ void firmware::log_text(log_id which, const char* text)
         UINT32 d[5] = {};
         std::memcpy(d, text + at, std::min<size_t>(20, n - at));
         UINT16 code = DBG_LOG_USER_LOG;
-        if (n > 20) code = at == 0 ? DBG_LOG_ERROR_LOG_START : at + 20 >= n ? DBG_LOG_ERROR_LOG_END : DBG_LOG_ERROR_LOG_CONT;
+        if (n > 20)
+            code = at == 0 ? DBG_LOG_ERROR_LOG_START : at + 20 >= n ? DBG_LOG_ERROR_LOG_END : DBG_LOG_ERROR_LOG_CONT;
         logs_[UINT32(which)].write(ticks, code, d[0], d[1], d[2], d[3], d[4]);
         if (n == 0) break;
     }
@@ -269,9 +272,15 @@ bool firmware::corrupt(sim_fault_t what, UINT32 arg)
     namespace L = map::log;
     if (!laid_out_) return false;
     switch (what) {
-    case SIM_FAULT_CORRUPT_CONSOLE_COOKIE: chip.put(BLOCK + L::CONSOLE_COOKIE, arg); return true;
-    case SIM_FAULT_CORRUPT_STATS_COOKIE: chip.put(BLOCK + L::STATS_COOKIE, arg); return true;
-    case SIM_FAULT_CORRUPT_DBG_LOG_COOKIE: chip.put(BLOCK + L::DBG_LOG_COOKIE, arg); return true;
+    case SIM_FAULT_CORRUPT_CONSOLE_COOKIE:
+        chip.put(BLOCK + L::CONSOLE_COOKIE, arg);
+        return true;
+    case SIM_FAULT_CORRUPT_STATS_COOKIE:
+        chip.put(BLOCK + L::STATS_COOKIE, arg);
+        return true;
+    case SIM_FAULT_CORRUPT_DBG_LOG_COOKIE:
+        chip.put(BLOCK + L::DBG_LOG_COOKIE, arg);
+        return true;
     case SIM_FAULT_CORRUPT_CONSOLE_RING:
         if (arg == 0) {
             // Text where the first record's separator belongs.
@@ -286,7 +295,8 @@ bool firmware::corrupt(sim_fault_t what, UINT32 arg)
         chip.put(BLOCK + descriptor_offset(log_id(arg)) + L::DESC_WRITE_INDEX, bad);
         return true;
     }
-    default: return false;
+    default:
+        return false;
     }
 }
 

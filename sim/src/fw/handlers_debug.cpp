@@ -67,7 +67,8 @@ void sh_repeat(firmware& fw, const std::string& args, reply& rep)
         return;
     }
     const std::string text = args.substr(space + 1);
-    for (unsigned long i = 0; i < count; ++i) fw.console("%s\n", text.c_str());
+    for (unsigned long i = 0; i < count; ++i)
+        fw.console("%s\n", text.c_str());
 }
 
 void sh_uptime(firmware& fw, const std::string&, reply& rep)
@@ -91,15 +92,18 @@ constexpr shell_command COMMANDS[] = {
 void sh_help(firmware&, const std::string&, reply& rep)
 {
     std::string text = "commands:";
-    for (const shell_command& c : COMMANDS) text += std::string("\n  ") + c.usage;
+    for (const shell_command& c : COMMANDS)
+        text += std::string("\n  ") + c.usage;
     rep.text(text.c_str());
 }
 
 std::string trim(const std::string& s)
 {
     size_t b = 0, e = s.size();
-    while (b < e && std::isspace(static_cast<unsigned char>(s[b]))) ++b;
-    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1]))) --e;
+    while (b < e && std::isspace(static_cast<unsigned char>(s[b])))
+        ++b;
+    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1])))
+        --e;
     return s.substr(b, e - b);
 }
 
@@ -108,7 +112,8 @@ void cmd(firmware& fw, const request& req, reply& rep)
     // The text ends at its NUL or at the end of the payload.
     const char* text = reinterpret_cast<const char*>(req.data.data());
     size_t n = 0;
-    while (n < req.data.size() && text[n] != '\0') ++n;
+    while (n < req.data.size() && text[n] != '\0')
+        ++n;
     const std::string line = trim(std::string(text, n));
     fw.log_text(log_id::cmd, line.c_str());
 

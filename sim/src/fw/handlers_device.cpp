@@ -99,7 +99,8 @@ void restart(firmware& fw, const request&, reply&)
 void chnl_info_get(firmware& fw, const request&, reply& rep)
 {
     kavo_chnl_info_t info;
-    for (UINT32 i = 0; i < KAVO_NUM_CHANNELS; ++i) info.info[i] = kavo_segment_type_t(fw.device.channels[i]);
+    for (UINT32 i = 0; i < KAVO_NUM_CHANNELS; ++i)
+        info.info[i] = kavo_segment_type_t(fw.device.channels[i]);
     rep.record(info);
 }
 
@@ -112,7 +113,8 @@ void dcsu_cfg_get(firmware& fw, const request& req, reply& rep)
     }
     kavo_dcsu_cfg_get_t c;
     c.atmsb = c.enb = c.osc_clk_en = c.arstb = 1;
-    for (UINT32 i = 0; i < 8; ++i) c.post_sync_en[i] = 1;
+    for (UINT32 i = 0; i < 8; ++i)
+        c.post_sync_en[i] = 1;
     c.post_sync_cnt = 4;
     c.pre_div_by = 1;
     // Instance 0 is the host-visible unit: its post dividers are what the last

@@ -30,7 +30,8 @@ void console_ring_writer::write_word_data(const UINT32* words, UINT32 last_word,
     }
     ring_[write_index_++] = 0;
     ring_[write_index_++] = count;
-    for (UINT32 i = 0; i + 1 < count; ++i) ring_[write_index_++] = words[i];
+    for (UINT32 i = 0; i + 1 < count; ++i)
+        ring_[write_index_++] = words[i];
     ring_[write_index_++] = last_word;
     *write_index_ptr_ = write_index_;
 }

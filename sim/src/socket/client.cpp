@@ -38,17 +38,14 @@ struct connection {
         if (fd >= 0) ::close(fd);
         fd = -1;
     }
-    /* One exchange; a broken connection is reopened once (kavo-simd restarted). */
+    /* One exchange. A connection that broke is reopened by the next call, not
+       retried here: the request may have reached the chip already. */
     UINT32 exchange(sim_message_header_t& hdr, const UINT32* in, UINT32 words, std::vector<UINT32>* out)
     {
         std::lock_guard<std::mutex> lock(mutex);
-        const sim_message_header_t request = hdr;
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            if (!open_locked()) return map::BUS_ERR_LINK;
-            hdr = request;
-            if (sock::transact(fd, hdr, in, words, out)) return hdr.status;
-            close_locked();
-        }
+        if (!open_locked()) return map::BUS_ERR_LINK;
+        if (sock::transact(fd, hdr, in, words, out)) return hdr.status;
+        close_locked();
         return map::BUS_ERR_LINK;
     }
 };
@@ -104,8 +101,7 @@ UINT32 cb_bwrite(void*, UINT32, UINT32 device_id, UINT32 words, UINT32 address, 
 }
 
 /* A command on a connection of its own, for the one-shot calls. */
-VELT_ERROR command(const char* path, sim_message_header_t& h, const UINT32* in, UINT32 words,
-                   std::vector<UINT32>* out)
+VELT_ERROR command(const char* path, sim_message_header_t& h, const UINT32* in, UINT32 words, std::vector<UINT32>* out)
 {
     const int fd = sock::connect_to(path);
     if (fd < 0) return VELT_ERR_FAIL;

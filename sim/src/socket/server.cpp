@@ -32,11 +32,16 @@ int expected_words(UINT32 command)
     case SIM_COMMAND_BURST_READ:
     case SIM_COMMAND_CHIP_DESTROY:
     case SIM_COMMAND_CHIP_INFO:
-    case SIM_COMMAND_SHUTDOWN: return 0;
-    case SIM_COMMAND_CHIP_CREATE: return sizeof(sim_chip_config_t) / 4;
-    case SIM_COMMAND_FAULT_SET: return 2;
-    case SIM_COMMAND_BURST_WRITE: return -1;
-    default: return -2; // not a request
+    case SIM_COMMAND_SHUTDOWN:
+        return 0;
+    case SIM_COMMAND_CHIP_CREATE:
+        return sizeof(sim_chip_config_t) / 4;
+    case SIM_COMMAND_FAULT_SET:
+        return 2;
+    case SIM_COMMAND_BURST_WRITE:
+        return -1;
+    default:
+        return -2; // not a request
     }
 }
 
@@ -103,10 +108,14 @@ bool handle(const sim_message_header_t& req, const UINT32* payload, UINT32 words
         return false;
     }
     case SIM_COMMAND_FAULT_SET:
-        rep.hdr.status = c ? c->fault_set(sim_fault_t(req.arg0), payload[0], payload[1]) : VELT_ERROR(KAVO_ERR_INVALID_DEVICE_ID);
+        rep.hdr.status =
+            c ? c->fault_set(sim_fault_t(req.arg0), payload[0], payload[1]) : VELT_ERROR(KAVO_ERR_INVALID_DEVICE_ID);
         return false;
-    case SIM_COMMAND_SHUTDOWN: return true;
-    default: rep.hdr.status = VELT_ERR_INVALID_ARGS; return false;
+    case SIM_COMMAND_SHUTDOWN:
+        return true;
+    default:
+        rep.hdr.status = VELT_ERR_INVALID_ARGS;
+        return false;
     }
 }
 
@@ -181,7 +190,8 @@ struct socket_server::impl {
 
     void close_all()
     {
-        for (client& c : clients) ::close(c.fd);
+        for (client& c : clients)
+            ::close(c.fd);
         clients.clear();
         if (listen_fd >= 0) {
             ::close(listen_fd);
@@ -243,7 +253,8 @@ void socket_server::run()
         fds.clear();
         fds.push_back({s.wake[0], POLLIN, 0});
         fds.push_back({s.listen_fd, POLLIN, 0});
-        for (const auto& c : s.clients) fds.push_back({c.fd, POLLIN, 0});
+        for (const auto& c : s.clients)
+            fds.push_back({c.fd, POLLIN, 0});
         if (::poll(fds.data(), fds.size(), -1) < 0) {
             if (errno == EINTR) continue;
             break;
