@@ -18,20 +18,34 @@ void kavo_ipi::ipi_bit_set(UINT32 n) { int_agr_field_array_IPI_BITS_set(nullptr,
 
 void kavo_ipi::ipi_bit_clear(UINT32 n) { int_agr_field_array_IPI_BITS_set(nullptr, cpu_handle, n, 0); }
 
+namespace {
+/* The group of an interrupt number, tested in the order 1, 0, 2, 3; -1 beyond 63. */
+int group_of(UINT32 number)
+{
+    if (number >= 16 && number < 32) return 1;
+    if (number < 16) return 0;
+    if (number < 48) return 2;
+    if (number < 64) return 3;
+    return -1;
+}
+
+[[noreturn]] void number_too_large(int line)
+{
+    velt_customer_os_assert(VELT_ERR_FAIL, velt_log_extract_file_name(__FILE__), line);
+}
+}  // namespace
+
 void kavo_ipi::interrupt_enable_set(UINT32 number, bool enable)
 {
     const UINT32 bit = number % 16;
     const UINT32 value = enable ? 1 : 0;
-    if (number >= 16 && number < 32)
-        int_agr_field_range_IPI2PCIE_1_E1_set(nullptr, cpu_handle, bit, bit, value);
-    else if (number < 16)
-        int_agr_field_range_IPI2PCIE_0_E0_set(nullptr, cpu_handle, bit, bit, value);
-    else if (number < 48)
-        int_agr_field_range_IPI2PCIE_2_E2_set(nullptr, cpu_handle, bit, bit, value);
-    else if (number < 64)
-        int_agr_field_range_IPI2PCIE_3_E3_set(nullptr, cpu_handle, bit, bit, value);
-    else
-        VELT_ASSERT_FAIL(device_id, VELT_ERR_FAIL);
+    switch (group_of(number)) {
+    case 0: int_agr_field_range_IPI2PCIE_0_E0_set(nullptr, cpu_handle, bit, bit, value); break;
+    case 1: int_agr_field_range_IPI2PCIE_1_E1_set(nullptr, cpu_handle, bit, bit, value); break;
+    case 2: int_agr_field_range_IPI2PCIE_2_E2_set(nullptr, cpu_handle, bit, bit, value); break;
+    case 3: int_agr_field_range_IPI2PCIE_3_E3_set(nullptr, cpu_handle, bit, bit, value); break;
+    default: VELT_ASSERT_FAIL(device_id, VELT_ERR_FAIL);
+    }
 }
 
 void kavo_ipi::interrupt_status_get(UINT32* status) { *status = int_agr_field_IPI2PCIE_0_I0_get(nullptr, cpu_handle); }
@@ -39,32 +53,26 @@ void kavo_ipi::interrupt_status_get(UINT32* status) { *status = int_agr_field_IP
 bool kavo_ipi::is_interrupt_set(UINT32 number)
 {
     UINT32 status = 0;
-    if (number >= 16 && number < 32)
-        status = int_agr_field_IPI2PCIE_1_I1_get(nullptr, cpu_handle);
-    else if (number < 16)
-        status = int_agr_field_IPI2PCIE_0_I0_get(nullptr, cpu_handle);
-    else if (number < 48)
-        status = int_agr_field_IPI2PCIE_2_I2_get(nullptr, cpu_handle);
-    else if (number < 64)
-        status = int_agr_field_IPI2PCIE_3_I3_get(nullptr, cpu_handle);
-    else
-        velt_customer_os_assert(VELT_ERR_FAIL, velt_log_extract_file_name(__FILE__), __LINE__);
+    switch (group_of(number)) {
+    case 0: status = int_agr_field_IPI2PCIE_0_I0_get(nullptr, cpu_handle); break;
+    case 1: status = int_agr_field_IPI2PCIE_1_I1_get(nullptr, cpu_handle); break;
+    case 2: status = int_agr_field_IPI2PCIE_2_I2_get(nullptr, cpu_handle); break;
+    case 3: status = int_agr_field_IPI2PCIE_3_I3_get(nullptr, cpu_handle); break;
+    default: number_too_large(__LINE__);
+    }
     return ((status >> (number % 16)) & 1u) != 0;
 }
 
 void kavo_ipi::interrupt_clear(UINT32 number)
 {
     const UINT32 bit_mask = 1u << (number % 16);
-    if (number >= 16 && number < 32)
-        int_agr_field_IPI2PCIE_1_I1_set_to_clear(nullptr, cpu_handle, bit_mask);
-    else if (number < 16)
-        int_agr_field_IPI2PCIE_0_I0_set_to_clear(nullptr, cpu_handle, bit_mask);
-    else if (number < 48)
-        int_agr_field_IPI2PCIE_2_I2_set_to_clear(nullptr, cpu_handle, bit_mask);
-    else if (number < 64)
-        int_agr_field_IPI2PCIE_3_I3_set_to_clear(nullptr, cpu_handle, bit_mask);
-    else
-        velt_customer_os_assert(VELT_ERR_FAIL, velt_log_extract_file_name(__FILE__), __LINE__);
+    switch (group_of(number)) {
+    case 0: int_agr_field_IPI2PCIE_0_I0_set_to_clear(nullptr, cpu_handle, bit_mask); break;
+    case 1: int_agr_field_IPI2PCIE_1_I1_set_to_clear(nullptr, cpu_handle, bit_mask); break;
+    case 2: int_agr_field_IPI2PCIE_2_I2_set_to_clear(nullptr, cpu_handle, bit_mask); break;
+    case 3: int_agr_field_IPI2PCIE_3_I3_set_to_clear(nullptr, cpu_handle, bit_mask); break;
+    default: number_too_large(__LINE__);
+    }
 }
 
 bool kavo_ipi::post_host_request()

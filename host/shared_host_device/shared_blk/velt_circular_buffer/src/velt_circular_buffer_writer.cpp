@@ -48,10 +48,8 @@ void velt_circular_buffer_writer::write_word_data(UINT32* words, UINT32 last_wor
 
 void velt_circular_buffer_writer::write_char_data(char* text, int length)
 {
-    if (length <= 0) {
-        write_word_data(nullptr, 0, 1);
-        return;
-    }
+    // An empty text makes no record: the reader finds a record's end by its text.
+    if (length <= 0) return;
     int r = length % 4;
     if (r == 0) r = 4;
     UINT32 last_word = 0;
