@@ -125,6 +125,21 @@ TEST_F(Stats, StartEndAndCancel)
     EXPECT_EQ(s.num, 3u);
 }
 
+TEST_F(Stats, BenchmarkRunsEachIterationThenTheWholeLoop)
+{
+    int calls[2] = {0, 0};
+    auto fn = [](void* ctx) { ++static_cast<int*>(ctx)[0]; };
+    auto finish = [](void* ctx) { ++static_cast<int*>(ctx)[1]; };
+    // No time budget: one timed iteration, then a loop of that many.
+    EXPECT_GE(velt_stat_bench2(fn, finish, calls, 0, "noop"), 0.0);
+    EXPECT_EQ(calls[0], 2);
+    EXPECT_EQ(calls[1], 2);
+    EXPECT_TRUE(::testing::internal::RE::FullMatch(kavo_test::take(),
+        "testing noop \\.\\.\\. \n"
+        "each iteration noop: [0-9.]+ [a-z]+\n"
+        "overall        noop: n=1, total=[0-9.]+ [a-z]+, avg=[0-9.]+ [a-z]+\n\n"));
+}
+
 velt_sys_fw_stats_t fw_record(const char* name, UINT64 num, bool started, UINT64 duration_sum, UINT32 dmin,
                               UINT32 dmax, UINT64 period_sum, UINT32 pmin, UINT32 pmax)
 {

@@ -50,6 +50,12 @@ Printed formats (every line indented by 4 x depth blanks):
   2-d array   "name:" then per row "- [a, b]    # name[r][:]"
   counters    to standard output, "name:" or "i:" as element, filtered by
               kavo_pmon_print_sel_t (NONE: header only; ALL_NON_ZERO; ALL)
+Enumerations have a fixed 32-bit type in C++, so an unknown value read from
+the firmware is still a value of the type and prints as "illegal <type>".
+
+Also generated here: the firmware log decoder (kavo_gen_fwlog.py, from
+host/types/fw_log_formats.toml) and the register accessors (kavo_gen_regs.py,
+from host/types/registers/registers.toml, into the internal velt_registers.h).
 """
 import argparse
 import os

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds every fuzz target with clang and runs each for a bounded time.
+#   bash fuzz/run.sh [BUILD_DIR] [SECONDS]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build-fuzz}
+seconds=${2:-30}
+cmake -S . -B "$build" -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DKAVO_BUILD_FUZZ=ON -DKAVO_BUILD_TESTS=OFF -DKAVO_BUILD_BENCH=OFF -DKAVO_BUILD_EXAMPLES=OFF
+targets=$(cd fuzz && ls fuzz_*.cpp | sed 's/\.cpp$//')
+ninja -C "$build" $targets
+for t in $targets; do
+  mkdir -p "$build/corpus/$t"
+  seeds=()
+  [ -d "fuzz/corpus/$t" ] && seeds=("fuzz/corpus/$t")
+  echo "--- $t: ${seconds} s"
+  "$build/fuzz/$t" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
+    -artifact_prefix="$build/" "$build/corpus/$t" "${seeds[@]}" 2>&1 | tail -n 12
+  [ "${PIPESTATUS[0]}" -eq 0 ]
+done
