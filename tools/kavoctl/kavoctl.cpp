@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,7 +42,9 @@ const char* const USAGE =
     "                              the firmware's console, statistics or debug logs\n"
     "  image create FILE [--version M.m.b] [--vcs N] [--device-rev N] [--corrupt]\n"
     "  image inspect FILE          print an image file's header\n"
-    "  options                     the library's options\n";
+    "  options                     the library's options\n"
+    "  run FILE                    run the commands of FILE (one a line, # comments) on one device\n"
+    "  shell                       read commands from standard input on one device\n";
 
 struct settings {
     UINT32 device = 0;
@@ -245,6 +250,26 @@ int cmd_image(const std::vector<std::string>& args)
     return usage_error("image create FILE ... | image inspect FILE");
 }
 
+bool is_device_command(const std::string& command)
+{
+    static const char* const commands[] = {"status", "init", "config", "reg", "ping", "cmd", "fw-log"};
+    for (const char* c : commands)
+        if (command == c) return true;
+    return false;
+}
+
+int device_command(const settings& s, const std::string& command, const std::vector<std::string>& args)
+{
+    if (command == "status") return cmd_status(s);
+    if (command == "config") return cmd_config(s, args);
+    if (command == "reg") return cmd_reg(s, args);
+    if (command == "ping") return cmd_ping(s, args);
+    if (command == "cmd") return cmd_debug(s, args);
+    if (command == "fw-log") return cmd_fw_log(s, args);
+    std::printf("device %u is up (%s)\n", s.device, kavo_init_type_t_print(s.init));
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -303,28 +328,49 @@ int main(int argc, char** argv)
         std::fputs(USAGE, stdout);
         return 0;
     }
-    static const char* const device_commands[] = {"status", "init", "config", "reg", "ping", "cmd", "fw-log"};
-    bool known = false;
-    for (const char* c : device_commands) known = known || command == c;
-    if (!known) return usage_error(("unknown command " + command).c_str());
+    const bool script = command == "run" || command == "shell";
+    if (!script && !is_device_command(command)) return usage_error(("unknown command " + command).c_str());
+    std::ifstream file;
+    if (command == "run") {
+        if (args.size() != 1) return usage_error("run FILE");
+        file.open(args[0]);
+        if (!file) {
+            std::fprintf(stderr, "kavoctl: cannot read %s\n", args[0].c_str());
+            return 1;
+        }
+    }
 
     VELT_ERROR rc = open_device(s);
     if (rc != VELT_SUCCESS) return finish(rc, "device init");
     int status = 0;
-    if (command == "status")
-        status = cmd_status(s);
-    else if (command == "init")
-        std::printf("device %u is up (%s)\n", s.device, kavo_init_type_t_print(s.init));
-    else if (command == "config")
-        status = cmd_config(s, args);
-    else if (command == "reg")
-        status = cmd_reg(s, args);
-    else if (command == "ping")
-        status = cmd_ping(s, args);
-    else if (command == "cmd")
-        status = cmd_debug(s, args);
-    else if (command == "fw-log")
-        status = cmd_fw_log(s, args);
+    if (!script) {
+        status = device_command(s, command, args);
+    } else {
+        // One command a line on the open device; a script stops at its first failure.
+        std::istream& in = command == "run" ? static_cast<std::istream&>(file) : std::cin;
+        const bool interactive = command == "shell" && isatty(0);
+        std::string line;
+        for (;;) {
+            if (interactive) {
+                std::printf("kavo> ");
+                std::fflush(stdout);
+            }
+            if (!std::getline(in, line)) break;
+            std::istringstream words(line.substr(0, line.find('#')));
+            std::vector<std::string> argv_line;
+            for (std::string w; words >> w;) argv_line.push_back(w);
+            if (argv_line.empty()) continue;
+            const std::string name = argv_line[0];
+            argv_line.erase(argv_line.begin());
+            int one = 2;
+            if (is_device_command(name))
+                one = device_command(s, name, argv_line);
+            else
+                std::fprintf(stderr, "kavoctl: unknown command %s\n", name.c_str());
+            if (one != 0) status = one;
+            if (one != 0 && command == "run") break;
+        }
+    }
     kavo_device_uninit(s.device, 0);
     return status;
 }
