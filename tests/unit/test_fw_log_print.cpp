@@ -17,7 +17,7 @@ std::pair<std::string, UINT32> decode(INT32 code, std::vector<UINT32> d, UINT32 
     return {out.c_str(), words};
 }
 
-TEST(FwLogPrint, TextsAndDataWordsConsumed)
+TEST(FwLogPrint, TextsDataWordsConsumedAndTheBoundOfTheOutput)
 {
     const std::string rd = " // read addr=0x00000010, mask=0x00000001, value=0x00000001";
     const std::tuple<INT32, std::vector<UINT32>, std::string, UINT32> cases[] = {
@@ -44,10 +44,7 @@ TEST(FwLogPrint, TextsAndDataWordsConsumed)
     for (const auto& [code, d, text, words] : cases) {
         EXPECT_EQ(decode(code, d), std::make_pair(text, words)) << code;
     }
-}
-
-TEST(FwLogPrint, OutputIsBoundedByItsSize)
-{
+    // The output is bounded by its size, and a size of 0 leaves it alone.
     EXPECT_EQ(decode(6413, {250}, 10).first, "SLEEP_STA");
     EXPECT_EQ(decode(6413, {250}, 1).first, "");
     std::string untouched = "keep";

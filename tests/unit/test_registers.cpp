@@ -1,5 +1,5 @@
 // Register layer: bus operations per access sequence on a counting test bus,
-// the misuse halts, and every accessor's address, mask and shift.
+// the misuse halts, and the address, mask and shift of each accessor shape.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -71,7 +71,6 @@ protected:
         out.swap(ops);
         return out;
     }
-    velt_l1_sys_state_t* state() { return static_cast<velt_l1_sys_state_t*>(sys->internal_sys_handle); }
 
     velt_sys_handle_t sys = nullptr;
     cpu_cfg_handle_t cpu{};
@@ -87,12 +86,8 @@ TEST_F(Registers, TwoFieldSetsAndFlushAreOneReadModifyWrite)
     cpu_cfg_field_REVISION_CODE_set(&buf, &cpu, 0x3);
     cpu_cfg_field_DEVICE_ID_set(&buf, &cpu, 0x1234);
     EXPECT_TRUE(ops.empty());
-    EXPECT_EQ(state()->pending, 1u);
-    EXPECT_EQ(state()->pending_addr, 0xF00380u);
     cpu_cfg_buffer_flush(&buf);
     EXPECT_EQ(take_ops(), (ops_t{{'R', 0xF00380, 0xABC}, {'W', 0xF00380, 0x31234ABC}}));
-    EXPECT_EQ(state()->pending, 0u);
-    EXPECT_EQ(buf.buffer.buffer_state, VELT_L1_BUFFER_EMPTY);
 }
 
 TEST_F(Registers, FlushIsAPlainWriteWhenMasksCoverTheRegister)
@@ -162,13 +157,11 @@ TEST_F(Registers, ActionOnWriteAndRangeFlagsChooseTheWriteKind)
     EXPECT_EQ(take_ops(), (ops_t{{'R', 0xF021F0, 3}, {'W', 0xF021F0, 0xFFFF}}));
 }
 
-struct range_case {
-    UINT32 start, stop, value, before, after;
-};
-
 TEST_F(Registers, RangeSetterTouchesOnlyItsBits)
 {
-    const range_case cases[] = {
+    const struct {
+        UINT32 start, stop, value, before, after;
+    } cases[] = {
         {1, 1, 1, 0x0000, 0x0002},    // enable bit 1 of a group
         {1, 1, 0, 0xFFFF, 0xFFFD},    // and clear it
         {4, 40, 0xFFF, 0x0000, 0xFFF0},  // stop clamped to the field's last bit
@@ -208,7 +201,9 @@ TEST_F(RegistersDeathTest, MisuseHalts)
     EXPECT_DEATH(cpu_cfg_field_DEVICE_ID_get(&buf, &cpu), "old addr = 0x00f000f0 new addr = 0x00f00380");
 }
 
-// Every field of the register map: address, mask, shift and unused bits.
+// One field of each shape the accessor generator emits: a top bit, a whole
+// register, two fields sharing a register, a register file (at index 6, plain
+// and with unused bits), and a field of each block.
 struct field_case {
     const char* name;
     UINT32 addr, mask, shift, unused;
@@ -216,59 +211,37 @@ struct field_case {
     std::function<void(velt_handle_t*, UINT32)> set;
     std::function<UINT32(velt_handle_t*)> get;
     std::function<VELT_ERROR(velt_handle_t*, UINT32)> poll;
-    std::function<UINT32(velt_handle_t*)> read;
-    std::function<void(velt_handle_t*, UINT32)> write;
 };
 
-#define FIELD(B, R, F, ADDR, MASK, SHIFT, UNUSED)                                                         \
+#define FIELD(B, F, ADDR, MASK, SHIFT, UNUSED)                                                            \
     field_case{#F, ADDR, MASK, SHIFT, UNUSED, std::string(#B) == "dcsu",                                  \
                [](velt_handle_t* h, UINT32 v) { B##_field_##F##_set(nullptr, h, v); },                     \
                [](velt_handle_t* h) { return B##_field_##F##_get(nullptr, h); },                           \
-               [](velt_handle_t* h, UINT32 v) { return B##_field_##F##_poll(nullptr, h, v, VELT_POLL_EQUAL, 0); }, \
-               [](velt_handle_t* h) { return B##_reg_##R##_read(nullptr, h); },                            \
-               [](velt_handle_t* h, UINT32 v) { B##_reg_##R##_write(nullptr, h, v); }}
-// Array registers are checked at index 6.
-#define FIELD_ARRAY(B, R, F, ADDR, MASK, SHIFT, UNUSED)                                                     \
+               [](velt_handle_t* h, UINT32 v) { return B##_field_##F##_poll(nullptr, h, v, VELT_POLL_EQUAL, 0); }}
+#define FIELD_ARRAY(B, F, ADDR, MASK, SHIFT, UNUSED)                                                        \
     field_case{#F "[6]", (ADDR) + 24, MASK, SHIFT, UNUSED, false,                                           \
                [](velt_handle_t* h, UINT32 v) { B##_field_array_##F##_set(nullptr, h, 6, v); },              \
                [](velt_handle_t* h) { return B##_field_array_##F##_get(nullptr, h, 6); },                    \
                [](velt_handle_t* h, UINT32 v) {                                                              \
                    return B##_field_array_##F##_poll(nullptr, h, 6, v, VELT_POLL_EQUAL, 0);                  \
-               },                                                                                            \
-               [](velt_handle_t* h) { return B##_reg_##R##_array_read(nullptr, h, 6); },                     \
-               [](velt_handle_t* h, UINT32 v) { B##_reg_##R##_array_write(nullptr, h, 6, v); }}
+               }}
 
 const std::vector<field_case>& field_table()
 {
     static const std::vector<field_case> table = {
-        FIELD(cpu_cfg, SW_RST_HOST_EN, SW_RST_HOST_AUTO_CLR_EN, 0xF00020, 0x80000000, 31, 0x720027F4),
-        FIELD(cpu_cfg, SW_RST_HOST_TRIG, SW_RST_HOST, 0xF0002C, 0xFFFFFFFF, 0, 0),
-        FIELD(cpu_cfg, CA53_CTRL4, SW_SET_CORERESET, 0xF000B0, 0xFFFFFFFF, 0, 0),
-        FIELD(cpu_cfg, BOOT_INFO, BOOT_INFO, 0xF000F0, 0xFFFF, 0, 0),
-        FIELD_ARRAY(cpu_cfg, APP_SCRATCH, SCRATCH, 0xF00320, 0xFFFFFFFF, 0, 0),
-        FIELD(cpu_cfg, DEVICE_ID, REVISION_CODE, 0xF00380, 0xF0000000, 28, 0),
-        FIELD(cpu_cfg, DEVICE_ID, DEVICE_ID, 0xF00380, 0x0FFFF000, 12, 0),
-        FIELD(ocr_cfg, UNAVAIL, RAM_UNAVAIL, 0xF10010, 0xFF, 0, 0xFFFFFF00),
-        FIELD(ocr_cfg, INIT_CTRL, RAM_INIT_EN, 0xF10018, 0xFF, 0, 0xFFFFFF00),
-        FIELD(ocr_cfg, INIT_STATUS, RAM_INIT_BUSY, 0xF10020, 0xFF, 0, 0),
-        FIELD(ocr_cfg, SHUTDOWN_CTRL, RAM_LOWPWR_SD, 0xF10028, 0xFF, 0, 0xFFFFFF00),
-        FIELD(dcsu, POST_DIVIDER_UPDATE_REG, POST_UPDATE_EN, 0x744010, 0x1, 0, 0xFFFFFFFE),
-        FIELD(dcsu, POST_DIVIDER_CFG_REG_2, POST_DIV_BY0, 0x74401C, 0x3F, 0, 0xC0C0C0C0),
-        FIELD_ARRAY(int_agr, DEV_INTB_AGGR_SET, DEV_INTB_AGGR_SET, 0xF02000, 0xFFFFFFFF, 0, 0),
-        FIELD_ARRAY(int_agr, INTER_PROCESSOR_INTS, IPI_BITS, 0xF020E0, 0x1, 0, 0xFFFFFFFE),
-        FIELD(int_agr, IPI2PCIE_0_INT, IPI2PCIE_0_I0, 0xF021E0, 0xFFFF, 0, 0),
-        FIELD(int_agr, IPI2PCIE_1_INT, IPI2PCIE_1_I1, 0xF021E4, 0xFFFF, 0, 0),
-        FIELD(int_agr, IPI2PCIE_2_INT, IPI2PCIE_2_I2, 0xF021E8, 0xFFFF, 0, 0),
-        FIELD(int_agr, IPI2PCIE_3_INT, IPI2PCIE_3_I3, 0xF021EC, 0xFFFF, 0, 0),
-        FIELD(int_agr, IPI2PCIE_0_INT_EN, IPI2PCIE_0_E0, 0xF021F0, 0xFFFF, 0, 0xFFFF0000),
-        FIELD(int_agr, IPI2PCIE_1_INT_EN, IPI2PCIE_1_E1, 0xF021F4, 0xFFFF, 0, 0xFFFF0000),
-        FIELD(int_agr, IPI2PCIE_2_INT_EN, IPI2PCIE_2_E2, 0xF021F8, 0xFFFF, 0, 0xFFFF0000),
-        FIELD(int_agr, IPI2PCIE_3_INT_EN, IPI2PCIE_3_E3, 0xF021FC, 0xFFFF, 0, 0xFFFF0000),
+        FIELD(cpu_cfg, SW_RST_HOST_AUTO_CLR_EN, 0xF00020, 0x80000000, 31, 0x720027F4),
+        FIELD(cpu_cfg, SW_RST_HOST, 0xF0002C, 0xFFFFFFFF, 0, 0),
+        FIELD(cpu_cfg, DEVICE_ID, 0xF00380, 0x0FFFF000, 12, 0),
+        FIELD_ARRAY(cpu_cfg, SCRATCH, 0xF00320, 0xFFFFFFFF, 0, 0),
+        FIELD(ocr_cfg, RAM_INIT_EN, 0xF10018, 0xFF, 0, 0xFFFFFF00),
+        FIELD(dcsu, POST_DIV_BY0, 0x74401C, 0x3F, 0, 0xC0C0C0C0),
+        FIELD_ARRAY(int_agr, IPI_BITS, 0xF020E0, 0x1, 0, 0xFFFFFFFE),
+        FIELD(int_agr, IPI2PCIE_3_E3, 0xF021FC, 0xFFFF, 0, 0xFFFF0000),
     };
     return table;
 }
 
-TEST_F(Registers, EveryFieldHitsItsAddressMaskAndShift)
+TEST_F(Registers, EachFieldShapeHitsItsAddressMaskAndShift)
 {
     const UINT32 pattern = 0xA5C3965A;
     for (const auto& f : field_table()) {
@@ -287,10 +260,6 @@ TEST_F(Registers, EveryFieldHitsItsAddressMaskAndShift)
         f.set(h, 0);
         EXPECT_EQ(chip[f.addr], rmw ? (pattern & ~f.mask) : 0u);
         for (const auto& op : take_ops()) EXPECT_EQ(op.addr, f.addr);
-
-        f.write(h, 0x12345678);
-        EXPECT_EQ(f.read(h), 0x12345678u);
-        EXPECT_EQ(take_ops(), (ops_t{{'W', f.addr, 0x12345678}, {'R', f.addr, 0x12345678}}));
     }
 }
 

@@ -56,7 +56,6 @@ void kavo_ptest_inner_t_print_at(const kavo_ptest_inner_t* value, const char* na
     const int pad = 4 * (indent + 1);
     (void)pad;
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "id", (unsigned)value->id);
-    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "addr", (unsigned)value->addr);
     VELT_PRINTF(file, "%*s%s: %d\n", pad, "", "offset", (int)value->offset);
 }
 
@@ -71,7 +70,6 @@ void kavo_ptest_key_t_print_at(const kavo_ptest_key_t* value, const char* name, 
     const int pad = 4 * (indent + 1);
     (void)pad;
     VELT_PRINTF(file, "%*s%s: 0x%lx\n", pad, "", "key_hi", (unsigned long)value->key_hi);
-    VELT_PRINTF(file, "%*s%s: 0x%lx\n", pad, "", "key_lo", (unsigned long)value->key_lo);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "len", (unsigned)value->len);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "flags", (unsigned)value->flags);
 }
@@ -88,27 +86,11 @@ void kavo_ptest_params_u_print_at(const kavo_ptest_params_u* value, const char* 
     (void)pad;
     kavo_ptest_key_t_print_at(&value->key, "key", file, indent + 1, -1);
     VELT_PRINTF(file, "%*s%s: [", pad, "", "words");
-    for (int i = 0; i < 6 - 1; ++i) VELT_PRINTF(file, "%u, ", (unsigned)value->words[i]);
-    VELT_PRINTF(file, "%u]\n", (unsigned)value->words[6 - 1]);
+    for (int i = 0; i < 4 - 1; ++i) VELT_PRINTF(file, "%u, ", (unsigned)value->words[i]);
+    VELT_PRINTF(file, "%u]\n", (unsigned)value->words[4 - 1]);
 }
 
 void kavo_ptest_params_u_print(const kavo_ptest_params_u* value, FILE* file) { kavo_ptest_params_u_print_at(value, "kavo_ptest_params_u", file, 0, -1); }
-
-
-void kavo_ptest_small_u_init(kavo_ptest_small_u* value) { value->init(); }
-
-void kavo_ptest_small_u_print_at(const kavo_ptest_small_u* value, const char* name, FILE* file, int indent, int index)
-{
-    velt_print_struct_header(file, name, indent, index);
-    const int pad = 4 * (indent + 1);
-    (void)pad;
-    VELT_PRINTF(file, "%*s%s: 0x%lx\n", pad, "", "raw", (unsigned long)value->raw);
-    VELT_PRINTF(file, "%*s%s: [", pad, "", "halves");
-    for (int i = 0; i < 2 - 1; ++i) VELT_PRINTF(file, "%u, ", (unsigned)value->halves[i]);
-    VELT_PRINTF(file, "%u]\n", (unsigned)value->halves[2 - 1]);
-}
-
-void kavo_ptest_small_u_print(const kavo_ptest_small_u* value, FILE* file) { kavo_ptest_small_u_print_at(value, "kavo_ptest_small_u", file, 0, -1); }
 
 
 void kavo_ptest_all_t_init(kavo_ptest_all_t* value) { value->init(); }
@@ -119,24 +101,20 @@ void kavo_ptest_all_t_print_at(const kavo_ptest_all_t* value, const char* name, 
     const int pad = 4 * (indent + 1);
     (void)pad;
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "u8", (unsigned)value->u8);
-    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "u16", (unsigned)value->u16);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "u32", (unsigned)value->u32);
     VELT_PRINTF(file, "%*s%s: %d\n", pad, "", "s32", (int)value->s32);
-    VELT_PRINTF(file, "%*s%s: %lu\n", pad, "", "u64", (unsigned long)value->u64);
     VELT_PRINTF(file, "%*s%s: %ld\n", pad, "", "s64", (long)value->s64);
-    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "flag", (unsigned)value->flag);
     VELT_PRINTF(file, "%*s%s: %f\n", pad, "", "ratio", (double)value->ratio);
     VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "mask", (unsigned)value->mask);
     VELT_PRINTF(file, "%*s%s: 0x%lx\n", pad, "", "addr64", (unsigned long)value->addr64);
-    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "result", (unsigned)value->result);
     VELT_PRINTF(file, "%*s%s: %s\n", pad, "", "color", kavo_ptest_color_t_print(value->color, nullptr, 0));
     VELT_PRINTF(file, "%*s%s: %s\n", pad, "", "ipi", kavo_ipi_type_t_print(value->ipi, nullptr, 0));
     kavo_ptest_inner_t_print_at(&value->inner, "inner", file, indent + 1, -1);
     VELT_PRINTF(file, "%*s%s: [", pad, "", "short_arr");
-    for (int i = 0; i < 4 - 1; ++i) VELT_PRINTF(file, "%u, ", (unsigned)value->short_arr[i]);
-    VELT_PRINTF(file, "%u]\n", (unsigned)value->short_arr[4 - 1]);
+    for (int i = 0; i < 8 - 1; ++i) VELT_PRINTF(file, "%u, ", (unsigned)value->short_arr[i]);
+    VELT_PRINTF(file, "%u]\n", (unsigned)value->short_arr[8 - 1]);
     VELT_PRINTF(file, "%*s%s:\n", pad, "", "long_arr");
-    for (int i = 0; i < 10; ++i) VELT_PRINTF(file, "%*s- %u    #%s[%d]\n", pad, "", (unsigned)value->long_arr[i], "long_arr", i);
+    for (int i = 0; i < 9; ++i) VELT_PRINTF(file, "%*s- %u    #%s[%d]\n", pad, "", (unsigned)value->long_arr[i], "long_arr", i);
     VELT_PRINTF(file, "%*s%s:\n", pad, "", "forced_list");
     for (int i = 0; i < 2; ++i) VELT_PRINTF(file, "%*s- %u    #%s[%d]\n", pad, "", (unsigned)value->forced_list[i], "forced_list", i);
     VELT_PRINTF(file, "%*s%s: [", pad, "", "forced_inline");
@@ -154,9 +132,7 @@ void kavo_ptest_all_t_print_at(const kavo_ptest_all_t* value, const char* name, 
     VELT_PRINTF(file, "%*s%s: %.*s\n", pad, "", "name", (int)sizeof(value->name), value->name);
     VELT_PRINTF(file, "%*s%s:\n", pad, "", "names");
     for (int i = 0; i < 2; ++i) VELT_PRINTF(file, "%*s- %.*s    # %s[%d]\n", pad, "", (int)sizeof(value->names[i]), value->names[i], "names", i);
-    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "sel", (unsigned)value->sel);
     kavo_ptest_params_u_print_at(&value->params, "params", file, indent + 1, -1);
-    kavo_ptest_small_u_print_at(&value->small, "small", file, indent + 1, -1);
 }
 
 void kavo_ptest_all_t_print(const kavo_ptest_all_t* value, FILE* file) { kavo_ptest_all_t_print_at(value, "kavo_ptest_all_t", file, 0, -1); }
@@ -172,7 +148,7 @@ void kavo_ptest_counts_leaf_t_print_at(const kavo_ptest_counts_leaf_t* value, co
     velt_print_counter(selection, indent + 1, "rx_bytes", (UINT64)value->rx_bytes, "%lu");
     velt_print_counter(selection, indent + 1, "total_rcvd_pkt_cnt_lsb", (UINT64)value->total_rcvd_pkt_cnt_lsb, "%u");
     velt_print_counter(selection, indent + 1, "total_rcvd_pkt_cnt_msb", (UINT64)value->total_rcvd_pkt_cnt_msb, "%u");
-    velt_print_counter_array(selection, indent + 1, "lane_errs", value->lane_errs, 3);
+    velt_print_counter_array(selection, indent + 1, "lane_errs", value->lane_errs, 2);
 }
 
 void kavo_ptest_counts_leaf_t_print(const kavo_ptest_counts_leaf_t* value, kavo_pmon_print_sel_t selection) { kavo_ptest_counts_leaf_t_print_at(value, "kavo_ptest_counts_leaf_t", selection, 0, -1); }

@@ -30,7 +30,6 @@ KAVO_API const char* kavo_ptest_color_t_suffix_print(kavo_ptest_color_t value, c
 typedef struct kavo_ptest_inner_t kavo_ptest_inner_t;
 typedef struct kavo_ptest_key_t kavo_ptest_key_t;
 typedef union kavo_ptest_params_u kavo_ptest_params_u;
-typedef union kavo_ptest_small_u kavo_ptest_small_u;
 typedef struct kavo_ptest_all_t kavo_ptest_all_t;
 typedef struct kavo_ptest_counts_leaf_t kavo_ptest_counts_leaf_t;
 typedef struct kavo_ptest_counts_t kavo_ptest_counts_t;
@@ -44,9 +43,6 @@ KAVO_API void kavo_ptest_key_t_print(const kavo_ptest_key_t* value, FILE* file);
 KAVO_API void kavo_ptest_params_u_init(kavo_ptest_params_u* value);
 KAVO_API void kavo_ptest_params_u_print_at(const kavo_ptest_params_u* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptest_params_u_print(const kavo_ptest_params_u* value, FILE* file);
-KAVO_API void kavo_ptest_small_u_init(kavo_ptest_small_u* value);
-KAVO_API void kavo_ptest_small_u_print_at(const kavo_ptest_small_u* value, const char* name, FILE* file, int indent, int index);
-KAVO_API void kavo_ptest_small_u_print(const kavo_ptest_small_u* value, FILE* file);
 KAVO_API void kavo_ptest_all_t_init(kavo_ptest_all_t* value);
 KAVO_API void kavo_ptest_all_t_print_at(const kavo_ptest_all_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptest_all_t_print(const kavo_ptest_all_t* value, FILE* file);
@@ -63,7 +59,6 @@ KAVO_API void kavo_ptest_counts_t_print(const kavo_ptest_counts_t* value, kavo_p
 
 typedef struct kavo_ptest_inner_t {
     UINT32 id;
-    UINT32 addr;
     INT32 offset;
 #ifdef __cplusplus
     kavo_ptest_inner_t() { init(); }
@@ -77,11 +72,10 @@ typedef struct kavo_ptest_inner_t {
     { kavo_ptest_inner_t_print_at(this, name, file, indent, index); }
 #endif
 } kavo_ptest_inner_t;
-KAVO_STATIC_ASSERT(sizeof(kavo_ptest_inner_t) == 12, "kavo_ptest_inner_t is 12 bytes");
+KAVO_STATIC_ASSERT(sizeof(kavo_ptest_inner_t) == 8, "kavo_ptest_inner_t is 8 bytes");
 
 typedef struct kavo_ptest_key_t {
     UINT64 key_hi;
-    UINT64 key_lo;
     UINT32 len;
     UINT32 flags;
 #ifdef __cplusplus
@@ -95,11 +89,11 @@ typedef struct kavo_ptest_key_t {
     { kavo_ptest_key_t_print_at(this, name, file, indent, index); }
 #endif
 } kavo_ptest_key_t;
-KAVO_STATIC_ASSERT(sizeof(kavo_ptest_key_t) == 24, "kavo_ptest_key_t is 24 bytes");
+KAVO_STATIC_ASSERT(sizeof(kavo_ptest_key_t) == 16, "kavo_ptest_key_t is 16 bytes");
 
 typedef union kavo_ptest_params_u {
     kavo_ptest_key_t key;
-    UINT32 words[6];
+    UINT32 words[4];
 #ifdef __cplusplus
     kavo_ptest_params_u() { init(); }
     void init()
@@ -111,40 +105,21 @@ typedef union kavo_ptest_params_u {
     { kavo_ptest_params_u_print_at(this, name, file, indent, index); }
 #endif
 } kavo_ptest_params_u;
-KAVO_STATIC_ASSERT(sizeof(kavo_ptest_params_u) == 24, "kavo_ptest_params_u is 24 bytes");
-
-typedef union kavo_ptest_small_u {
-    UINT64 raw;
-    UINT32 halves[2];
-#ifdef __cplusplus
-    kavo_ptest_small_u() { init(); }
-    void init()
-    {
-        std::memset(static_cast<void*>(this), 0, sizeof(*this));
-    }
-    void print(const char* name, FILE* file, int indent, int index) const
-    { kavo_ptest_small_u_print_at(this, name, file, indent, index); }
-#endif
-} kavo_ptest_small_u;
-KAVO_STATIC_ASSERT(sizeof(kavo_ptest_small_u) == 8, "kavo_ptest_small_u is 8 bytes");
+KAVO_STATIC_ASSERT(sizeof(kavo_ptest_params_u) == 16, "kavo_ptest_params_u is 16 bytes");
 
 typedef struct kavo_ptest_all_t {
     UINT8 u8;
-    UINT16 u16;
     UINT32 u32;
     INT32 s32;
-    UINT64 u64;
     INT64 s64;
-    BOOL32 flag;
     DOUBLE ratio;
     UINT32 mask;
     UINT64 addr64;
-    VELT_ERROR result;
     kavo_ptest_color_t color;
     kavo_ipi_type_t ipi;
     kavo_ptest_inner_t inner;
-    UINT32 short_arr[4];
-    UINT32 long_arr[10];
+    UINT32 short_arr[8];
+    UINT32 long_arr[9];
     UINT16 forced_list[2];
     UINT32 forced_inline[9];
     kavo_ptest_color_t colors[2];
@@ -152,9 +127,7 @@ typedef struct kavo_ptest_all_t {
     UINT32 corr_errors[2][3];
     char name[8];
     char names[2][4];
-    UINT32 sel;
     kavo_ptest_params_u params;
-    kavo_ptest_small_u small;
 #ifdef __cplusplus
     kavo_ptest_all_t() { init(); }
     void init()
@@ -162,14 +135,11 @@ typedef struct kavo_ptest_all_t {
         std::memset(static_cast<void*>(this), 0, sizeof(*this));
         this->u32 = 7;
         this->s32 = -3;
-        this->flag = 1;
-        this->result = 1;
         this->color = (kavo_ptest_color_t)(KAVO_PTEST_COLOR_BLUE);
         this->inner.init();
-        for (unsigned i = 0; i < 10; ++i) this->long_arr[i] = 3;
+        for (unsigned i = 0; i < 9; ++i) this->long_arr[i] = 3;
         for (unsigned i = 0; i < 2; ++i) this->elems[i].init();
         this->params.init();
-        this->small.init();
     }
     void print(const char* name, FILE* file, int indent, int index) const
     { kavo_ptest_all_t_print_at(this, name, file, indent, index); }
@@ -182,7 +152,7 @@ typedef struct kavo_ptest_counts_leaf_t {
     UINT64 rx_bytes;
     UINT32 total_rcvd_pkt_cnt_lsb;
     UINT32 total_rcvd_pkt_cnt_msb;
-    UINT32 lane_errs[3];
+    UINT32 lane_errs[2];
 #ifdef __cplusplus
     kavo_ptest_counts_leaf_t() { init(); }
     void init()
