@@ -131,7 +131,13 @@ VELT_ERROR velt_sys_poll(velt_sys_handle_t handle, UINT32 address, UINT32 mask, 
 
 velt_sys_atomic_t velt_sys_atomic_create()
 {
-    auto* mutex = static_cast<pthread_mutex_t*>(velt_sys_calloc(sizeof(pthread_mutex_t)));
+    // A cache line of its own: each device's lock is taken twice per command,
+    // and two devices' locks sharing a line would slow both.
+    constexpr size_t line = 64;
+    static_assert(sizeof(pthread_mutex_t) <= line, "a lock fits one cache line");
+    auto* mutex = static_cast<pthread_mutex_t*>(std::aligned_alloc(line, line));
+    VELT_ASSERT_CODE(mutex != nullptr, VELT_LOG_NO_DEVID, VELT_SHARED_ERR_MALLOC_FAILED);
+    std::memset(static_cast<void*>(mutex), 0, line);
     pthread_mutexattr_t attr;
     bool ok = pthread_mutexattr_init(&attr) == 0 && pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) == 0 &&
               pthread_mutex_init(mutex, &attr) == 0;
@@ -162,17 +168,40 @@ void velt_sys_atomic_end(velt_sys_atomic_t lock)
 
 UINT32 velt_sys_thread_id_get() { return (UINT32)syscall(SYS_gettid); }
 
-FILE* velt_sys_file_open(const char* path) { return path ? std::fopen(path, "rb") : nullptr; }
+namespace {
+/* Where the last read through velt_sys_file_read left its stream. Reads that
+   continue where the previous one ended (an image download) skip the seek,
+   which would cost a system call and drop the stream's buffer each time. */
+thread_local FILE* read_stream = nullptr;
+thread_local long read_stream_position = -1;
+constexpr size_t FILE_BUFFER_SIZE = 64 * 1024;
+}  // namespace
+
+FILE* velt_sys_file_open(const char* path)
+{
+    FILE* file = path ? std::fopen(path, "rb") : nullptr;
+    if (file != nullptr) std::setvbuf(file, nullptr, _IOFBF, FILE_BUFFER_SIZE);
+    if (file == read_stream) read_stream = nullptr;
+    return file;
+}
 
 FILE* velt_sys_output_file_open(const char* path) { return path ? std::fopen(path, "wb") : nullptr; }
 
-UINT32 velt_sys_file_close(FILE* file) { return std::fclose(file) != 0 ? 1 : 0; }
+UINT32 velt_sys_file_close(FILE* file)
+{
+    if (file == read_stream) read_stream = nullptr;
+    return std::fclose(file) != 0 ? 1 : 0;
+}
 
 UINT32 velt_sys_file_read(FILE* file, void* buffer, UINT32* offset, UINT32* length)
 {
-    // Seeking where the stream already is would only drop its buffer.
-    if (std::ftell(file) != (long)*offset && std::fseek(file, (long)*offset, SEEK_SET) != 0) return 1;
+    if (file != read_stream || read_stream_position != (long)*offset) {
+        read_stream = nullptr;
+        if (std::fseek(file, (long)*offset, SEEK_SET) != 0) return 1;
+    }
     *length = (UINT32)std::fread(buffer, 1, *length, file);
+    read_stream = file;
+    read_stream_position = (long)*offset + (long)*length;
     return 0;
 }
 
