@@ -2,6 +2,9 @@
 // the firmware runs on the image in its RAM.
 #include "kavo_sim/image.h"
 
+#include <cerrno>
+#include <cstdlib>
+
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -226,6 +229,17 @@ std::string image_describe(const image_info& info)
                   h.vcs_id, h.image_size, info.file_image_bytes, h.image_crc, info.header_crc_ok ? "ok" : "mismatch",
                   info.payload_ok ? "ok" : "bad", info.problem.empty() ? "ok" : info.problem.c_str());
     return text;
+}
+
+bool parse_u32(const char* text, UINT32& value)
+{
+    if (text == nullptr || *text == '\0' || *text == '-') return false;
+    errno = 0;
+    char* end = nullptr;
+    const unsigned long v = std::strtoul(text, &end, 0);
+    if (errno != 0 || *end != '\0' || v > 0xFFFFFFFFul) return false;
+    value = UINT32(v);
+    return true;
 }
 
 } // namespace kavo_sim

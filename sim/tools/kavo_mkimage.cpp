@@ -16,16 +16,6 @@ int usage()
     return 2;
 }
 
-bool parse_u32(const char* s, UINT32& out)
-{
-    if (!s || !*s || *s == '-') return false;
-    char* end = nullptr;
-    const unsigned long v = std::strtoul(s, &end, 0);
-    if (*end != '\0' || v > 0xFFFFFFFFul) return false;
-    out = UINT32(v);
-    return true;
-}
-
 int create(int argc, char** argv)
 {
     if (argc < 3) return usage();
@@ -42,11 +32,11 @@ int create(int argc, char** argv)
         } else if (!std::strcmp(opt, "--version")) {
             ok = kavo_sim::image_version_parse(val, v);
         } else if (!std::strcmp(opt, "--vcs")) {
-            ok = parse_u32(val, v.vcs_id);
+            ok = kavo_sim::parse_u32(val, v.vcs_id);
         } else if (!std::strcmp(opt, "--rev")) {
             ok = kavo_sim::image_rev_parse(val, v.device_rev);
         } else if (!std::strcmp(opt, "--body")) {
-            ok = parse_u32(val, v.body_size) && v.body_size % 4 == 0 && v.body_size <= kavo_sim::PAYLOAD_MAX_BODY;
+            ok = kavo_sim::parse_u32(val, v.body_size) && v.body_size % 4 == 0 && v.body_size <= kavo_sim::PAYLOAD_MAX_BODY;
         } else {
             return usage();
         }

@@ -23,16 +23,6 @@ int usage()
     return 2;
 }
 
-bool parse_u32(const char* s, UINT32& out)
-{
-    if (!s || !*s || *s == '-') return false;
-    char* end = nullptr;
-    const unsigned long v = std::strtoul(s, &end, 0);
-    if (*end != '\0' || v > 0xFFFFFFFFul) return false;
-    out = UINT32(v);
-    return true;
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -48,7 +38,7 @@ int main(int argc, char** argv)
         } else if (!std::strcmp(opt, "--socket")) {
             path = val;
         } else if (!std::strcmp(opt, "--chips")) {
-            ok = parse_u32(val, chips) && chips <= kavo_sim::MAX_CHIPS;
+            ok = kavo_sim::parse_u32(val, chips) && chips <= kavo_sim::MAX_CHIPS;
         } else if (!std::strcmp(opt, "--revision")) {
             ok = !std::strcmp(val, "reva") || !std::strcmp(val, "revb");
             cfg.revision_code = std::strcmp(val, "revb") == 0 ? 1 : 0;
@@ -57,9 +47,9 @@ int main(int argc, char** argv)
             cfg.mode =
                 std::strcmp(val, "threaded") == 0 ? kavo_sim::exec_mode::threaded : kavo_sim::exec_mode::synchronous;
         } else if (!std::strcmp(opt, "--service-time")) {
-            ok = parse_u32(val, cfg.service_time_us);
+            ok = kavo_sim::parse_u32(val, cfg.service_time_us);
         } else if (!std::strcmp(opt, "--device-code")) {
-            ok = parse_u32(val, cfg.device_code) && cfg.device_code <= 0xFFFF;
+            ok = kavo_sim::parse_u32(val, cfg.device_code) && cfg.device_code <= 0xFFFF;
         } else {
             ok = false;
         }

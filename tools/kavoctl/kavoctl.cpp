@@ -69,17 +69,6 @@ int finish(VELT_ERROR rc, const char* what)
     return 1;
 }
 
-bool parse_u32(const char* text, UINT32* value)
-{
-    if (text == nullptr || *text == '\0') return false;
-    errno = 0;
-    char* end = nullptr;
-    unsigned long v = std::strtoul(text, &end, 0);
-    if (errno != 0 || *end != '\0' || v > 0xFFFFFFFFul) return false;
-    *value = (UINT32)v;
-    return true;
-}
-
 std::string default_firmware()
 {
     return std::string(KAVO_FW_IMAGE_DIR) + "/kavo_fw_app_revx.mem";
@@ -150,13 +139,13 @@ int cmd_config(const settings& s, const std::vector<std::string>& args)
 int cmd_reg(const settings& s, const std::vector<std::string>& args)
 {
     UINT32 address = 0, value = 0;
-    if (args.size() == 2 && args[0] == "read" && parse_u32(args[1].c_str(), &address)) {
+    if (args.size() == 2 && args[0] == "read" && kavo_sim::parse_u32(args[1].c_str(), address)) {
         VELT_ERROR rc = kavo_reg_read(s.device, address, &value);
         if (rc == VELT_SUCCESS) std::printf("0x%08x: 0x%08x\n", address, value);
         return finish(rc, "reg read");
     }
-    if (args.size() == 3 && args[0] == "write" && parse_u32(args[1].c_str(), &address) &&
-        parse_u32(args[2].c_str(), &value))
+    if (args.size() == 3 && args[0] == "write" && kavo_sim::parse_u32(args[1].c_str(), address) &&
+        kavo_sim::parse_u32(args[2].c_str(), value))
         return finish(kavo_reg_write(s.device, address, value), "reg write");
     return usage_error("reg read ADDR | reg write ADDR VALUE");
 }
@@ -164,7 +153,7 @@ int cmd_reg(const settings& s, const std::vector<std::string>& args)
 int cmd_ping(const settings& s, const std::vector<std::string>& args)
 {
     UINT32 words = 4;
-    if (args.size() > 1 || (args.size() == 1 && !parse_u32(args[0].c_str(), &words)) || words > 16344 / 4)
+    if (args.size() > 1 || (args.size() == 1 && !kavo_sim::parse_u32(args[0].c_str(), words)) || words > 16344 / 4)
         return usage_error("ping [WORDS], at most 4086 words");
     std::vector<UINT32> out(words ? words : 1), back(words ? words : 1, 0);
     for (UINT32 i = 0; i < words; ++i) out[i] = 0xC0DE0000u + i;
@@ -231,9 +220,9 @@ int cmd_image(const std::vector<std::string>& args)
             } else if (a == "--version" && next &&
                        std::sscanf(next, "%u.%u.%u", &v.major, &v.minor, &v.build) == 3) {
                 ++i;
-            } else if (a == "--vcs" && parse_u32(next, &v.vcs_id)) {
+            } else if (a == "--vcs" && kavo_sim::parse_u32(next, v.vcs_id)) {
                 ++i;
-            } else if (a == "--device-rev" && parse_u32(next, &v.device_rev)) {
+            } else if (a == "--device-rev" && kavo_sim::parse_u32(next, v.device_rev)) {
                 ++i;
             } else {
                 return usage_error("image create FILE [--version M.m.b] [--vcs N] [--device-rev N] [--corrupt]");
@@ -288,7 +277,7 @@ int main(int argc, char** argv)
             s.revb = true;
         } else if (a == "--trace") {
             s.trace = true;
-        } else if (a == "--device" && parse_u32(next, &s.device)) {
+        } else if (a == "--device" && kavo_sim::parse_u32(next, s.device)) {
             ++i;
         } else if (a == "--sim-socket" && next) {
             s.socket_path = argv[++i];

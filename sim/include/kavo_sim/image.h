@@ -45,6 +45,9 @@ UINT32 crc32(const void* data, size_t length, UINT32 crc = 0);
 std::vector<UINT8> image_build(const image_version& v, bool corrupt = false);
 bool image_write(const char* path, const image_version& v, bool corrupt = false);
 
+/* A 32-bit number in decimal or 0x hexadecimal, for the tools' arguments;
+   false when malformed, negative or out of range. */
+bool parse_u32(const char* text, UINT32& value);
 /* "3.0.2" into major, minor and build (each 0..255); false when malformed. */
 bool image_version_parse(const char* text, image_version& v);
 /* "any", "revx", "reva" or "revb" into a device_rev; false otherwise. */
