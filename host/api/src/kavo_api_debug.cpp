@@ -11,12 +11,11 @@ constexpr UINT32 PING_MAX_DATA_SIZE = 16344;
 constexpr UINT32 DEBUG_CMD_REPLY_SIZE = 65536;
 constexpr UINT32 VERBOSITY_REPLY_SIZE = 80;
 
-/* A refused argument: the header with the code and its runtime-error line. */
-#define DEBUG_REFUSE(device_id, code)                                                                        \
-    do {                                                                                                     \
-        velt_log_header((int)(device_id), (code), __FILE__, __LINE__, __func__);                             \
-        VELT_PRINTF(velt_global_log_file_ptr, " VELT_RUNTIME_ERROR( %s )\n", velt_err_name(code));            \
-        return (code);                                                                                       \
+/* A refused argument: its runtime-error line, and its code. */
+#define DEBUG_REFUSE(device_id, code) \
+    do {                              \
+        VELT_RUNTIME_ERROR(device_id, code); \
+        return (code);                \
     } while (0)
 }  // namespace
 

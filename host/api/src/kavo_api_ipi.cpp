@@ -4,14 +4,6 @@
 
 namespace {
 constexpr VELT_ERROR NO_DEVICE = KAVO_ERR_INVALID_DEVICE_ID;
-
-/* The device of a command, or null after the " device_id = %d" line. */
-kavo_device* device_of(UINT32 device_id)
-{
-    kavo_device* device = kavo_device_find(device_id);
-    if (device == nullptr) VELT_LOG_ALWAYS(device_id, KAVO_ERR_INVALID_DEVICE_ID, " device_id = %d", device_id);
-    return device;
-}
 }  // namespace
 
 VELT_ERROR kavo_ipi_interrupt_enable_set(const UINT32 device_id, kavo_ipi_type_t type, BOOL8 enable)
@@ -19,7 +11,7 @@ VELT_ERROR kavo_ipi_interrupt_enable_set(const UINT32 device_id, kavo_ipi_type_t
     KAVO_COMMAND(frame, device_id);
     frame.trace(", %d, %d", type, enable);
     frame.trace_end();
-    kavo_device* device = device_of(device_id);
+    kavo_device* device = kavo_device_get(device_id);
     return device ? device->ipi_interrupt_enable_set(type, enable) : NO_DEVICE;
 }
 
@@ -28,7 +20,7 @@ VELT_ERROR kavo_ipi_interrupt_status_get(const UINT32 device_id, UINT32* status)
     KAVO_STATUS_COMMAND(frame, device_id);
     frame.trace(", [status=0x%p]", (void*)status);
     frame.trace_end();
-    kavo_device* device = device_of(device_id);
+    kavo_device* device = kavo_device_get(device_id);
     return device ? device->ipi_interrupt_status_get(status) : NO_DEVICE;
 }
 
@@ -37,7 +29,7 @@ VELT_ERROR kavo_ipi_is_set(const UINT32 device_id, kavo_ipi_type_t type)
     KAVO_STATUS_COMMAND(frame, device_id);
     frame.trace(", %d", type);
     frame.trace_end();
-    kavo_device* device = device_of(device_id);
+    kavo_device* device = kavo_device_get(device_id);
     return device ? device->ipi_is_set(type) : 0;
 }
 
@@ -46,7 +38,7 @@ VELT_ERROR kavo_ipi_clear(const UINT32 device_id, kavo_ipi_type_t type)
     KAVO_COMMAND(frame, device_id);
     frame.trace(", %d", type);
     frame.trace_end();
-    kavo_device* device = device_of(device_id);
+    kavo_device* device = kavo_device_get(device_id);
     return device ? device->ipi_clear(type) : NO_DEVICE;
 }
 
@@ -54,6 +46,6 @@ VELT_ERROR kavo_ipi_test_set(const UINT32 device_id)
 {
     KAVO_COMMAND(frame, device_id);
     frame.trace_end();
-    kavo_device* device = device_of(device_id);
+    kavo_device* device = kavo_device_get(device_id);
     return device ? device->ipi_set(VELT_IPI_TEST) : NO_DEVICE;
 }

@@ -109,11 +109,7 @@ class kavo_command_frame {
     template <typename T>
     void store_checked(T* out, UINT32 value, const char* file, int line, const char* function)
     {
-        if (out == nullptr) {
-            velt_log_header(VELT_LOG_NO_DEVID, VELT_ERR_FAIL, file, line, function);
-            VELT_PRINTF(velt_global_log_file_ptr, " ASSERT: ");
-            velt_customer_os_assert(VELT_ERR_FAIL, velt_log_extract_file_name(file), line);
-        }
+        if (out == nullptr) velt_log_assert(VELT_LOG_NO_DEVID, VELT_ERR_FAIL, file, line, function);
         *out = static_cast<T>(value);
     }
 

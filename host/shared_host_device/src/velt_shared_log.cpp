@@ -13,6 +13,13 @@ const char* velt_log_extract_file_name(const char* path)
     return path;
 }
 
+void velt_log_assert(int device_id, UINT32 code, const char* file, int line, const char* function)
+{
+    velt_log_header(device_id, code, file, line, function);
+    VELT_PRINTF(velt_global_log_file_ptr, " ASSERT: ");
+    velt_customer_os_assert(code, velt_log_extract_file_name(file), line);
+}
+
 void velt_log_header(int device_id, UINT32 code, const char* file, int line, const char* function)
 {
     const char* base = velt_log_extract_file_name(file);

@@ -42,12 +42,8 @@ inline const char* velt_err_name(VELT_ERROR code) { return kavo_err_t_print(stat
     VELT_LOG_ALWAYS(dev, code, " VELT_RUNTIME_ERROR( %s )\n", velt_err_name((VELT_ERROR)(code)))
 
 /* Halts with the header, " ASSERT: " and the porting layer's assertion. */
-#define VELT_ASSERT_FAIL(dev, code)                                                    \
-    do {                                                                               \
-        velt_log_header((int)(dev), (UINT32)(code), __FILE__, __LINE__, __func__);     \
-        VELT_PRINTF(velt_global_log_file_ptr, " ASSERT: ");                            \
-        velt_customer_os_assert((UINT32)(code), velt_log_extract_file_name(__FILE__), __LINE__); \
-    } while (0)
+[[noreturn]] void velt_log_assert(int device_id, UINT32 code, const char* file, int line, const char* function);
+#define VELT_ASSERT_FAIL(dev, code) velt_log_assert((int)(dev), (UINT32)(code), __FILE__, __LINE__, __func__)
 
 #define VELT_ASSERT_CODE(cond, dev, code)                 \
     do {                                                  \
