@@ -12,3 +12,9 @@ if(KAVO_SANITIZE MATCHES "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # order they enforce is also carried by the atomics around them.
   add_compile_options(-Wno-tsan)
 endif()
+# Rebuilds of unchanged sources come from the compiler cache where there is one.
+find_program(KAVO_CCACHE ccache)
+if(KAVO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${KAVO_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${KAVO_CCACHE})
+endif()

@@ -142,6 +142,8 @@ UINT32 chip_impl::decode_read(UINT32 address, UINT32& value)
     } else if (in_array(address, map::INTER_PROCESSOR_INTS, map::INTER_PROCESSOR_INTS_COUNT, i)) {
         value = r.ipi[i];
     } else if (in_array(address, map::IPI2PCIE_INT, map::IPI2PCIE_GROUPS, i)) {
+        // Timers and alarms that fell due meanwhile raise their interrupts now.
+        if (state == SIM_FW_STATE_RUNNING) fw.advance();
         value = r.ipi2pcie_int[i];
     } else if (in_array(address, map::IPI2PCIE_INT_EN, map::IPI2PCIE_GROUPS, i)) {
         value = r.ipi2pcie_en[i];
@@ -488,6 +490,13 @@ VELT_ERROR chip_impl::fault_set(sim_fault_t fault, UINT32 a, UINT32 b)
         st.regs.app_scratch[map::BOOT_ARG_SCRATCH] = map::FW_STARTED;
         start_firmware();
         return VELT_SUCCESS;
+    case SIM_FAULT_KNOB:
+        if ((a >> 16) >= LAST_SIM_KNOB) return VELT_ERR_INVALID_ARGS;
+        st.knobs.set(sim_knob_t(a >> 16), a & 0xFFFF, b);
+        return VELT_SUCCESS;
+    case SIM_FAULT_ADVANCE_TIME:
+        st.skipped_ns += (UINT64(b) << 32 | a) * 1000;
+        return VELT_SUCCESS;
     case SIM_FAULT_CORRUPT_CONSOLE_COOKIE:
     case SIM_FAULT_CORRUPT_STATS_COOKIE:
     case SIM_FAULT_CORRUPT_DBG_LOG_COOKIE:
@@ -496,6 +505,26 @@ VELT_ERROR chip_impl::fault_set(sim_fault_t fault, UINT32 a, UINT32 b)
         return fw.corrupt(fault, a) ? VELT_SUCCESS : VELT_ERR_FAIL;
     default:
         return VELT_ERR_INVALID_ARGS;
+    }
+}
+
+UINT32 knob_default(sim_knob_t knob)
+{
+    switch (knob) {
+    case SIM_KNOB_LINK_PARTNER:
+        return 1;
+    case SIM_KNOB_CHANNEL_LOSS:
+        return 150;
+    case SIM_KNOB_PARTNER_PRBS:
+        return 0xFFFFFFFF;
+    case SIM_KNOB_LINK_TRAINING_MS:
+        return 5;
+    case SIM_KNOB_PATH_DELAY_NS:
+        return 800;
+    case SIM_KNOB_SEED:
+        return 1;
+    default:
+        return 0;
     }
 }
 
@@ -572,6 +601,19 @@ void chip::faults(const fault_config& f)
 }
 
 VELT_ERROR chip::fault_set(sim_fault_t fault, UINT32 a, UINT32 b) { return impl_->fault_set(fault, a, b); }
+VELT_ERROR chip::knob_set(sim_knob_t knob, UINT32 index, UINT32 value)
+{
+    return impl_->fault_set(SIM_FAULT_KNOB, (UINT32(knob) << 16) | (index & 0xFFFF), value);
+}
+UINT32 chip::knob(sim_knob_t knob, UINT32 index) const
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->st.knobs.get(knob, index);
+}
+void chip::advance_time(UINT64 microseconds)
+{
+    impl_->fault_set(SIM_FAULT_ADVANCE_TIME, UINT32(microseconds), UINT32(microseconds >> 32));
+}
 
 journal_snapshot chip::journal() const
 {

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <unordered_map>
 #include <vector>
 
 #include "kavo_sim/kavo_sim.h"
@@ -31,6 +32,18 @@ struct chip_registers {
     UINT32 dcsu_latched[2] = {map::DCSU_POST_DIVIDER_RESET, map::DCSU_POST_DIVIDER_RESET};
 };
 
+/* The world outside the chip: link partners, channels, traffic (sim_knob_t). */
+struct world_knobs {
+    UINT32 get(sim_knob_t knob, UINT32 index) const
+    {
+        auto it = values.find(key(knob, index));
+        return it != values.end() ? it->second : knob_default(knob);
+    }
+    void set(sim_knob_t knob, UINT32 index, UINT32 value) { values[key(knob, index)] = value; }
+    static UINT32 key(sim_knob_t knob, UINT32 index) { return (UINT32(knob) << 16) | (index & 0xFFFF); }
+    std::unordered_map<UINT32, UINT32> values;
+};
+
 struct chip_state {
     chip_state(UINT32 id, const chip_config& c)
         : device_id(id), cfg(c), ram(map::RAM_SIZE / 4, 0), epoch(std::chrono::steady_clock::now())
@@ -42,14 +55,20 @@ struct chip_state {
     chip_registers regs;
     std::vector<UINT32> ram;
     std::chrono::steady_clock::time_point epoch;
+    world_knobs knobs;
+    UINT64 skipped_ns = 0; // time moved forward on request (SIM_FAULT_ADVANCE_TIME)
 
-    /* 181,000,000 ticks per second since power-up. */
-    UINT64 ticks() const
+    static constexpr UINT64 TICKS_PER_US = 181;
+
+    /* Nanoseconds since power-up. */
+    UINT64 now_ns() const
     {
         const auto ns =
             std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - epoch).count();
-        return UINT64(ns) * 181 / 1000;
+        return UINT64(ns) + skipped_ns;
     }
+    /* 181,000,000 ticks per second since power-up. */
+    UINT64 ticks() const { return now_ns() * TICKS_PER_US / 1000; }
     UINT32 device_id_register() const { return ((cfg.revision_code & 0xF) << 28) | ((cfg.device_code & 0xFFFF) << 12); }
 
     UINT32* words(UINT32 address) { return ram.data() + address / 4; }

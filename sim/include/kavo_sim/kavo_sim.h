@@ -106,6 +106,13 @@ class chip {
        a and b as sim_fault_t says. Unknown faults answer VELT_ERR_INVALID_ARGS. */
     VELT_ERROR fault_set(sim_fault_t fault, UINT32 a = 0, UINT32 b = 0);
 
+    /* The world outside the chip (sim_knob_t); index as the knob says. */
+    VELT_ERROR knob_set(sim_knob_t knob, UINT32 index, UINT32 value);
+    UINT32 knob(sim_knob_t knob, UINT32 index) const;
+    /* Moves the chip's clock forward: link training, timers and counters see
+       the time pass at once. */
+    void advance_time(UINT64 microseconds);
+
     journal_snapshot journal() const;
     journal_counters counters() const;
     void journal_reset();
@@ -113,6 +120,9 @@ class chip {
   private:
     std::unique_ptr<chip_impl> impl_;
 };
+
+/* A knob's value when it was never set. */
+UINT32 knob_default(sim_knob_t knob);
 
 /* KAVO_ERR_INVALID_DEVICE_ID for ids of 32 or more, KAVO_ERR_DEVICE_ID_IN_USE
    for a taken id. Lookups take no lock: destroy a chip only while no callout

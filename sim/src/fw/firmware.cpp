@@ -24,7 +24,9 @@ constexpr UINT32 NUM_FAMILIES = sizeof(FAMILY_NAMES) / sizeof(FAMILY_NAMES[0]);
 std::vector<handler> build_dispatch_table()
 {
     std::vector<handler> table;
-    for (auto family : {device_handlers(), debug_handlers()})
+    for (auto family : {device_handlers(), debug_handlers(), datapath_handlers(), macsec_handlers(),
+                        defect_handlers(), serdes_handlers(), flexe_handlers(), ilkn_handlers(), ptp_handlers(),
+                        pmon_handlers(), mux_handlers(), pe_handlers(), pgmrclk_handlers()})
         table.insert(table.end(), family.begin(), family.end());
     std::sort(table.begin(), table.end(), [](const handler& a, const handler& b) { return a.operation < b.operation; });
     return table;
@@ -146,6 +148,7 @@ bool firmware::start()
     const UINT32 boot_arg = chip.regs.app_scratch[map::BOOT_ARG_SCRATCH];
     start_ticks_ = t0;
     device = device_state{};
+    model = models{};
     verbosity = VELT_LOG_SEV_EVENT;
 
     chip.put(map::VERSION_WORDS, version_);
@@ -232,6 +235,7 @@ void firmware::serve(outcome& out)
     req.data_size = out.request[7];
     log(log_id::htl, HTL_LOG_CODE_DEBUG, req.operation, req.sequence_num, __LINE__);
 
+    advance();
     reply rep;
     const UINT32 family = req.operation >> 8;
     if (req.device_id != chip.device_id || req.data_size > REQUEST_MAX_DATA) {
@@ -265,6 +269,12 @@ void firmware::serve(outcome& out)
     out.restart = restart_requested_;
     restart_requested_ = false;
     stats_.end(STAT_REQUEST, UINT32(chip.ticks()));
+}
+
+void firmware::advance()
+{
+    const UINT64 now = now_us();
+    model.advance(*this, now);
 }
 
 bool firmware::corrupt(sim_fault_t what, UINT32 arg)

@@ -5,12 +5,15 @@
 #define KAVO_SIM_FW_FIRMWARE_H
 
 #include <cstdarg>
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <vector>
 
 #include "chip_state.h"
 #include "fw/log_block.h"
+#include "fw/models.h"
 
 namespace kavo_sim::fw {
 
@@ -55,15 +58,33 @@ struct handler {
     handler_fn fn;
 };
 
-// One list per family, defined beside its handlers.
+// One list per family, defined beside its handlers (handlers_<family>.cpp).
 std::span<const handler> device_handlers();
 std::span<const handler> debug_handlers();
+std::span<const handler> datapath_handlers();
+std::span<const handler> macsec_handlers();
+std::span<const handler> defect_handlers();
+std::span<const handler> serdes_handlers();
+std::span<const handler> flexe_handlers();
+std::span<const handler> ilkn_handlers();
+std::span<const handler> ptp_handlers();
+std::span<const handler> pmon_handlers();
+std::span<const handler> mux_handlers();
+std::span<const handler> pe_handlers();
+std::span<const handler> pgmrclk_handlers();
 
-/* State that the device-level handlers keep; later families add theirs. */
+constexpr UINT32 NUM_SERDES_PORTS = 48;
+constexpr UINT32 NO_OWNER = 0xFFFFFFFF;
+
+/* State that the device-level handlers keep, and the resources the families
+   share: what each channel is, and which channel owns each SerDes port. */
 struct device_state {
     bool configured = false;
     kavo_config_t config;
     UINT32 channels[KAVO_NUM_CHANNELS] = {}; // kavo_segment_type_t per channel
+    UINT32 serdes_owner[NUM_SERDES_PORTS];   // owning channel, or NO_OWNER
+
+    device_state() { std::fill(std::begin(serdes_owner), std::end(serdes_owner), NO_OWNER); }
 };
 
 /* What one request produced: the reply header words and payload, as the
@@ -89,6 +110,14 @@ class firmware {
     /* Reads the request mailbox, dispatches, and fills the reply to deliver. */
     void serve(outcome& out);
 
+    /* Brings every family model up to the chip's current time: link
+       training, timers, counters and the interrupts they raise. */
+    void advance();
+    /* Raises a doorbell interrupt towards the host (VELT_IPI_DEFECTS_ENABLED ...). */
+    void raise_ipi(kavo_ipi_type_t type) { chip.regs.ipi2pcie_int[0] |= 1u << UINT32(type); }
+    UINT32 knob(sim_knob_t k, UINT32 index) const { return chip.knobs.get(k, index); }
+    UINT64 now_us() const { return chip.now_ns() / 1000; }
+
     /* Faults on the log block; false before the firmware has laid it out. */
     bool corrupt(sim_fault_t what, UINT32 arg);
 
@@ -103,6 +132,7 @@ class firmware {
 
     chip_state& chip;
     device_state device;
+    models model; // the family models, reset with every start
     UINT32 verbosity = VELT_LOG_SEV_EVENT;
 
     // Log-block geometry, byte offsets from the block.

@@ -65,11 +65,41 @@ typedef enum sim_fault_t {
     SIM_FAULT_CORRUPT_DBG_LOG_COOKIE = 14,
     SIM_FAULT_CORRUPT_CONSOLE_RING = 15,
     SIM_FAULT_CORRUPT_DBG_LOG_INDEX = 16,
-    LAST_SIM_FAULT = 17,
+    SIM_FAULT_KNOB = 17,
+    SIM_FAULT_ADVANCE_TIME = 18,
+    LAST_SIM_FAULT = 19,
 } sim_fault_t;
 KAVO_STATIC_ASSERT(sizeof(sim_fault_t) == 4, "sim_fault_t is 32 bits");
 KAVO_API const char* sim_fault_t_print(sim_fault_t value, char* buffer, UINT32 length);
 KAVO_API const char* sim_fault_t_suffix_print(sim_fault_t value, char* buffer, UINT32 length);
+
+/* The world outside a virtual chip, set per chip (SIM_FAULT_KNOB: a = knob << 16 |
+   index, b = value). Knobs outlive firmware restarts. Per-port knobs take the SerDes
+   port (0..47) as index, per-channel knobs the channel (0..47), global ones index 0.
+   Values are in the units named; a knob never set has its default (sim_knob_default). */
+#ifdef __cplusplus
+typedef enum sim_knob_t : int {
+#else
+typedef enum sim_knob_t {
+#endif
+    SIM_KNOB_LINK_PARTNER = 0,
+    SIM_KNOB_CHANNEL_LOSS = 1,
+    SIM_KNOB_BIT_ERRORS = 2,
+    SIM_KNOB_PPM_OFFSET = 3,
+    SIM_KNOB_PARTNER_PRBS = 4,
+    SIM_KNOB_PARTNER_INVERTED = 5,
+    SIM_KNOB_LINK_TRAINING_MS = 16,
+    SIM_KNOB_TRAFFIC_LOAD = 32,
+    SIM_KNOB_TRAFFIC_FRAME_SIZE = 33,
+    SIM_KNOB_TRAFFIC_FCS_ERRORS = 34,
+    SIM_KNOB_PATH_DELAY_NS = 35,
+    SIM_KNOB_TCAM_ERRORS = 48,
+    SIM_KNOB_SEED = 63,
+    LAST_SIM_KNOB = 64,
+} sim_knob_t;
+KAVO_STATIC_ASSERT(sizeof(sim_knob_t) == 4, "sim_knob_t is 32 bits");
+KAVO_API const char* sim_knob_t_print(sim_knob_t value, char* buffer, UINT32 length);
+KAVO_API const char* sim_knob_t_suffix_print(sim_knob_t value, char* buffer, UINT32 length);
 
 /* What the virtual chip's processor is doing. */
 #ifdef __cplusplus
@@ -194,6 +224,8 @@ inline const char* sim_command_type_t_print(sim_command_type_t value) { return s
 inline const char* sim_command_type_t_suffix_print(sim_command_type_t value) { return sim_command_type_t_suffix_print(value, nullptr, 0); }
 inline const char* sim_fault_t_print(sim_fault_t value) { return sim_fault_t_print(value, nullptr, 0); }
 inline const char* sim_fault_t_suffix_print(sim_fault_t value) { return sim_fault_t_suffix_print(value, nullptr, 0); }
+inline const char* sim_knob_t_print(sim_knob_t value) { return sim_knob_t_print(value, nullptr, 0); }
+inline const char* sim_knob_t_suffix_print(sim_knob_t value) { return sim_knob_t_suffix_print(value, nullptr, 0); }
 inline const char* sim_fw_state_t_print(sim_fw_state_t value) { return sim_fw_state_t_print(value, nullptr, 0); }
 inline const char* sim_fw_state_t_suffix_print(sim_fw_state_t value) { return sim_fw_state_t_suffix_print(value, nullptr, 0); }
 #endif

@@ -9,6 +9,7 @@
 extern "C" {
 extern const velt_enum_table_t sim_command_type_t_table;
 extern const velt_enum_table_t sim_fault_t_table;
+extern const velt_enum_table_t sim_knob_t_table;
 extern const velt_enum_table_t sim_fw_state_t_table;
 }
 extern "C" {
@@ -85,7 +86,9 @@ static const char* sim_fault_t_name(UINT32 value)
     case 14: return "SIM_FAULT_CORRUPT_DBG_LOG_COOKIE";
     case 15: return "SIM_FAULT_CORRUPT_CONSOLE_RING";
     case 16: return "SIM_FAULT_CORRUPT_DBG_LOG_INDEX";
-    case 17: return "LAST_SIM_FAULT";
+    case 17: return "SIM_FAULT_KNOB";
+    case 18: return "SIM_FAULT_ADVANCE_TIME";
+    case 19: return "LAST_SIM_FAULT";
     default: return nullptr;
     }
 }
@@ -123,10 +126,68 @@ static const velt_enum_entry_t sim_fault_t_entries[] = {
     {"SIM_FAULT_CORRUPT_DBG_LOG_COOKIE", 14},
     {"SIM_FAULT_CORRUPT_CONSOLE_RING", 15},
     {"SIM_FAULT_CORRUPT_DBG_LOG_INDEX", 16},
-    {"LAST_SIM_FAULT", 17}
+    {"SIM_FAULT_KNOB", 17},
+    {"SIM_FAULT_ADVANCE_TIME", 18},
+    {"LAST_SIM_FAULT", 19}
 };
 const velt_enum_table_t sim_fault_t_table = {"sim_fault_t", "SIM_FAULT_", sim_fault_t_entries,
     (UINT32)(sizeof(sim_fault_t_entries) / sizeof(sim_fault_t_entries[0]))};
+
+
+static const char* sim_knob_t_name(UINT32 value)
+{
+    switch (value) {
+    case 0: return "SIM_KNOB_LINK_PARTNER";
+    case 1: return "SIM_KNOB_CHANNEL_LOSS";
+    case 2: return "SIM_KNOB_BIT_ERRORS";
+    case 3: return "SIM_KNOB_PPM_OFFSET";
+    case 4: return "SIM_KNOB_PARTNER_PRBS";
+    case 5: return "SIM_KNOB_PARTNER_INVERTED";
+    case 16: return "SIM_KNOB_LINK_TRAINING_MS";
+    case 32: return "SIM_KNOB_TRAFFIC_LOAD";
+    case 33: return "SIM_KNOB_TRAFFIC_FRAME_SIZE";
+    case 34: return "SIM_KNOB_TRAFFIC_FCS_ERRORS";
+    case 35: return "SIM_KNOB_PATH_DELAY_NS";
+    case 48: return "SIM_KNOB_TCAM_ERRORS";
+    case 63: return "SIM_KNOB_SEED";
+    case 64: return "LAST_SIM_KNOB";
+    default: return nullptr;
+    }
+}
+
+const char* sim_knob_t_print(sim_knob_t value, char* buffer, UINT32 length)
+{
+    const char* name = sim_knob_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("sim_knob_t", "illegal sim_knob_t", (int)value, buffer, length);
+}
+
+const char* sim_knob_t_suffix_print(sim_knob_t value, char* buffer, UINT32 length)
+{
+    const char* name = sim_knob_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("sim_knob_t", "illegal sim_knob_t", (int)value, buffer, length);
+    if (std::strncmp(name, "SIM_KNOB_", 9) == 0) return name + 9;
+    return name;
+}
+
+static const velt_enum_entry_t sim_knob_t_entries[] = {
+    {"SIM_KNOB_LINK_PARTNER", 0},
+    {"SIM_KNOB_CHANNEL_LOSS", 1},
+    {"SIM_KNOB_BIT_ERRORS", 2},
+    {"SIM_KNOB_PPM_OFFSET", 3},
+    {"SIM_KNOB_PARTNER_PRBS", 4},
+    {"SIM_KNOB_PARTNER_INVERTED", 5},
+    {"SIM_KNOB_LINK_TRAINING_MS", 16},
+    {"SIM_KNOB_TRAFFIC_LOAD", 32},
+    {"SIM_KNOB_TRAFFIC_FRAME_SIZE", 33},
+    {"SIM_KNOB_TRAFFIC_FCS_ERRORS", 34},
+    {"SIM_KNOB_PATH_DELAY_NS", 35},
+    {"SIM_KNOB_TCAM_ERRORS", 48},
+    {"SIM_KNOB_SEED", 63},
+    {"LAST_SIM_KNOB", 64}
+};
+const velt_enum_table_t sim_knob_t_table = {"sim_knob_t", "SIM_KNOB_", sim_knob_t_entries,
+    (UINT32)(sizeof(sim_knob_t_entries) / sizeof(sim_knob_t_entries[0]))};
 
 
 static const char* sim_fw_state_t_name(UINT32 value)
