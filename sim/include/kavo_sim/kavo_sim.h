@@ -58,6 +58,12 @@ KAVO_SIM_API const char* kavo_sim_firmware_dir(void);
 
 #ifdef __cplusplus
 } /* extern "C" */
+#endif
+
+/* The C++ classes come with the source tree's static library; an installed
+   SDK has the C interface only. */
+#if defined(__cplusplus) && __has_include("kavo_sim/chip_map.h")
+#define KAVO_SIM_CXX_API 1
 
 #include <memory>
 #include <string>
@@ -243,6 +249,6 @@ class socket_server {
 
 } // namespace kavo_sim
 
-#endif /* __cplusplus */
+#endif /* KAVO_SIM_CXX_API */
 
 #endif
