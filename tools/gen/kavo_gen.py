@@ -671,9 +671,10 @@ def main():
         host = load_groups(["host/types"])
         files = host_outputs(host)
         files.update(outputs(load_groups(["tests/types"]), extra_types=host))
-        files.update(outputs(load_groups(["sim/types"]), extra_types=host))
+        sim = load_groups(["sim/types"])
+        files.update(outputs(sim, extra_types=host))
         types = {t.name: t for g in host for t in g.enums + g.structs}
-        files.update(kavo_gen_commands.generate(ROOT, types, BANNER))
+        files.update(kavo_gen_commands.generate(ROOT, types, BANNER, [e for g in sim for e in g.enums]))
         files["host/kavo.map"] = version_script(files)
     except (GenError, kavo_gen_commands.CommandError) as e:
         print(f"kavo_gen: {e}", file=sys.stderr)
