@@ -185,3 +185,50 @@ TEST_F(SimSocket, ListenRefusesAPathInUseButNotAStaleOne)
 }
 
 } // namespace
+
+TEST(SimSocketOwnership, AChipsBusBelongsToOneClientUntilItHangsUp)
+{
+    ASSERT_EQ(kavo_sim::chip_create(3), VELT_SUCCESS);
+    std::vector<UINT8> reply;
+    auto status = [&](UINT32 command, UINT32 client, std::vector<UINT32> payload = {}, UINT32 arg0 = 0xF00380,
+                      UINT32 arg1 = 0) {
+        const std::vector<UINT8> m = message(command, 3, arg0, arg1, payload);
+        kavo_sim::socket_handle_message(m.data(), m.size(), reply, client);
+        sim_message_header_t h;
+        std::memcpy(&h, reply.data(), sizeof(h));
+        return h.status;
+    };
+    EXPECT_EQ(status(SIM_COMMAND_REG_READ, 1), 0u) << "the first client takes the chip";
+    EXPECT_EQ(status(SIM_COMMAND_REG_READ, 2), UINT32(KAVO_ERR_DEVICE_ID_IN_USE)) << "a second one is refused";
+    EXPECT_EQ(status(SIM_COMMAND_BURST_READ, 2, {}, 0x340004, 4), UINT32(KAVO_ERR_DEVICE_ID_IN_USE));
+    EXPECT_EQ(status(SIM_COMMAND_FAULT_SET, 2, {0, 0}, SIM_FAULT_CLEAR_ALL), 0u) << "faults stay open to all";
+    EXPECT_EQ(status(SIM_COMMAND_REG_READ, 0), 0u) << "untracked callers pass";
+    kavo_sim::chip_destroy_all();
+}
+
+TEST_F(SimSocket, TheOwnerHangingUpFreesTheChip)
+{
+    ASSERT_EQ(kavo_sim::socket_chip_create(path.c_str(), 4, {}), VELT_SUCCESS);
+    tavo_callout_api_st* first = kavo_sim::socket_callouts(path.c_str());
+    ASSERT_NE(first, nullptr);
+    UINT32 value = 0;
+    EXPECT_EQ(first->qspi_callout_api_ctx->qspi_read(nullptr, 0, 4, 0xF00380, &value), 0u);
+    // A second connection of its own, as another process would have.
+    const int other = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    const sockaddr_un addr = address_of(path);
+    ASSERT_EQ(::connect(other, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
+    auto read_status = [&] {
+        const std::vector<UINT8> m = message(SIM_COMMAND_REG_READ, 4, 0xF00380, 0);
+        EXPECT_EQ(::send(other, m.data(), m.size(), 0), ssize_t(m.size()));
+        sim_message_header_t h{};
+        EXPECT_EQ(::recv(other, &h, sizeof(h), MSG_WAITALL), ssize_t(sizeof(h)));
+        return h.status;
+    };
+    EXPECT_EQ(read_status(), UINT32(KAVO_ERR_DEVICE_ID_IN_USE));
+    kavo_sim::socket_disconnect();
+    // The server notices the hang-up on its next turn.
+    UINT32 after = 1;
+    for (int i = 0; i < 100 && (after = read_status()) != 0; ++i) ::usleep(1000);
+    EXPECT_EQ(after, 0u);
+    ::close(other);
+}

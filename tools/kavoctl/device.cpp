@@ -18,6 +18,7 @@ qspi_callout_api_st bus;
 const qspi_callout_api_st* chip_bus = nullptr;
 FILE* log_context[1] = {stderr};
 unsigned bus_errors = 0;
+UINT32 last_bus_status = 0;
 
 int log_print(void*, FILE*, const char* format, ...)
 {
@@ -35,7 +36,10 @@ void* log_init(UINT32, UINT32, const char*) { return log_context; }
    command whose bus failed does not pass for a success. */
 UINT32 counted(UINT32 status)
 {
-    if (status != 0) ++bus_errors;
+    if (status != 0) {
+        ++bus_errors;
+        last_bus_status = status;
+    }
     return status;
 }
 UINT32 bus_read(void* c, UINT32 b, UINT32 d, UINT32 a, UINT32* v) { return counted(chip_bus->qspi_read(c, b, d, a, v)); }
@@ -102,6 +106,10 @@ int open_device(const settings& s)
     kavo_function_logging_set(s.trace ? 1 : 0);
     VELT_ERROR rc = kavo_fw_filename_set((s.firmware.empty() ? default_firmware() : s.firmware).c_str());
     if (rc == VELT_SUCCESS) rc = kavo_device_init(s.device, s.init);
+    if (rc != VELT_SUCCESS && last_bus_status == KAVO_ERR_DEVICE_ID_IN_USE) {
+        std::fprintf(stderr, "kavoctl: chip %u is busy: another client of kavo-simd drives it\n", s.device);
+        return EXIT_UNREACHABLE;
+    }
     if (rc != VELT_SUCCESS) return finish(rc, "device init");
     return 0;
 }
@@ -117,7 +125,10 @@ int device_ready(const settings& s)
     if (opened) return 0;
     if (s.quiet) log_quiet(true);
     const int failed = open_device(s);
-    if (failed != 0) return failed;
+    if (failed != 0) {
+        bus_errors = 0; // reported with the failure already
+        return failed;
+    }
     opened = true;
     bus_errors = 0;
     return 0;

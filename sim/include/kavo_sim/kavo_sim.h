@@ -220,11 +220,16 @@ VELT_ERROR socket_chip_info(const char* socket_path, UINT32 device_id, sim_chip_
 VELT_ERROR socket_fault_set(const char* socket_path, UINT32 device_id, sim_fault_t fault, UINT32 a = 0, UINT32 b = 0);
 VELT_ERROR socket_shutdown(const char* socket_path);
 
-/* Handles one message of size bytes as kavo-simd does and builds the reply
+/* A chip's bus belongs to one client of kavo-simd at a time: the first that
+   touches it, until that client hangs up. Another client's register and burst
+   transactions are refused with bus status KAVO_ERR_DEVICE_ID_IN_USE (busy);
+   faults and chip information stay open to all. client 0 is not tracked.
+
+   Handles one message of size bytes as kavo-simd does and builds the reply
    message (header and payload). A message whose length word disagrees with
    size, or that is malformed otherwise, is answered with status
    VELT_ERR_INVALID_ARGS and changes nothing. Returns true for SHUTDOWN. */
-bool socket_handle_message(const UINT8* data, size_t size, std::vector<UINT8>& reply);
+bool socket_handle_message(const UINT8* data, size_t size, std::vector<UINT8>& reply, UINT32 client = 0);
 
 /* Serves the chips of this process on a Unix domain socket. run() serves until
    stop() (any thread or a signal handler), a SHUTDOWN message, or a fatal

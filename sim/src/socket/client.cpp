@@ -4,6 +4,8 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "kavo_sim/kavo_sim.h"
@@ -12,6 +14,10 @@
 
 namespace kavo_sim {
 namespace {
+
+// Longest wait for the daemon's answer to one bus transaction; the chip
+// answers at once, so only a stopped daemon reaches it.
+constexpr long CLIENT_TIMEOUT_S = 5;
 
 /* The process's connection. The callouts carry no context, so there is one;
    a mutex keeps each request and its reply together. */
@@ -25,6 +31,10 @@ struct connection {
         if (fd >= 0) return true;
         fd = sock::connect_to(path.c_str());
         if (fd < 0) return false;
+        // A stopped or dead daemon fails the exchange in bounded time.
+        const timeval limit{CLIENT_TIMEOUT_S, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
         sim_message_header_t hello;
         hello.command = SIM_COMMAND_HELLO;
         if (!sock::transact(fd, hello, nullptr, 0, nullptr) || hello.arg0 != SIM_PROTOCOL_VERSION) {

@@ -45,13 +45,45 @@ int expected_words(UINT32 command)
     }
 }
 
-bool handle(const sim_message_header_t& req, const UINT32* payload, UINT32 words, reply_builder& rep)
+/* Which client drives each chip's bus: the first to touch it, until it
+   hangs up. Another client's bus transactions are refused as busy, so that two
+   processes never take each other's replies. Faults and information stay open
+   to every client (test harnesses set faults beside the driving process). */
+std::atomic<UINT32> chip_owner[SIM_MAX_CHIPS];
+
+bool is_bus_command(UINT32 command)
+{
+    return command == SIM_COMMAND_REG_READ || command == SIM_COMMAND_REG_WRITE || command == SIM_COMMAND_BURST_READ ||
+           command == SIM_COMMAND_BURST_WRITE;
+}
+
+/* False when another client owns the chip. */
+bool claim(UINT32 device_id, UINT32 client)
+{
+    if (client == 0 || device_id >= SIM_MAX_CHIPS) return true;
+    UINT32 expected = 0;
+    return chip_owner[device_id].compare_exchange_strong(expected, client) || expected == client;
+}
+
+void release_all(UINT32 client)
+{
+    for (auto& owner : chip_owner) {
+        UINT32 mine = client;
+        owner.compare_exchange_strong(mine, 0);
+    }
+}
+
+bool handle(const sim_message_header_t& req, const UINT32* payload, UINT32 words, reply_builder& rep, UINT32 client)
 {
     rep.hdr.device_id = req.device_id;
     const int expect = expected_words(req.command);
     const bool size_ok = expect >= 0 ? UINT32(expect) == words : expect == -1 && req.arg1 == words;
     if (!size_ok) {
         rep.hdr.status = VELT_ERR_INVALID_ARGS;
+        return false;
+    }
+    if (is_bus_command(req.command) && !claim(req.device_id, client)) {
+        rep.hdr.status = KAVO_ERR_DEVICE_ID_IN_USE;
         return false;
     }
     chip* c = chip_get(req.device_id);
@@ -131,7 +163,7 @@ void encode(const reply_builder& rep, std::vector<UINT8>& out)
 
 } // namespace
 
-bool socket_handle_message(const UINT8* data, size_t size, std::vector<UINT8>& reply)
+bool socket_handle_message(const UINT8* data, size_t size, std::vector<UINT8>& reply, UINT32 client)
 {
     reply_builder rep;
     bool shutdown = false;
@@ -146,7 +178,7 @@ bool socket_handle_message(const UINT8* data, size_t size, std::vector<UINT8>& r
             const UINT32 words = UINT32((size - sizeof(req)) / 4);
             std::vector<UINT32> payload(words);
             if (words) std::memcpy(payload.data(), data + sizeof(req), 4 * size_t(words));
-            shutdown = handle(req, payload.data(), words, rep);
+            shutdown = handle(req, payload.data(), words, rep, client);
         }
     }
     encode(rep, reply);
@@ -157,7 +189,9 @@ struct socket_server::impl {
     struct client {
         int fd;
         std::vector<UINT8> in;
+        UINT32 id; // names the client as a chip's owner
     };
+    UINT32 next_id = 1;
     int listen_fd = -1;
     int wake[2] = {-1, -1};
     std::atomic<bool> stopping{false};
@@ -180,7 +214,7 @@ struct socket_server::impl {
                 return false;
             }
             if (cl.in.size() - used < length) break;
-            shutdown = socket_handle_message(cl.in.data() + used, length, reply) || shutdown;
+            shutdown = socket_handle_message(cl.in.data() + used, length, reply, cl.id) || shutdown;
             used += length;
             if (!sock::send_all(cl.fd, reply.data(), reply.size())) return false;
         }
@@ -190,8 +224,10 @@ struct socket_server::impl {
 
     void close_all()
     {
-        for (client& c : clients)
+        for (client& c : clients) {
             ::close(c.fd);
+            release_all(c.id);
+        }
         clients.clear();
         if (listen_fd >= 0) {
             ::close(listen_fd);
@@ -280,12 +316,13 @@ void socket_server::run()
             }
             if (!keep) {
                 ::close(cl.fd);
+                release_all(cl.id);
                 s.clients.erase(s.clients.begin() + long(i));
             }
         }
         if (fds[1].revents & POLLIN) {
             const int fd = ::accept4(s.listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd >= 0) s.clients.push_back({fd, {}});
+            if (fd >= 0) s.clients.push_back({fd, {}, s.next_id++});
         }
     }
     s.close_all();
