@@ -210,6 +210,87 @@ TEST_F(macsec, EverySuiteRoundTripsAndWrongKeyMaterialFails)
     }
 }
 
+TEST_F(macsec, SecTagFollowsTheClearBytesAndIngressRefusesWhatIsNotWellFormed)
+{
+    kavo_macsec_vport_config_t keep_tag; // an outer VLAN tag stays in clear
+    keep_tag.sec_tag_offset = 4;
+    UINT32 out_vp = 0;
+    ASSERT_EQ(kavo_macsec_vport_add(0, CHNL, EGRESS, 1, &keep_tag, &out_vp), VELT_SUCCESS);
+    const UINT32 in_vp = vport(INGRESS);
+    rule(out_vp), rule(in_vp);
+    sa(out_vp, sa_cfg(true));
+    const UINT32 in_sa = sa(in_vp, sa_cfg(true));
+    const bytes tagged = hex(MACS + "81000064" + KNOWN[0].plain.substr(24));
+    bytes out, back;
+    ASSERT_EQ(run(EGRESS, tagged, out, 0xFFFFFFFF), VELT_SUCCESS) << "the vport's offset";
+    EXPECT_EQ(bytes(out.begin() + 12, out.begin() + 18), hex("8100006488E5"));
+    ASSERT_EQ(run(INGRESS, out, back, 4), VELT_SUCCESS);
+    EXPECT_EQ(back, tagged);
+
+    // Frames the ingress engine refuses, each counted where it belongs.
+    ASSERT_EQ(run(EGRESS, tagged, out, 0xFFFFFFFF), VELT_SUCCESS);
+    struct bad {
+        const char* what;
+        size_t at;
+        UINT8 value;
+    } const bads[] = {
+        {"version bit", 18, UINT8(out[18] | 0x80)}, {"C without E", 18, UINT8(out[18] & ~0x08)},
+        {"short length on a long frame", 19, 20},  {"packet number 0", 20, 0},
+    };
+    for (const bad& b : bads) {
+        bytes f = out;
+        f[b.at] = b.value;
+        if (b.at == 20) f[21] = f[22] = f[23] = 0;
+        ASSERT_EQ(run(INGRESS, f, back, 4), VELT_SUCCESS);
+        EXPECT_TRUE(back.empty()) << b.what;
+    }
+    bytes other_an = out;
+    other_an[18] ^= 1;
+    ASSERT_EQ(run(INGRESS, other_an, back, 4), VELT_SUCCESS);
+    EXPECT_TRUE(back.empty()) << "no SA for AN 3";
+    ASSERT_EQ(run(INGRESS, tagged, back, 4), VELT_SUCCESS);
+    EXPECT_TRUE(back.empty()) << "untagged, strict";
+    kavo_macsec_sa_update_t check;
+    check.update_cmds = KAVO_MACSEC_SA_UPDATE_FLOW_CONTROL;
+    check.cfg.sa_type.ingress.validate_frames = KAVO_MACSEC_VALIDATE_CHECK;
+    ASSERT_EQ(kavo_macsec_sa_update(0, in_sa, &check), VELT_SUCCESS);
+    ASSERT_EQ(run(INGRESS, tagged, back, 4), VELT_SUCCESS);
+    EXPECT_EQ(back, tagged) << "untagged, check";
+    kavo_stats_macsec_vport_t vs;
+    ASSERT_EQ(kavo_macsec_vport_stats_get(0, in_vp, 0, &vs), VELT_SUCCESS);
+    EXPECT_EQ(vs.pkts_bad_tag, 4u);
+    EXPECT_EQ(vs.pkts_not_using_sa, 1u);
+    EXPECT_EQ(vs.pkts_untagged, 2u);
+    EXPECT_EQ(vs.pkts_ok, 1u);
+    ASSERT_EQ(kavo_macsec_vport_sa_stats_clear(0, in_vp), VELT_SUCCESS);
+    EXPECT_EQ(sa_stats(in_sa).pkts_ok, 0u);
+}
+
+TEST_F(macsec, ChannelConfigurationDecidesWhatTheEngineSkips)
+{
+    const bytes eapol = hex(MACS + "888E0102"), ip = hex(MACS + "08000102");
+    kavo_macsec_channel_config_t ch;
+    ASSERT_EQ(kavo_macsec_channel_config_get(0, CHNL, EGRESS, &ch), VELT_SUCCESS);
+    EXPECT_EQ(ch.sectag_ethertype, 0x88E5u);
+    ch.default_action = KAVO_MACSEC_DEFAULT_ACTION_DROP;
+    ch.bypass_ethertypes[2] = 0x888E;
+    ASSERT_EQ(kavo_macsec_channel_config(0, CHNL, EGRESS, &ch), VELT_SUCCESS);
+    bytes out;
+    ASSERT_EQ(run(EGRESS, eapol, out), VELT_SUCCESS);
+    EXPECT_EQ(out, eapol) << "key agreement passes in clear";
+    ASSERT_EQ(run(EGRESS, ip, out), VELT_SUCCESS);
+    EXPECT_TRUE(out.empty()) << "unclassified frames are dropped";
+    kavo_macsec_channel_global_config_t g;
+    ASSERT_EQ(kavo_macsec_channel_global_config_get(0, EGRESS, &g), VELT_SUCCESS);
+    g.bypass_all = 1;
+    ASSERT_EQ(kavo_macsec_channel_global_config(0, EGRESS, &g), VELT_SUCCESS);
+    ASSERT_EQ(run(EGRESS, ip, out), VELT_SUCCESS);
+    EXPECT_EQ(out, ip) << "every engine of the direction bypassed";
+    ch.max_frame_size = 63;
+    EXPECT_EQ(kavo_macsec_channel_config(0, CHNL, EGRESS, &ch), KAVO_FW_ERR_INVALID_PARAMETERS);
+    EXPECT_EQ(kavo_macsec_channel_config(0, 48, EGRESS, &ch), KAVO_FW_ERR_NUMBER_OUT_OF_RANGE);
+}
+
 TEST_F(macsec, RulesClassifyByAddressEtherTypeTagsLabelsAndServiceId)
 {
     // Every rule on its own vport, so the vport's statistics tell which one matched.
