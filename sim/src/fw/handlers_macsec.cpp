@@ -443,13 +443,7 @@ void chnl_stats_get(firmware& fw, const request& req, reply& rep)
 
 void vport_stats_get(firmware& fw, const request& req, reply& rep)
 {
-    macsec_vport* v = vport_or_refuse(fw, req.info.element_id, rep);
-    if (!v) return;
-    // Protected and validated frames are the sums of the SAs'.
-    v->stats.pkts_protected = v->stats.pkts_ok = 0;
-    for (UINT32 id : v->sas)
-        v->stats.pkts_protected += ms(fw).sas[id].stats.pkts_protected, v->stats.pkts_ok += ms(fw).sas[id].stats.pkts_ok;
-    counters(req, rep, v->stats);
+    if (macsec_vport* v = vport_or_refuse(fw, req.info.element_id, rep)) counters(req, rep, v->stats);
 }
 
 void sa_stats_get(firmware& fw, const request& req, reply& rep)

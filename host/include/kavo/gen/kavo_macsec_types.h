@@ -842,7 +842,7 @@ KAVO_STATIC_ASSERT(offsetof(kavo_stats_macsec_rule_t, octets_matched) == 8, "kav
 /* What a vport's secure channel did: frames classified to it, control frames
    passed in clear, frames dropped by a rule, too long, without a usable SA
    (not using SA), without a SecTAG (untagged), with a malformed one (bad tag),
-   and the sums of its SAs' protected and validated frames. */
+   and the frames its SAs protected and validated (counted on, whatever becomes of the SAs). */
 typedef struct kavo_stats_macsec_vport_t {
     UINT64 pkts_classified;
     UINT64 pkts_control;
