@@ -2,7 +2,9 @@
 // (vports, rules, SAs with association number, next PN and whether in use),
 // and their counters. Key material shows as hex strings in transmission order.
 #include <cstdio>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "kavo_sim/image.h"
 #include "kavoctl.h"
@@ -128,11 +130,109 @@ template <class T> void print_counts(const char* what, UINT32 id, const T& count
     log_to(stderr);
 }
 
+/* Hex text (two digits a byte) into exactly `size` bytes. */
+bool bytes_of(const std::string& text, void* out, size_t size)
+{
+    if (text.size() != 2 * size) return false;
+    for (size_t i = 0; i < size; ++i) {
+        UINT32 b = 0;
+        if (!kavo_sim::parse_u32(("0x" + text.substr(2 * i, 2)).c_str(), b)) return false;
+        static_cast<UINT8*>(out)[i] = UINT8(b);
+    }
+    return true;
+}
+
+/* macsec sa-add VPORT key=HEX ...: an SA from key material as published. */
+int sa_add(const settings& st, const args_t& args)
+{
+    const char* USAGE = "macsec sa-add VPORT key=HEX [sci=HEX] [an=0..3] [pn=N] [ssci=N salt=HEX] [window=N] [integrity]";
+    kavo_macsec_sa_config_t sa;
+    UINT32 vport_id = 0, an = 0, window = 0;
+    UINT64 pn = 1;
+    bool key = false, salt = false;
+    if (args.size() < 2 || !kavo_sim::parse_u32(args[1].c_str(), vport_id)) return usage_error(USAGE);
+    for (size_t i = 2; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        const size_t eq = a.find('=');
+        const std::string name = a.substr(0, eq), value = eq == std::string::npos ? "" : a.substr(eq + 1);
+        char* end = nullptr;
+        bool ok = true;
+        if (name == "key") {
+            ok = key = bytes_of(value, sa.crypt_key, 16) || bytes_of(value, sa.crypt_key, 32);
+            if (value.size() == 64) sa.flags |= KAVO_MACSEC_SA_KEY_SIZE_256;
+        } else if (name == "sci") {
+            ok = bytes_of(value, sa.sci, 8);
+        } else if (name == "salt") {
+            ok = salt = bytes_of(value, sa.salt, 12);
+        } else if (name == "an") {
+            ok = kavo_sim::parse_u32(value.c_str(), an) && an < 4;
+        } else if (name == "ssci") {
+            ok = kavo_sim::parse_u32(value.c_str(), sa.ssci);
+        } else if (name == "window") {
+            ok = kavo_sim::parse_u32(value.c_str(), window);
+        } else if (name == "pn") {
+            pn = std::strtoull(value.c_str(), &end, 0);
+            ok = !value.empty() && end && *end == '\0';
+        } else if (a == "integrity") {
+            sa.flags &= ~UINT32(KAVO_MACSEC_SA_ENC_AUTH_AES_GCM);
+        } else {
+            ok = false;
+        }
+        if (!ok) return usage_error("bad " + a + ": " + USAGE);
+    }
+    if (!key) return usage_error(USAGE);
+    if (salt) sa.flags |= KAVO_MACSEC_SA_SN_SIZE_64;
+    sa.flags |= an << 7;
+    sa.seq_num_lo = UINT32(pn), sa.seq_num_hi = UINT32(pn >> 32);
+    sa.window_size = window;
+    if (int failed = device_ready(st)) return failed;
+    UINT32 id = 0;
+    const VELT_ERROR rc = kavo_macsec_sa_add(st.device, vport_id, &sa, &id);
+    if (st.json) {
+        nlohmann::json doc = result_json(rc);
+        if (rc == VELT_SUCCESS) doc["sa_id"] = id;
+        print_json(doc);
+        return rc == VELT_SUCCESS ? 0 : 1;
+    }
+    if (rc == VELT_SUCCESS) std::printf("sa %u\n", id);
+    return finish(rc, "macsec sa-add");
+}
+
+/* macsec frame CHNL egress|ingress HEX [bypass=N]: one frame through an engine. */
+int frame(const settings& st, const args_t& args)
+{
+    const char* USAGE = "macsec frame CHNL egress|ingress HEX [bypass=N]";
+    UINT32 chnl = 0, bypass = 0;
+    if (args.size() < 4 || args.size() > 5 || !kavo_sim::parse_u32(args[1].c_str(), chnl) ||
+        (args[2] != "egress" && args[2] != "ingress") || args[3].size() % 2 != 0 ||
+        (args.size() == 5 && (args[4].rfind("bypass=", 0) != 0 || !kavo_sim::parse_u32(args[4].c_str() + 7, bypass))))
+        return usage_error(USAGE);
+    std::vector<UINT8> in((args[3].size() / 2 + 3) & ~size_t(3)), out(in.size() + 64);
+    if (!bytes_of(args[3], in.data(), args[3].size() / 2)) return usage_error(USAGE);
+    if (int failed = device_ready(st)) return failed;
+    UINT32 size = UINT32(out.size());
+    const auto dir = args[2] == "egress" ? KAVO_MACSEC_EGRESS_DIRECTION : KAVO_MACSEC_INGRESS_DIRECTION;
+    const VELT_ERROR rc =
+        kavo_macsec_fips_test(st.device, chnl, dir, in.data(), UINT32(args[3].size() / 2), bypass, out.data(), &size);
+    const std::string text = rc == VELT_SUCCESS ? hex_of(out.data(), size) : "";
+    if (st.json) {
+        nlohmann::json doc = result_json(rc);
+        if (rc == VELT_SUCCESS) doc["frame"] = text;
+        print_json(doc);
+        return rc == VELT_SUCCESS ? 0 : 1;
+    }
+    if (rc == VELT_SUCCESS) std::printf("%s\n", size ? text.c_str() : "(dropped)");
+    return finish(rc, "macsec frame");
+}
+
 int cmd_macsec(const settings& st, const args_t& args)
 {
+    if (!args.empty() && args[0] == "sa-add") return sa_add(st, args);
+    if (!args.empty() && args[0] == "frame") return frame(st, args);
     UINT32 first = 0, last = 0;
     const bool show = !args.empty() && args[0] == "show", stats = !args.empty() && args[0] == "stats";
-    if ((!show && !stats) || !channels_of(args, first, last)) return usage_error("macsec show|stats [CHNL]");
+    if ((!show && !stats) || !channels_of(args, first, last))
+        return usage_error("macsec show|stats [CHNL] | sa-add VPORT key=HEX ... | frame CHNL egress|ingress HEX");
     if (int failed = device_ready(st)) return failed;
     VELT_ERROR rc = VELT_SUCCESS;
     nlohmann::json channels = engines(st.device, first, last, rc);
@@ -168,8 +268,12 @@ int cmd_macsec(const settings& st, const args_t& args)
 }
 
 const verb VERBS[] = {
-    {"macsec", "show|stats [CHNL]",
-     "the MACsec engines: vports, rules and SAs (AN, next PN, in use; keys in hex), or their counters", cmd_macsec},
+    {"macsec",
+     "show|stats [CHNL] | sa-add VPORT key=HEX [sci=HEX] [an=0..3] [pn=N] [ssci=N salt=HEX] [window=N] [integrity]"
+     " | frame CHNL egress|ingress HEX [bypass=N]",
+     "the MACsec engines: vports, rules and SAs (AN, next PN, in use; keys in hex) or their counters; an SA from hex "
+     "key material; one frame (hex, no FCS) through an engine, zero-padded to whole words",
+     cmd_macsec},
 };
 
 } // namespace
