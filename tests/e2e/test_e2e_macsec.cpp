@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -164,6 +165,31 @@ TEST_F(macsec, KnownAnswersProtectAndValidateByteForByte)
             ASSERT_EQ(kavo_macsec_vport_delete(0, vp), VELT_SUCCESS);
         }
     }
+}
+
+TEST_F(macsec, IngressDropsEveryAlteredOrCutFrame)
+{
+    const UINT32 vp = vport(INGRESS);
+    rule(vp);
+    kavo_macsec_sa_config_t cfg = sa_cfg(true);
+    cfg.sa_type.ingress.replay_check_disable = 1;
+    sa(vp, cfg);
+    const bytes good = hex(KNOWN[0].protected_);
+    std::mt19937 random(7);
+    bytes out;
+    for (int i = 0; i < 3000; ++i) {
+        bytes f = good;
+        if (i % 3 == 0) {
+            f.resize(random() % good.size()); // cut anywhere, down to nothing after the MAC addresses
+            if (f.size() < 14) f.resize(14);
+        } else {
+            f[random() % f.size()] ^= UINT8(1 + random() % 255);
+        }
+        ASSERT_EQ(run(INGRESS, f, out), VELT_SUCCESS) << i;
+        ASSERT_TRUE(out.empty()) << "frame " << i << " came through";
+    }
+    ASSERT_EQ(run(INGRESS, good, out), VELT_SUCCESS);
+    EXPECT_EQ(out.size(), 60u) << "the unaltered frame still validates";
 }
 
 TEST_F(macsec, EverySuiteRoundTripsAndWrongKeyMaterialFails)
