@@ -93,7 +93,7 @@ VELT_ERROR run_kavo_macsec_vport_read(wire_run& r)
     const UINT32 device_id = r.device_id;
     const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_vport_read_params_t> out_rd_vport_params;
-    kavo_macsec_vport_read_params_t* rd_vport_params = out_rd_vport_params.get();
+    kavo_macsec_vport_read_params_t* rd_vport_params = r.null_inputs ? nullptr : out_rd_vport_params.get();
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(vport_id);
@@ -137,7 +137,7 @@ VELT_ERROR run_kavo_macsec_rule_read(wire_run& r)
     const UINT32 device_id = r.device_id;
     const UINT32 rule_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_rule_config_t> out_rd_rule_params;
-    kavo_macsec_rule_config_t* rd_rule_params = out_rd_rule_params.get();
+    kavo_macsec_rule_config_t* rd_rule_params = r.null_inputs ? nullptr : out_rd_rule_params.get();
     r.info[0] = (UINT32)(rule_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -179,7 +179,7 @@ VELT_ERROR run_kavo_macsec_sa_read(wire_run& r)
     const UINT32 device_id = r.device_id;
     const UINT32 sa_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_sa_config_t> out_rd_sa_params;
-    kavo_macsec_sa_config_t* rd_sa_params = out_rd_sa_params.get();
+    kavo_macsec_sa_config_t* rd_sa_params = r.null_inputs ? nullptr : out_rd_sa_params.get();
     r.info[0] = (UINT32)(sa_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -278,7 +278,7 @@ VELT_ERROR run_kavo_macsec_channel_config_get(wire_run& r)
     const UINT32 channel_id = static_cast<UINT32>(wire_value(1));
     const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(2));
     wire_output<kavo_macsec_channel_config_t> out_rd_channel_params;
-    kavo_macsec_channel_config_t* rd_channel_params = out_rd_channel_params.get();
+    kavo_macsec_channel_config_t* rd_channel_params = r.null_inputs ? nullptr : out_rd_channel_params.get();
     r.info[0] = (UINT32)(channel_id);
     r.info[1] = (UINT32)(direction);
     r.info[2] = 0xFFFFFFFFu;
@@ -294,7 +294,7 @@ VELT_ERROR run_kavo_macsec_channel_global_config_get(wire_run& r)
     const UINT32 device_id = r.device_id;
     const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(1));
     wire_output<kavo_macsec_channel_global_config_t> out_rd_channel_global_params;
-    kavo_macsec_channel_global_config_t* rd_channel_global_params = out_rd_channel_global_params.get();
+    kavo_macsec_channel_global_config_t* rd_channel_global_params = r.null_inputs ? nullptr : out_rd_channel_global_params.get();
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = (UINT32)(direction);
     r.info[2] = 0xFFFFFFFFu;
@@ -311,7 +311,7 @@ VELT_ERROR run_kavo_macsec_chnl_stats_get(wire_run& r)
     const UINT32 macsec_chnl_id = static_cast<UINT32>(wire_value(1));
     const BOOL32 reset = 1;
     wire_output<kavo_stats_macsec_channel_t> out_stats_ptr;
-    kavo_stats_macsec_channel_t* stats_ptr = out_stats_ptr.get();
+    kavo_stats_macsec_channel_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
     r.info[0] = (UINT32)(macsec_chnl_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -328,7 +328,7 @@ VELT_ERROR run_kavo_macsec_vport_stats_get(wire_run& r)
     const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
     const BOOL32 reset = 1;
     wire_output<kavo_stats_macsec_vport_t> out_stats_ptr;
-    kavo_stats_macsec_vport_t* stats_ptr = out_stats_ptr.get();
+    kavo_stats_macsec_vport_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
     r.info[0] = (UINT32)(vport_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -345,7 +345,7 @@ VELT_ERROR run_kavo_macsec_sa_stats_get(wire_run& r)
     const UINT32 sa_id = static_cast<UINT32>(wire_value(1));
     const BOOL32 reset = 1;
     wire_output<kavo_stats_macsec_sa_t> out_stats_ptr;
-    kavo_stats_macsec_sa_t* stats_ptr = out_stats_ptr.get();
+    kavo_stats_macsec_sa_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
     r.info[0] = (UINT32)(sa_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -362,7 +362,7 @@ VELT_ERROR run_kavo_macsec_rule_stats_get(wire_run& r)
     const UINT32 rule_id = static_cast<UINT32>(wire_value(1));
     const BOOL32 reset = 1;
     wire_output<kavo_stats_macsec_rule_t> out_stats_ptr;
-    kavo_stats_macsec_rule_t* stats_ptr = out_stats_ptr.get();
+    kavo_stats_macsec_rule_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
     r.info[0] = (UINT32)(rule_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -391,7 +391,7 @@ VELT_ERROR run_kavo_macsec_notification_summary_get(wire_run& r)
 {
     const UINT32 device_id = r.device_id;
     wire_output<kavo_macsec_notification_summary_t> out_notification_ptr;
-    kavo_macsec_notification_summary_t* notification_ptr = out_notification_ptr.get();
+    kavo_macsec_notification_summary_t* notification_ptr = r.null_inputs ? nullptr : out_notification_ptr.get();
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -407,7 +407,7 @@ VELT_ERROR run_kavo_macsec_notification_get(wire_run& r)
     const UINT32 device_id = r.device_id;
     const kavo_macsec_notification_get_commands_t command = static_cast<kavo_macsec_notification_get_commands_t>(wire_value(1));
     wire_output<kavo_macsec_notification_t> out_notification_ptr;
-    kavo_macsec_notification_t* notification_ptr = out_notification_ptr.get();
+    kavo_macsec_notification_t* notification_ptr = r.null_inputs ? nullptr : out_notification_ptr.get();
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = (UINT32)(command);
     r.info[2] = 0xFFFFFFFFu;
@@ -423,7 +423,7 @@ VELT_ERROR run_kavo_macsec_chnl_vport_get(wire_run& r)
     const UINT32 device_id = r.device_id;
     const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_channel_vport_list_t> out_vport_resource_ptr;
-    kavo_macsec_channel_vport_list_t* vport_resource_ptr = out_vport_resource_ptr.get();
+    kavo_macsec_channel_vport_list_t* vport_resource_ptr = r.null_inputs ? nullptr : out_vport_resource_ptr.get();
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(chnl_id);
@@ -439,7 +439,7 @@ VELT_ERROR run_kavo_macsec_vport_rule_get(wire_run& r)
     const UINT32 device_id = r.device_id;
     const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_vport_rule_list_t> out_rule_resource_ptr;
-    kavo_macsec_vport_rule_list_t* rule_resource_ptr = out_rule_resource_ptr.get();
+    kavo_macsec_vport_rule_list_t* rule_resource_ptr = r.null_inputs ? nullptr : out_rule_resource_ptr.get();
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(vport_id);
@@ -455,7 +455,7 @@ VELT_ERROR run_kavo_macsec_vport_sa_get(wire_run& r)
     const UINT32 device_id = r.device_id;
     const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_vport_sa_list_t> out_sa_resource_ptr;
-    kavo_macsec_vport_sa_list_t* sa_resource_ptr = out_sa_resource_ptr.get();
+    kavo_macsec_vport_sa_list_t* sa_resource_ptr = r.null_inputs ? nullptr : out_sa_resource_ptr.get();
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(vport_id);
