@@ -821,6 +821,75 @@ class kavo_ipi_type_t(IntEnum):
     VELT_IPI_TEST = 5
     LAST_VELT_IPI_TYPE = 6
 
+class kavo_macsec_device_direction_t(IntEnum):
+    KAVO_MACSEC_EGRESS_DIRECTION = 0
+    KAVO_MACSEC_INGRESS_DIRECTION = 1
+    LAST_KAVO_MACSEC_DIRECTION = 2
+
+class kavo_macsec_packet_type_t(IntEnum):
+    KAVO_MACSEC_PACKET_TYPE_ANY = 0
+    KAVO_MACSEC_PACKET_TYPE_OTHER = 1
+    KAVO_MACSEC_PACKET_TYPE_MPLS = 2
+    KAVO_MACSEC_PACKET_TYPE_PBB = 3
+    LAST_KAVO_MACSEC_PACKET_TYPE = 4
+
+class kavo_macsec_num_tags_t(IntEnum):
+    KAVO_MACSEC_NUM_TAGS_0 = 0
+    KAVO_MACSEC_NUM_TAGS_1 = 1
+    KAVO_MACSEC_NUM_TAGS_2 = 2
+    KAVO_MACSEC_NUM_TAGS_ANY = 3
+    LAST_KAVO_MACSEC_NUM_TAGS = 4
+
+class kavo_macsec_vport_flags_t(IntEnum):
+    KAVO_MACSEC_VPORT_INCLUDE_SCI = 1
+    KAVO_MACSEC_VPORT_END_STATION = 2
+    KAVO_MACSEC_VPORT_SCB = 4
+
+class kavo_macsec_sa_config_flags_t(IntEnum):
+    KAVO_MACSEC_SA_KEY_SIZE_256 = 1
+    KAVO_MACSEC_SA_SN_SIZE_64 = 2
+    KAVO_MACSEC_SA_ENC_AUTH_AES_GCM = 4
+    KAVO_MACSEC_SA_ENC_AES_CTR = 8
+    KAVO_MACSEC_SA_ENABLE_PN_ROLLOVER = 16
+    KAVO_MACSEC_SA_ENABLE_SA_EXPIRED_IRQ = 32
+    KAVO_MACSEC_SA_EGRESS_DROP_NON_RSVD = 64
+    KAVO_MACSEC_SA_AN_0 = 0
+    KAVO_MACSEC_SA_AN_1 = 128
+    KAVO_MACSEC_SA_AN_2 = 256
+    KAVO_MACSEC_SA_AN_3 = 384
+    KAVO_MACSEC_SA_AT_BYPASS = 512
+    KAVO_MACSEC_SA_AT_DROP = 1024
+    KAVO_MACSEC_SA_DT_NONE = 6144
+    KAVO_MACSEC_SA_MTU_OVRSZ_DROP_EN = 8192
+
+class kavo_macsec_sa_update_cmds_t(IntEnum):
+    KAVO_MACSEC_SA_UPDATE_KEY = 1
+    KAVO_MACSEC_SA_UPDATE_PN = 2
+    KAVO_MACSEC_SA_UPDATE_WINDOW = 4
+    KAVO_MACSEC_SA_UPDATE_MTU = 8
+    KAVO_MACSEC_SA_UPDATE_FLOW_CONTROL = 16
+    KAVO_MACSEC_SA_UPDATE_FLAGS = 32
+
+class kavo_macsec_validate_frames_t(IntEnum):
+    KAVO_MACSEC_VALIDATE_STRICT = 0
+    KAVO_MACSEC_VALIDATE_CHECK = 1
+    KAVO_MACSEC_VALIDATE_DISABLED = 2
+    LAST_KAVO_MACSEC_VALIDATE = 3
+
+class kavo_macsec_default_action_t(IntEnum):
+    KAVO_MACSEC_DEFAULT_ACTION_PASS = 0
+    KAVO_MACSEC_DEFAULT_ACTION_DROP = 1
+    LAST_KAVO_MACSEC_DEFAULT_ACTION = 2
+
+class kavo_macsec_notification_type_t(IntEnum):
+    KAVO_MACSEC_NOTIFICATION_PN_THRESHOLD = 1
+    KAVO_MACSEC_NOTIFICATION_SA_EXPIRED = 2
+
+class kavo_macsec_notification_get_commands_t(IntEnum):
+    KAVO_MACSEC_NOTIFICATION_GET_PN_THRESHOLD = 0
+    KAVO_MACSEC_NOTIFICATION_GET_SA_EXPIRED = 1
+    LAST_KAVO_MACSEC_NOTIFICATION_GET = 2
+
 class kavo_pmon_print_sel_t(IntEnum):
     KAVO_PMON_PRINT_NONE = 0
     KAVO_PMON_PRINT_ALL_NON_ZERO = 1
@@ -962,6 +1031,106 @@ class kavo_htl_response_t(Record):
     _init_ = "kavo_htl_response_t_init"
     _fields_ = [("device_id", ctypes.c_uint32), ("sequence_num", ctypes.c_uint32), ("operation", ctypes.c_uint32), ("result", ctypes.c_uint32), ("mode", ctypes.c_uint32), ("value", ctypes.c_uint32), ("value2", ctypes.c_uint32), ("data_size", ctypes.c_uint32), ("data_ptr", ctypes.c_void_p)]
 
+class kavo_macsec_vport_config_t(Record):
+    _init_ = "kavo_macsec_vport_config_t_init"
+    _fields_ = [("sec_tag_offset", ctypes.c_uint32), ("flags", ctypes.c_uint32)]
+
+class kavo_macsec_vport_read_params_t(Record):
+    _init_ = "kavo_macsec_vport_read_params_t_init"
+    _fields_ = [("chnl_id", ctypes.c_uint32), ("direction", ctypes.c_uint32), ("vport_key", ctypes.c_uint32), ("config", kavo_macsec_vport_config_t), ("num_rules", ctypes.c_uint32), ("num_sas", ctypes.c_uint32), ("active_sa_id", ctypes.c_uint32)]
+
+class kavo_macsec_rule_config_others_t(Record):
+    _init_ = "kavo_macsec_rule_config_others_t_init"
+    _fields_ = [("ethertype", ctypes.c_uint32), ("ethertype_mask", ctypes.c_uint32), ("vlan_tag_val_1", ctypes.c_uint32), ("vlan_tag_mask_1", ctypes.c_uint32), ("vlan_tag_val_2", ctypes.c_uint32), ("vlan_tag_mask_2", ctypes.c_uint32)]
+
+class kavo_macsec_rule_config_pbb_t(Record):
+    _init_ = "kavo_macsec_rule_config_pbb_t_init"
+    _fields_ = [("b_vid", ctypes.c_uint32), ("b_vid_mask", ctypes.c_uint32), ("i_sid", ctypes.c_uint32), ("i_sid_mask", ctypes.c_uint32), ("i_pcp", ctypes.c_uint32), ("i_pcp_mask", ctypes.c_uint32)]
+
+class kavo_macsec_rule_config_mpls_t(Record):
+    _init_ = "kavo_macsec_rule_config_mpls_t_init"
+    _fields_ = [("ethertype", ctypes.c_uint32), ("ethertype_mask", ctypes.c_uint32), ("label_1", ctypes.c_uint32), ("label_mask_1", ctypes.c_uint32), ("label_2", ctypes.c_uint32), ("label_mask_2", ctypes.c_uint32)]
+
+class kavo_macsec_rule_config_type_u(Union):
+    _init_ = "kavo_macsec_rule_config_type_u_init"
+    _fields_ = [("others", kavo_macsec_rule_config_others_t), ("pbb", kavo_macsec_rule_config_pbb_t), ("mpls", kavo_macsec_rule_config_mpls_t)]
+
+class kavo_macsec_rule_config_t(Record):
+    _init_ = "kavo_macsec_rule_config_t_init"
+    _fields_ = [("drop", ctypes.c_uint32), ("control_packet", ctypes.c_uint32), ("packet_type", ctypes.c_uint32), ("num_tags", ctypes.c_uint32), ("mac_da", (ctypes.c_uint8 * 6)), ("mac_da_mask", (ctypes.c_uint8 * 6)), ("type", kavo_macsec_rule_config_type_u)]
+
+class kavo_macsec_egress_sa_flow_control_t(Record):
+    _init_ = "kavo_macsec_egress_sa_flow_control_t_init"
+    _fields_ = [("pn_threshold_lo", ctypes.c_uint32), ("pn_threshold_hi", ctypes.c_uint32)]
+
+class kavo_macsec_ingress_sa_flow_control_t(Record):
+    _init_ = "kavo_macsec_ingress_sa_flow_control_t_init"
+    _fields_ = [("validate_frames", ctypes.c_uint32), ("replay_check_disable", ctypes.c_uint32)]
+
+class kavo_macsec_sa_flow_control_u(Union):
+    _init_ = "kavo_macsec_sa_flow_control_u_init"
+    _fields_ = [("egress", kavo_macsec_egress_sa_flow_control_t), ("ingress", kavo_macsec_ingress_sa_flow_control_t)]
+
+class kavo_macsec_sa_config_t(Record):
+    _init_ = "kavo_macsec_sa_config_t_init"
+    _fields_ = [("flags", ctypes.c_uint32), ("crypt_key", (ctypes.c_uint32 * 8)), ("auth_key", (ctypes.c_uint32 * 4)), ("sci", (ctypes.c_uint32 * 2)), ("ssci", ctypes.c_uint32), ("salt", (ctypes.c_uint32 * 3)), ("seq_num_lo", ctypes.c_uint32), ("seq_num_hi", ctypes.c_uint32), ("window_size", ctypes.c_uint32), ("mtu_size", ctypes.c_uint32), ("sa_type", kavo_macsec_sa_flow_control_u)]
+
+class kavo_macsec_sa_update_t(Record):
+    _init_ = "kavo_macsec_sa_update_t_init"
+    _fields_ = [("update_cmds", ctypes.c_uint32), ("cfg", kavo_macsec_sa_config_t)]
+
+class kavo_macsec_sa_next_pn_t(Record):
+    _init_ = "kavo_macsec_sa_next_pn_t_init"
+    _fields_ = [("next_pn_lo", ctypes.c_uint32), ("next_pn_hi", ctypes.c_uint32)]
+
+class kavo_macsec_channel_config_t(Record):
+    _init_ = "kavo_macsec_channel_config_t_init"
+    _fields_ = [("bypass", ctypes.c_uint32), ("default_action", ctypes.c_uint32), ("max_frame_size", ctypes.c_uint32), ("sectag_ethertype", ctypes.c_uint32), ("bypass_ethertypes", (ctypes.c_uint32 * 4)), ("reserved", (ctypes.c_uint32 * 9))]
+
+class kavo_macsec_channel_global_config_t(Record):
+    _init_ = "kavo_macsec_channel_global_config_t_init"
+    _fields_ = [("bypass_all", ctypes.c_uint32), ("pn_threshold", ctypes.c_uint32), ("xpn_threshold_lo", ctypes.c_uint32), ("xpn_threshold_hi", ctypes.c_uint32), ("reserved", (ctypes.c_uint32 * 31))]
+
+class kavo_macsec_notification_summary_t(Record):
+    _init_ = "kavo_macsec_notification_summary_t_init"
+    _fields_ = [("events", ctypes.c_uint32), ("num_pn_threshold", ctypes.c_uint32), ("num_sa_expired", ctypes.c_uint32)]
+
+class kavo_macsec_notification_t(Record):
+    _init_ = "kavo_macsec_notification_t_init"
+    _fields_ = [("type", ctypes.c_uint32), ("num_sa_ids", ctypes.c_uint32), ("more", ctypes.c_uint32), ("sa_ids", (ctypes.c_uint32 * 61))]
+
+class kavo_macsec_channel_vport_list_t(Record):
+    _init_ = "kavo_macsec_channel_vport_list_t_init"
+    _fields_ = [("num_vports", ctypes.c_uint32), ("vport_ids", (ctypes.c_uint32 * 64))]
+
+class kavo_macsec_vport_rule_list_t(Record):
+    _init_ = "kavo_macsec_vport_rule_list_t_init"
+    _fields_ = [("num_rules", ctypes.c_uint32), ("rule_ids", (ctypes.c_uint32 * 64))]
+
+class kavo_macsec_vport_sa_list_t(Record):
+    _init_ = "kavo_macsec_vport_sa_list_t_init"
+    _fields_ = [("num_sas", ctypes.c_uint32), ("active_sa_id", ctypes.c_uint32), ("sa_ids", (ctypes.c_uint32 * 4))]
+
+class kavo_stats_macsec_sa_t(Record):
+    _init_ = "kavo_stats_macsec_sa_t_init"
+    _fields_ = [("pkts_protected", ctypes.c_uint64), ("pkts_encrypted", ctypes.c_uint64), ("octets_protected", ctypes.c_uint64), ("pkts_ok", ctypes.c_uint64), ("pkts_invalid", ctypes.c_uint64), ("pkts_not_valid", ctypes.c_uint64), ("pkts_late", ctypes.c_uint64), ("octets_validated", ctypes.c_uint64)]
+
+class kavo_stats_macsec_rule_t(Record):
+    _init_ = "kavo_stats_macsec_rule_t_init"
+    _fields_ = [("pkts_matched", ctypes.c_uint64), ("octets_matched", ctypes.c_uint64)]
+
+class kavo_stats_macsec_vport_t(Record):
+    _init_ = "kavo_stats_macsec_vport_t_init"
+    _fields_ = [("pkts_classified", ctypes.c_uint64), ("pkts_control", ctypes.c_uint64), ("pkts_dropped_rule", ctypes.c_uint64), ("pkts_too_long", ctypes.c_uint64), ("pkts_not_using_sa", ctypes.c_uint64), ("pkts_untagged", ctypes.c_uint64), ("pkts_bad_tag", ctypes.c_uint64), ("pkts_protected", ctypes.c_uint64), ("pkts_ok", ctypes.c_uint64)]
+
+class kavo_stats_macsec_channel_dir_t(Record):
+    _init_ = "kavo_stats_macsec_channel_dir_t_init"
+    _fields_ = [("pkts", ctypes.c_uint64), ("octets", ctypes.c_uint64), ("pkts_bypassed", ctypes.c_uint64), ("pkts_unclassified", ctypes.c_uint64), ("pkts_dropped", ctypes.c_uint64), ("pkts_secured", ctypes.c_uint64)]
+
+class kavo_stats_macsec_channel_t(Record):
+    _init_ = "kavo_stats_macsec_channel_t_init"
+    _fields_ = [("egress", kavo_stats_macsec_channel_dir_t), ("ingress", kavo_stats_macsec_channel_dir_t)]
+
 # Sizes and offsets the records must have (the C library checks them at compile time).
 SIZES = {
     "kavo_ilkn_intf_cfg_t": 32,
@@ -978,6 +1147,31 @@ SIZES = {
     "kavo_htl_general_struct_t": 16,
     "kavo_htl_request_t": 40,
     "kavo_htl_response_t": 40,
+    "kavo_macsec_vport_config_t": 8,
+    "kavo_macsec_vport_read_params_t": 32,
+    "kavo_macsec_rule_config_others_t": 24,
+    "kavo_macsec_rule_config_pbb_t": 24,
+    "kavo_macsec_rule_config_mpls_t": 24,
+    "kavo_macsec_rule_config_type_u": 24,
+    "kavo_macsec_rule_config_t": 52,
+    "kavo_macsec_egress_sa_flow_control_t": 8,
+    "kavo_macsec_ingress_sa_flow_control_t": 8,
+    "kavo_macsec_sa_flow_control_u": 8,
+    "kavo_macsec_sa_config_t": 100,
+    "kavo_macsec_sa_update_t": 104,
+    "kavo_macsec_sa_next_pn_t": 8,
+    "kavo_macsec_channel_config_t": 68,
+    "kavo_macsec_channel_global_config_t": 140,
+    "kavo_macsec_notification_summary_t": 12,
+    "kavo_macsec_notification_t": 256,
+    "kavo_macsec_channel_vport_list_t": 260,
+    "kavo_macsec_vport_rule_list_t": 260,
+    "kavo_macsec_vport_sa_list_t": 24,
+    "kavo_stats_macsec_sa_t": 64,
+    "kavo_stats_macsec_rule_t": 16,
+    "kavo_stats_macsec_vport_t": 72,
+    "kavo_stats_macsec_channel_dir_t": 48,
+    "kavo_stats_macsec_channel_t": 96,
 }
 OFFSETS = [
     ("kavo_ilkn_intf_cfg_t", "metaframe", 0),
@@ -1071,6 +1265,111 @@ OFFSETS = [
     ("kavo_htl_response_t", "value2", 24),
     ("kavo_htl_response_t", "data_size", 28),
     ("kavo_htl_response_t", "data_ptr", 32),
+    ("kavo_macsec_vport_config_t", "sec_tag_offset", 0),
+    ("kavo_macsec_vport_config_t", "flags", 4),
+    ("kavo_macsec_vport_read_params_t", "chnl_id", 0),
+    ("kavo_macsec_vport_read_params_t", "direction", 4),
+    ("kavo_macsec_vport_read_params_t", "vport_key", 8),
+    ("kavo_macsec_vport_read_params_t", "config", 12),
+    ("kavo_macsec_vport_read_params_t", "num_rules", 20),
+    ("kavo_macsec_vport_read_params_t", "num_sas", 24),
+    ("kavo_macsec_vport_read_params_t", "active_sa_id", 28),
+    ("kavo_macsec_rule_config_others_t", "ethertype", 0),
+    ("kavo_macsec_rule_config_others_t", "ethertype_mask", 4),
+    ("kavo_macsec_rule_config_others_t", "vlan_tag_val_1", 8),
+    ("kavo_macsec_rule_config_others_t", "vlan_tag_mask_1", 12),
+    ("kavo_macsec_rule_config_others_t", "vlan_tag_val_2", 16),
+    ("kavo_macsec_rule_config_others_t", "vlan_tag_mask_2", 20),
+    ("kavo_macsec_rule_config_pbb_t", "b_vid", 0),
+    ("kavo_macsec_rule_config_pbb_t", "b_vid_mask", 4),
+    ("kavo_macsec_rule_config_pbb_t", "i_sid", 8),
+    ("kavo_macsec_rule_config_pbb_t", "i_sid_mask", 12),
+    ("kavo_macsec_rule_config_pbb_t", "i_pcp", 16),
+    ("kavo_macsec_rule_config_pbb_t", "i_pcp_mask", 20),
+    ("kavo_macsec_rule_config_mpls_t", "ethertype", 0),
+    ("kavo_macsec_rule_config_mpls_t", "ethertype_mask", 4),
+    ("kavo_macsec_rule_config_mpls_t", "label_1", 8),
+    ("kavo_macsec_rule_config_mpls_t", "label_mask_1", 12),
+    ("kavo_macsec_rule_config_mpls_t", "label_2", 16),
+    ("kavo_macsec_rule_config_mpls_t", "label_mask_2", 20),
+    ("kavo_macsec_rule_config_t", "drop", 0),
+    ("kavo_macsec_rule_config_t", "control_packet", 4),
+    ("kavo_macsec_rule_config_t", "packet_type", 8),
+    ("kavo_macsec_rule_config_t", "num_tags", 12),
+    ("kavo_macsec_rule_config_t", "mac_da", 16),
+    ("kavo_macsec_rule_config_t", "mac_da_mask", 22),
+    ("kavo_macsec_rule_config_t", "type", 28),
+    ("kavo_macsec_egress_sa_flow_control_t", "pn_threshold_lo", 0),
+    ("kavo_macsec_egress_sa_flow_control_t", "pn_threshold_hi", 4),
+    ("kavo_macsec_ingress_sa_flow_control_t", "validate_frames", 0),
+    ("kavo_macsec_ingress_sa_flow_control_t", "replay_check_disable", 4),
+    ("kavo_macsec_sa_config_t", "flags", 0),
+    ("kavo_macsec_sa_config_t", "crypt_key", 4),
+    ("kavo_macsec_sa_config_t", "auth_key", 36),
+    ("kavo_macsec_sa_config_t", "sci", 52),
+    ("kavo_macsec_sa_config_t", "ssci", 60),
+    ("kavo_macsec_sa_config_t", "salt", 64),
+    ("kavo_macsec_sa_config_t", "seq_num_lo", 76),
+    ("kavo_macsec_sa_config_t", "seq_num_hi", 80),
+    ("kavo_macsec_sa_config_t", "window_size", 84),
+    ("kavo_macsec_sa_config_t", "mtu_size", 88),
+    ("kavo_macsec_sa_config_t", "sa_type", 92),
+    ("kavo_macsec_sa_update_t", "update_cmds", 0),
+    ("kavo_macsec_sa_update_t", "cfg", 4),
+    ("kavo_macsec_sa_next_pn_t", "next_pn_lo", 0),
+    ("kavo_macsec_sa_next_pn_t", "next_pn_hi", 4),
+    ("kavo_macsec_channel_config_t", "bypass", 0),
+    ("kavo_macsec_channel_config_t", "default_action", 4),
+    ("kavo_macsec_channel_config_t", "max_frame_size", 8),
+    ("kavo_macsec_channel_config_t", "sectag_ethertype", 12),
+    ("kavo_macsec_channel_config_t", "bypass_ethertypes", 16),
+    ("kavo_macsec_channel_config_t", "reserved", 32),
+    ("kavo_macsec_channel_global_config_t", "bypass_all", 0),
+    ("kavo_macsec_channel_global_config_t", "pn_threshold", 4),
+    ("kavo_macsec_channel_global_config_t", "xpn_threshold_lo", 8),
+    ("kavo_macsec_channel_global_config_t", "xpn_threshold_hi", 12),
+    ("kavo_macsec_channel_global_config_t", "reserved", 16),
+    ("kavo_macsec_notification_summary_t", "events", 0),
+    ("kavo_macsec_notification_summary_t", "num_pn_threshold", 4),
+    ("kavo_macsec_notification_summary_t", "num_sa_expired", 8),
+    ("kavo_macsec_notification_t", "type", 0),
+    ("kavo_macsec_notification_t", "num_sa_ids", 4),
+    ("kavo_macsec_notification_t", "more", 8),
+    ("kavo_macsec_notification_t", "sa_ids", 12),
+    ("kavo_macsec_channel_vport_list_t", "num_vports", 0),
+    ("kavo_macsec_channel_vport_list_t", "vport_ids", 4),
+    ("kavo_macsec_vport_rule_list_t", "num_rules", 0),
+    ("kavo_macsec_vport_rule_list_t", "rule_ids", 4),
+    ("kavo_macsec_vport_sa_list_t", "num_sas", 0),
+    ("kavo_macsec_vport_sa_list_t", "active_sa_id", 4),
+    ("kavo_macsec_vport_sa_list_t", "sa_ids", 8),
+    ("kavo_stats_macsec_sa_t", "pkts_protected", 0),
+    ("kavo_stats_macsec_sa_t", "pkts_encrypted", 8),
+    ("kavo_stats_macsec_sa_t", "octets_protected", 16),
+    ("kavo_stats_macsec_sa_t", "pkts_ok", 24),
+    ("kavo_stats_macsec_sa_t", "pkts_invalid", 32),
+    ("kavo_stats_macsec_sa_t", "pkts_not_valid", 40),
+    ("kavo_stats_macsec_sa_t", "pkts_late", 48),
+    ("kavo_stats_macsec_sa_t", "octets_validated", 56),
+    ("kavo_stats_macsec_rule_t", "pkts_matched", 0),
+    ("kavo_stats_macsec_rule_t", "octets_matched", 8),
+    ("kavo_stats_macsec_vport_t", "pkts_classified", 0),
+    ("kavo_stats_macsec_vport_t", "pkts_control", 8),
+    ("kavo_stats_macsec_vport_t", "pkts_dropped_rule", 16),
+    ("kavo_stats_macsec_vport_t", "pkts_too_long", 24),
+    ("kavo_stats_macsec_vport_t", "pkts_not_using_sa", 32),
+    ("kavo_stats_macsec_vport_t", "pkts_untagged", 40),
+    ("kavo_stats_macsec_vport_t", "pkts_bad_tag", 48),
+    ("kavo_stats_macsec_vport_t", "pkts_protected", 56),
+    ("kavo_stats_macsec_vport_t", "pkts_ok", 64),
+    ("kavo_stats_macsec_channel_dir_t", "pkts", 0),
+    ("kavo_stats_macsec_channel_dir_t", "octets", 8),
+    ("kavo_stats_macsec_channel_dir_t", "pkts_bypassed", 16),
+    ("kavo_stats_macsec_channel_dir_t", "pkts_unclassified", 24),
+    ("kavo_stats_macsec_channel_dir_t", "pkts_dropped", 32),
+    ("kavo_stats_macsec_channel_dir_t", "pkts_secured", 40),
+    ("kavo_stats_macsec_channel_t", "egress", 0),
+    ("kavo_stats_macsec_channel_t", "ingress", 48),
 ]
 
 kavo_sdk_init = command("kavo_sdk_init", "code", [("context", ctypes.c_void_p, "opaque", None)],
@@ -1119,3 +1418,65 @@ kavo_ipi_clear = command("kavo_ipi_clear", "code", [("device_id", ctypes.c_uint3
     "Clears one doorbell bit.")
 kavo_ipi_test_set = command("kavo_ipi_test_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
     "Rings the test doorbell; the firmware answers by raising its interrupt.")
+kavo_macsec_vport_add = command("kavo_macsec_vport_add", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("direction", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_key", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_params", ctypes.POINTER(kavo_macsec_vport_config_t), "in_record", kavo_macsec_vport_config_t), ("vport_id_ptr", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Adds a vport (a secure channel) on channel chnl_id in the given direction; vport_key is the application's key for it, unique per channel and direction. The vport's id comes back in vport_id_ptr (egress 0..767, ingress 768 and above).")
+kavo_macsec_vport_read = command("kavo_macsec_vport_read", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rd_vport_params", ctypes.POINTER(kavo_macsec_vport_read_params_t), "out_record", kavo_macsec_vport_read_params_t)],
+    "Reads vport vport_id: its channel, direction, key, configuration, rules, SAs and the SA in use.")
+kavo_macsec_vport_delete = command("kavo_macsec_vport_delete", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Deletes vport vport_id; refused while it still has rules or SAs.")
+kavo_macsec_vport_update = command("kavo_macsec_vport_update", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_params", ctypes.POINTER(kavo_macsec_vport_config_t), "in_record", kavo_macsec_vport_config_t), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Changes the configuration of vport vport_id.")
+kavo_macsec_rule_add = command("kavo_macsec_rule_add", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rule_config", ctypes.POINTER(kavo_macsec_rule_config_t), "in_record", kavo_macsec_rule_config_t), ("rule_id_ptr", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Adds a classification rule to vport vport_id; the rule's id comes back in rule_id_ptr.")
+kavo_macsec_rule_read = command("kavo_macsec_rule_read", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rule_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rd_rule_params", ctypes.POINTER(kavo_macsec_rule_config_t), "out_record", kavo_macsec_rule_config_t)],
+    "Reads rule rule_id.")
+kavo_macsec_rule_delete = command("kavo_macsec_rule_delete", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rule_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Deletes rule rule_id.")
+kavo_macsec_sa_add = command("kavo_macsec_sa_add", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_params", ctypes.POINTER(kavo_macsec_sa_config_t), "in_record", kavo_macsec_sa_config_t), ("sa_id_ptr", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Adds a security association to vport vport_id (it becomes the one in use when the vport has none); the SA's id comes back in sa_id_ptr (egress 0..1535, ingress 1536 and above).")
+kavo_macsec_sa_delete = command("kavo_macsec_sa_delete", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Deletes SA sa_id; the SA in use is refused while others are chained to it.")
+kavo_macsec_sa_chain = command("kavo_macsec_sa_chain", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("active_sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chain_sa_params", ctypes.POINTER(kavo_macsec_sa_config_t), "in_record", kavo_macsec_sa_config_t), ("chain_sa_id_ptr", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Adds an SA chained to active_sa_id, on the same vport: the engine takes it into use when the active SA expires. Its id comes back in chain_sa_id_ptr.")
+kavo_macsec_sa_read = command("kavo_macsec_sa_read", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rd_sa_params", ctypes.POINTER(kavo_macsec_sa_config_t), "out_record", kavo_macsec_sa_config_t)],
+    "Reads SA sa_id as it is now (its next packet number included).")
+kavo_macsec_sa_update = command("kavo_macsec_sa_update", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_params", ctypes.POINTER(kavo_macsec_sa_update_t), "in_record", kavo_macsec_sa_update_t)],
+    "Changes the parts of SA sa_id named in sa_params->update_cmds.")
+kavo_macsec_sa_next_pn_set = command("kavo_macsec_sa_next_pn_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("next_pn_lo", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("next_pn_hi", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the next packet number of SA sa_id (sent as a kavo_macsec_sa_next_pn_t).")
+kavo_macsec_sa_next_pn_get = command("kavo_macsec_sa_next_pn_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("next_pn_lo_ptr", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32), ("next_pn_hi_ptr", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Reads the next packet number of SA sa_id.")
+kavo_macsec_sa_switch = command("kavo_macsec_sa_switch", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("active_sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("new_sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Takes SA new_sa_id into use in place of active_sa_id, on the same vport.")
+kavo_macsec_channel_config = command("kavo_macsec_channel_config", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("channel_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("direction", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("channel_params", ctypes.POINTER(kavo_macsec_channel_config_t), "in_record", kavo_macsec_channel_config_t)],
+    "Configures the engine of channel channel_id in the given direction.")
+kavo_macsec_channel_global_config = command("kavo_macsec_channel_global_config", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("direction", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("channel_global_params", ctypes.POINTER(kavo_macsec_channel_global_config_t), "in_record", kavo_macsec_channel_global_config_t)],
+    "Configures every channel's engine in the given direction.")
+kavo_macsec_channel_config_get = command("kavo_macsec_channel_config_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("channel_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("direction", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rd_channel_params", ctypes.POINTER(kavo_macsec_channel_config_t), "out_record", kavo_macsec_channel_config_t)],
+    "Reads the configuration of channel channel_id's engine in the given direction.")
+kavo_macsec_channel_global_config_get = command("kavo_macsec_channel_global_config_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("direction", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rd_channel_global_params", ctypes.POINTER(kavo_macsec_channel_global_config_t), "out_record", kavo_macsec_channel_global_config_t)],
+    "Reads the global configuration of the given direction.")
+kavo_macsec_chnl_stats_get = command("kavo_macsec_chnl_stats_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("macsec_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("stats_ptr", ctypes.POINTER(kavo_stats_macsec_channel_t), "out_record", kavo_stats_macsec_channel_t)],
+    "Reads the counters of channel macsec_chnl_id's engines; reset clears them after the read.")
+kavo_macsec_vport_stats_get = command("kavo_macsec_vport_stats_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("stats_ptr", ctypes.POINTER(kavo_stats_macsec_vport_t), "out_record", kavo_stats_macsec_vport_t)],
+    "Reads the counters of vport vport_id; reset clears them after the read.")
+kavo_macsec_sa_stats_get = command("kavo_macsec_sa_stats_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("stats_ptr", ctypes.POINTER(kavo_stats_macsec_sa_t), "out_record", kavo_stats_macsec_sa_t)],
+    "Reads the counters of SA sa_id; reset clears them after the read.")
+kavo_macsec_rule_stats_get = command("kavo_macsec_rule_stats_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rule_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("stats_ptr", ctypes.POINTER(kavo_stats_macsec_rule_t), "out_record", kavo_stats_macsec_rule_t)],
+    "Reads the counters of rule rule_id; reset clears them after the read.")
+kavo_macsec_notification_enable = command("kavo_macsec_notification_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("notification_ptr", ctypes.POINTER(kavo_macsec_notification_summary_t), "in_record", kavo_macsec_notification_summary_t)],
+    "Enables the notification events of notification_ptr->events (kavo_macsec_notification_type_t values); the others are disabled.")
+kavo_macsec_notification_summary_get = command("kavo_macsec_notification_summary_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("notification_ptr", ctypes.POINTER(kavo_macsec_notification_summary_t), "out_record", kavo_macsec_notification_summary_t)],
+    "Reads which notification events are pending and for how many SAs.")
+kavo_macsec_notification_get = command("kavo_macsec_notification_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("command", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("notification_ptr", ctypes.POINTER(kavo_macsec_notification_t), "out_record", kavo_macsec_notification_t)],
+    "Reads and clears the SAs with the pending event chosen by command.")
+kavo_macsec_fips_test = command("kavo_macsec_fips_test", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("direction", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("in_packet", ctypes.POINTER(ctypes.c_uint8), "in_array", ctypes.c_uint8), ("in_packet_size", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("bypass_length", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("out_packet", ctypes.POINTER(ctypes.c_uint8), "out_scalar", ctypes.c_uint8), ("out_packet_size", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Runs one frame (DA, SA, payload, no FCS) through channel chnl_id's engine in the given direction, bypass_length bytes after the MAC addresses left in clear: egress protects it with the SA in use of the vport it classifies to, ingress validates and strips it. *out_packet_size gives the capacity of out_packet and receives the frame's length, rounded up to whole 32-bit words (zero padding); 0 when the engine dropped the frame (the statistics tell why). in_packet must be readable up to the next multiple of 4 bytes.")
+kavo_macsec_chnl_vport_get = command("kavo_macsec_chnl_vport_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_resource_ptr", ctypes.POINTER(kavo_macsec_channel_vport_list_t), "out_record", kavo_macsec_channel_vport_list_t)],
+    "Lists the vports of channel chnl_id.")
+kavo_macsec_vport_rule_get = command("kavo_macsec_vport_rule_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rule_resource_ptr", ctypes.POINTER(kavo_macsec_vport_rule_list_t), "out_record", kavo_macsec_vport_rule_list_t)],
+    "Lists the rules of vport vport_id.")
+kavo_macsec_vport_sa_get = command("kavo_macsec_vport_sa_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa_resource_ptr", ctypes.POINTER(kavo_macsec_vport_sa_list_t), "out_record", kavo_macsec_vport_sa_list_t)],
+    "Lists the SAs of vport vport_id.")
+kavo_macsec_vport_sa_stats_clear = command("kavo_macsec_vport_sa_stats_clear", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Clears the counters of vport vport_id and of its SAs.")

@@ -109,7 +109,7 @@ TEST_F(SimFirmware, DebugShellAnswersInText)
 
 TEST_F(SimFirmware, UnknownAndMisdirectedRequests)
 {
-    for (UINT32 op : {0x000u, 0x00Du, 0x0B00u, 0x1002u, 0xFFFFFFFFu, UINT32(KAVO_HTL_OPERATION_MACSEC_SA_ADD)}) {
+    for (UINT32 op : {0x000u, 0x00Du, 0x0B00u, 0x1002u, 0xFFFFFFFFu, UINT32(KAVO_HTL_OPERATION_MACSEC_BASE)}) {
         auto r = bus.exchange(op);
         EXPECT_EQ(r.result(), UINT32(KAVO_ERR_FW_REQUEST_UNKNOWN)) << std::hex << op;
         EXPECT_EQ(r.header[2], op);

@@ -68,6 +68,417 @@ VELT_ERROR run_kavo_dcsu_cfg_get(wire_run& r)
     return rc;
 }
 
+VELT_ERROR run_kavo_macsec_vport_add(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(2));
+    const UINT32 vport_key = static_cast<UINT32>(wire_value(3));
+    wire_input<kavo_macsec_vport_config_t> in_vport_params(4);
+    kavo_macsec_vport_config_t* vport_params = r.null_inputs ? nullptr : in_vport_params.get();
+    wire_output<UINT32> out_vport_id_ptr;
+    UINT32* vport_id_ptr = r.null_outputs ? nullptr : out_vport_id_ptr.get();
+    r.info[0] = (UINT32)(vport_key);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(chnl_id);
+    r.info[3] = (UINT32)(direction);
+    r.expect_payload(vport_params, 8);
+    const VELT_ERROR rc = kavo_macsec_vport_add(device_id, chnl_id, direction, vport_key, vport_params, vport_id_ptr);
+    r.observe(out_vport_id_ptr.value() == static_cast<UINT32>(r.field("value")), out_vport_id_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_vport_read(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_macsec_vport_read_params_t> out_rd_vport_params;
+    kavo_macsec_vport_read_params_t* rd_vport_params = r.null_inputs ? nullptr : out_rd_vport_params.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(vport_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_vport_read(device_id, vport_id, rd_vport_params);
+    r.observe(out_rd_vport_params.holds(r.reply, sizeof(kavo_macsec_vport_read_params_t)), out_rd_vport_params.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_vport_delete(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(vport_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_vport_delete(device_id, vport_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_vport_update(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    wire_input<kavo_macsec_vport_config_t> in_vport_params(1);
+    kavo_macsec_vport_config_t* vport_params = r.null_inputs ? nullptr : in_vport_params.get();
+    const UINT32 vport_id = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(vport_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(vport_params, 8);
+    const VELT_ERROR rc = kavo_macsec_vport_update(device_id, vport_params, vport_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_rule_read(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 rule_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_macsec_rule_config_t> out_rd_rule_params;
+    kavo_macsec_rule_config_t* rd_rule_params = r.null_inputs ? nullptr : out_rd_rule_params.get();
+    r.info[0] = (UINT32)(rule_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_rule_read(device_id, rule_id, rd_rule_params);
+    r.observe(out_rd_rule_params.holds(r.reply, sizeof(kavo_macsec_rule_config_t)), out_rd_rule_params.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_rule_delete(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 rule_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(rule_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_rule_delete(device_id, rule_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_sa_delete(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 sa_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(sa_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_sa_delete(device_id, sa_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_sa_read(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 sa_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_macsec_sa_config_t> out_rd_sa_params;
+    kavo_macsec_sa_config_t* rd_sa_params = r.null_inputs ? nullptr : out_rd_sa_params.get();
+    r.info[0] = (UINT32)(sa_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_sa_read(device_id, sa_id, rd_sa_params);
+    r.observe(out_rd_sa_params.holds(r.reply, sizeof(kavo_macsec_sa_config_t)), out_rd_sa_params.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_sa_next_pn_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 sa_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 next_pn_lo = static_cast<UINT32>(wire_value(2));
+    const UINT32 next_pn_hi = static_cast<UINT32>(wire_value(3));
+    r.info[0] = (UINT32)(sa_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_macsec_sa_next_pn_t payload;
+    payload.next_pn_lo = static_cast<decltype(payload.next_pn_lo)>(next_pn_lo);
+    payload.next_pn_hi = static_cast<decltype(payload.next_pn_hi)>(next_pn_hi);
+    r.expect_payload(&payload, 8);
+    const VELT_ERROR rc = kavo_macsec_sa_next_pn_set(device_id, sa_id, next_pn_lo, next_pn_hi);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_sa_next_pn_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 sa_id = static_cast<UINT32>(wire_value(1));
+    wire_output<UINT32> out_next_pn_lo_ptr;
+    UINT32* next_pn_lo_ptr = r.null_outputs ? nullptr : out_next_pn_lo_ptr.get();
+    wire_output<UINT32> out_next_pn_hi_ptr;
+    UINT32* next_pn_hi_ptr = r.null_outputs ? nullptr : out_next_pn_hi_ptr.get();
+    r.info[0] = (UINT32)(sa_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_sa_next_pn_get(device_id, sa_id, next_pn_lo_ptr, next_pn_hi_ptr);
+    r.observe(out_next_pn_lo_ptr.value() == static_cast<UINT32>(r.field("value")), out_next_pn_lo_ptr.untouched());
+    r.observe(out_next_pn_hi_ptr.value() == static_cast<UINT32>(r.field("value2")), out_next_pn_hi_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_sa_switch(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 active_sa_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 new_sa_id = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(new_sa_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(active_sa_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_sa_switch(device_id, active_sa_id, new_sa_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_channel_config(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 channel_id = static_cast<UINT32>(wire_value(1));
+    const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(2));
+    wire_input<kavo_macsec_channel_config_t> in_channel_params(3);
+    kavo_macsec_channel_config_t* channel_params = r.null_inputs ? nullptr : in_channel_params.get();
+    r.info[0] = (UINT32)(channel_id);
+    r.info[1] = (UINT32)(direction);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(channel_params, 68);
+    const VELT_ERROR rc = kavo_macsec_channel_config(device_id, channel_id, direction, channel_params);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_channel_global_config(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(1));
+    wire_input<kavo_macsec_channel_global_config_t> in_channel_global_params(2);
+    kavo_macsec_channel_global_config_t* channel_global_params = r.null_inputs ? nullptr : in_channel_global_params.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = (UINT32)(direction);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(channel_global_params, 140);
+    const VELT_ERROR rc = kavo_macsec_channel_global_config(device_id, direction, channel_global_params);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_channel_config_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 channel_id = static_cast<UINT32>(wire_value(1));
+    const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(2));
+    wire_output<kavo_macsec_channel_config_t> out_rd_channel_params;
+    kavo_macsec_channel_config_t* rd_channel_params = r.null_inputs ? nullptr : out_rd_channel_params.get();
+    r.info[0] = (UINT32)(channel_id);
+    r.info[1] = (UINT32)(direction);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_channel_config_get(device_id, channel_id, direction, rd_channel_params);
+    r.observe(out_rd_channel_params.holds(r.reply, sizeof(kavo_macsec_channel_config_t)), out_rd_channel_params.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_channel_global_config_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(1));
+    wire_output<kavo_macsec_channel_global_config_t> out_rd_channel_global_params;
+    kavo_macsec_channel_global_config_t* rd_channel_global_params = r.null_inputs ? nullptr : out_rd_channel_global_params.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = (UINT32)(direction);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_channel_global_config_get(device_id, direction, rd_channel_global_params);
+    r.observe(out_rd_channel_global_params.holds(r.reply, sizeof(kavo_macsec_channel_global_config_t)), out_rd_channel_global_params.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_chnl_stats_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 macsec_chnl_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 reset = 1;
+    wire_output<kavo_stats_macsec_channel_t> out_stats_ptr;
+    kavo_stats_macsec_channel_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    r.info[0] = (UINT32)(macsec_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_chnl_stats_get(device_id, macsec_chnl_id, reset, stats_ptr);
+    r.observe(out_stats_ptr.holds(r.reply, sizeof(kavo_stats_macsec_channel_t)), out_stats_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_vport_stats_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 reset = 1;
+    wire_output<kavo_stats_macsec_vport_t> out_stats_ptr;
+    kavo_stats_macsec_vport_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    r.info[0] = (UINT32)(vport_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_vport_stats_get(device_id, vport_id, reset, stats_ptr);
+    r.observe(out_stats_ptr.holds(r.reply, sizeof(kavo_stats_macsec_vport_t)), out_stats_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_sa_stats_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 sa_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 reset = 1;
+    wire_output<kavo_stats_macsec_sa_t> out_stats_ptr;
+    kavo_stats_macsec_sa_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    r.info[0] = (UINT32)(sa_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_sa_stats_get(device_id, sa_id, reset, stats_ptr);
+    r.observe(out_stats_ptr.holds(r.reply, sizeof(kavo_stats_macsec_sa_t)), out_stats_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_rule_stats_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 rule_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 reset = 1;
+    wire_output<kavo_stats_macsec_rule_t> out_stats_ptr;
+    kavo_stats_macsec_rule_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    r.info[0] = (UINT32)(rule_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_rule_stats_get(device_id, rule_id, reset, stats_ptr);
+    r.observe(out_stats_ptr.holds(r.reply, sizeof(kavo_stats_macsec_rule_t)), out_stats_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_notification_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    wire_input<kavo_macsec_notification_summary_t> in_notification_ptr(1);
+    kavo_macsec_notification_summary_t* notification_ptr = r.null_inputs ? nullptr : in_notification_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(notification_ptr, 12);
+    const VELT_ERROR rc = kavo_macsec_notification_enable(device_id, notification_ptr);
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_notification_summary_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    wire_output<kavo_macsec_notification_summary_t> out_notification_ptr;
+    kavo_macsec_notification_summary_t* notification_ptr = r.null_inputs ? nullptr : out_notification_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_notification_summary_get(device_id, notification_ptr);
+    r.observe(out_notification_ptr.holds(r.reply, sizeof(kavo_macsec_notification_summary_t)), out_notification_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_notification_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_macsec_notification_get_commands_t command = static_cast<kavo_macsec_notification_get_commands_t>(wire_value(1));
+    wire_output<kavo_macsec_notification_t> out_notification_ptr;
+    kavo_macsec_notification_t* notification_ptr = r.null_inputs ? nullptr : out_notification_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = (UINT32)(command);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_notification_get(device_id, command, notification_ptr);
+    r.observe(out_notification_ptr.holds(r.reply, sizeof(kavo_macsec_notification_t)), out_notification_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_chnl_vport_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_macsec_channel_vport_list_t> out_vport_resource_ptr;
+    kavo_macsec_channel_vport_list_t* vport_resource_ptr = r.null_inputs ? nullptr : out_vport_resource_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(chnl_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_chnl_vport_get(device_id, chnl_id, vport_resource_ptr);
+    r.observe(out_vport_resource_ptr.holds(r.reply, sizeof(kavo_macsec_channel_vport_list_t)), out_vport_resource_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_vport_rule_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_macsec_vport_rule_list_t> out_rule_resource_ptr;
+    kavo_macsec_vport_rule_list_t* rule_resource_ptr = r.null_inputs ? nullptr : out_rule_resource_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(vport_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_vport_rule_get(device_id, vport_id, rule_resource_ptr);
+    r.observe(out_rule_resource_ptr.holds(r.reply, sizeof(kavo_macsec_vport_rule_list_t)), out_rule_resource_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_vport_sa_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_macsec_vport_sa_list_t> out_sa_resource_ptr;
+    kavo_macsec_vport_sa_list_t* sa_resource_ptr = r.null_inputs ? nullptr : out_sa_resource_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(vport_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_vport_sa_get(device_id, vport_id, sa_resource_ptr);
+    r.observe(out_sa_resource_ptr.holds(r.reply, sizeof(kavo_macsec_vport_sa_list_t)), out_sa_resource_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_macsec_vport_sa_stats_clear(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(vport_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_macsec_vport_sa_stats_clear(device_id, vport_id);
+    return rc;
+}
+
 }  // namespace
 
 const wire_case WIRE_CASES[] = {
@@ -75,6 +486,32 @@ const wire_case WIRE_CASES[] = {
     {"kavo_device_config_get", "config", KAVO_HTL_OPERATION_CONFIG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(284), run_kavo_device_config_get},
     {"kavo_device_chnl_get", "config", KAVO_HTL_OPERATION_CHNL_INFO_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(192), run_kavo_device_chnl_get},
     {"kavo_dcsu_cfg_get", "config", KAVO_HTL_OPERATION_DCSU_CFG_GET, "none", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_dcsu_cfg_get_t)), run_kavo_dcsu_cfg_get},
+    {"kavo_macsec_vport_add", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_ADD, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(0), run_kavo_macsec_vport_add},
+    {"kavo_macsec_vport_read", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_READ, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_vport_read_params_t)), run_kavo_macsec_vport_read},
+    {"kavo_macsec_vport_delete", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_DELETE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_vport_delete},
+    {"kavo_macsec_vport_update", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_UPDATE, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(0), run_kavo_macsec_vport_update},
+    {"kavo_macsec_rule_read", "macsec", KAVO_HTL_OPERATION_MACSEC_RULE_READ, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_rule_config_t)), run_kavo_macsec_rule_read},
+    {"kavo_macsec_rule_delete", "macsec", KAVO_HTL_OPERATION_MACSEC_RULE_DELETE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_rule_delete},
+    {"kavo_macsec_sa_delete", "macsec", KAVO_HTL_OPERATION_MACSEC_SA_DELETE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_sa_delete},
+    {"kavo_macsec_sa_read", "macsec", KAVO_HTL_OPERATION_MACSEC_SA_READ, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_sa_config_t)), run_kavo_macsec_sa_read},
+    {"kavo_macsec_sa_next_pn_set", "macsec", KAVO_HTL_OPERATION_MACSEC_SA_NEXT_PN_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_sa_next_pn_set},
+    {"kavo_macsec_sa_next_pn_get", "macsec", KAVO_HTL_OPERATION_MACSEC_SA_NEXT_PN_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_sa_next_pn_get},
+    {"kavo_macsec_sa_switch", "macsec", KAVO_HTL_OPERATION_MACSEC_SA_SWITCH, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_sa_switch},
+    {"kavo_macsec_channel_config", "macsec", KAVO_HTL_OPERATION_MACSEC_CHANNEL_CONFIG, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(0), run_kavo_macsec_channel_config},
+    {"kavo_macsec_channel_global_config", "macsec", KAVO_HTL_OPERATION_MACSEC_CHANNEL_GLOBAL_CONFIG, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(0), run_kavo_macsec_channel_global_config},
+    {"kavo_macsec_channel_config_get", "macsec", KAVO_HTL_OPERATION_MACSEC_CHANNEL_CONFIG_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_channel_config_t)), run_kavo_macsec_channel_config_get},
+    {"kavo_macsec_channel_global_config_get", "macsec", KAVO_HTL_OPERATION_MACSEC_CHANNEL_GLOBAL_CONFIG_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_channel_global_config_t)), run_kavo_macsec_channel_global_config_get},
+    {"kavo_macsec_chnl_stats_get", "macsec", KAVO_HTL_OPERATION_STATS_MACSEC_CHANNEL_GET, "status", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_stats_macsec_channel_t)), run_kavo_macsec_chnl_stats_get},
+    {"kavo_macsec_vport_stats_get", "macsec", KAVO_HTL_OPERATION_STATS_MACSEC_VPORT_GET, "status", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_stats_macsec_vport_t)), run_kavo_macsec_vport_stats_get},
+    {"kavo_macsec_sa_stats_get", "macsec", KAVO_HTL_OPERATION_STATS_MACSEC_SA_GET, "status", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_stats_macsec_sa_t)), run_kavo_macsec_sa_stats_get},
+    {"kavo_macsec_rule_stats_get", "macsec", KAVO_HTL_OPERATION_STATS_MACSEC_RULE_GET, "status", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_stats_macsec_rule_t)), run_kavo_macsec_rule_stats_get},
+    {"kavo_macsec_notification_enable", "macsec", KAVO_HTL_OPERATION_MACSEC_NOTIFICATION_ENABLE, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(0), run_kavo_macsec_notification_enable},
+    {"kavo_macsec_notification_summary_get", "macsec", KAVO_HTL_OPERATION_MACSEC_NOTIFICATION_SUMMARY_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_notification_summary_t)), run_kavo_macsec_notification_summary_get},
+    {"kavo_macsec_notification_get", "macsec", KAVO_HTL_OPERATION_MACSEC_NOTIFICATION_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_notification_t)), run_kavo_macsec_notification_get},
+    {"kavo_macsec_chnl_vport_get", "macsec", KAVO_HTL_OPERATION_MACSEC_CHNL_VPORT_LIST_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_channel_vport_list_t)), run_kavo_macsec_chnl_vport_get},
+    {"kavo_macsec_vport_rule_get", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_RULE_LIST_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_vport_rule_list_t)), run_kavo_macsec_vport_rule_get},
+    {"kavo_macsec_vport_sa_get", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_SA_LIST_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_vport_sa_list_t)), run_kavo_macsec_vport_sa_get},
+    {"kavo_macsec_vport_sa_stats_clear", "macsec", KAVO_HTL_OPERATION_STATS_MACSEC_VPORT_SA_CLEAR, "status", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_vport_sa_stats_clear},
 };
 const size_t NUM_WIRE_CASES = sizeof(WIRE_CASES) / sizeof(WIRE_CASES[0]);
 

@@ -37,6 +37,26 @@ const enum_value values_kavo_htl_operation_t[] = {{"KAVO_HTL_OPERATION_DEVICE_BA
 const enum_info enum_kavo_htl_operation_t = {"kavo_htl_operation_t", "KAVO_HTL_OPERATION_", values_kavo_htl_operation_t, 209};
 const enum_value values_kavo_ipi_type_t[] = {{"VELT_IPI_HTL_DTL_MESSAGE", 0u}, {"VELT_IPI_DEFECTS_ENABLED", 1u}, {"VELT_IPI_PMON_TRIGGER", 2u}, {"VELT_IPI_HMUX_STATE_CHANGE", 3u}, {"VELT_IPI_MACSEC_NOTIFICATION", 4u}, {"VELT_IPI_TEST", 5u}, {"LAST_VELT_IPI_TYPE", 6u}};
 const enum_info enum_kavo_ipi_type_t = {"kavo_ipi_type_t", "VELT_IPI_", values_kavo_ipi_type_t, 7};
+const enum_value values_kavo_macsec_device_direction_t[] = {{"KAVO_MACSEC_EGRESS_DIRECTION", 0u}, {"KAVO_MACSEC_INGRESS_DIRECTION", 1u}, {"LAST_KAVO_MACSEC_DIRECTION", 2u}};
+const enum_info enum_kavo_macsec_device_direction_t = {"kavo_macsec_device_direction_t", "KAVO_MACSEC_", values_kavo_macsec_device_direction_t, 3};
+const enum_value values_kavo_macsec_packet_type_t[] = {{"KAVO_MACSEC_PACKET_TYPE_ANY", 0u}, {"KAVO_MACSEC_PACKET_TYPE_OTHER", 1u}, {"KAVO_MACSEC_PACKET_TYPE_MPLS", 2u}, {"KAVO_MACSEC_PACKET_TYPE_PBB", 3u}, {"LAST_KAVO_MACSEC_PACKET_TYPE", 4u}};
+const enum_info enum_kavo_macsec_packet_type_t = {"kavo_macsec_packet_type_t", "KAVO_MACSEC_PACKET_TYPE_", values_kavo_macsec_packet_type_t, 5};
+const enum_value values_kavo_macsec_num_tags_t[] = {{"KAVO_MACSEC_NUM_TAGS_0", 0u}, {"KAVO_MACSEC_NUM_TAGS_1", 1u}, {"KAVO_MACSEC_NUM_TAGS_2", 2u}, {"KAVO_MACSEC_NUM_TAGS_ANY", 3u}, {"LAST_KAVO_MACSEC_NUM_TAGS", 4u}};
+const enum_info enum_kavo_macsec_num_tags_t = {"kavo_macsec_num_tags_t", "KAVO_MACSEC_NUM_TAGS_", values_kavo_macsec_num_tags_t, 5};
+const enum_value values_kavo_macsec_vport_flags_t[] = {{"KAVO_MACSEC_VPORT_INCLUDE_SCI", 1u}, {"KAVO_MACSEC_VPORT_END_STATION", 2u}, {"KAVO_MACSEC_VPORT_SCB", 4u}};
+const enum_info enum_kavo_macsec_vport_flags_t = {"kavo_macsec_vport_flags_t", "KAVO_MACSEC_VPORT_", values_kavo_macsec_vport_flags_t, 3};
+const enum_value values_kavo_macsec_sa_config_flags_t[] = {{"KAVO_MACSEC_SA_KEY_SIZE_256", 1u}, {"KAVO_MACSEC_SA_SN_SIZE_64", 2u}, {"KAVO_MACSEC_SA_ENC_AUTH_AES_GCM", 4u}, {"KAVO_MACSEC_SA_ENC_AES_CTR", 8u}, {"KAVO_MACSEC_SA_ENABLE_PN_ROLLOVER", 16u}, {"KAVO_MACSEC_SA_ENABLE_SA_EXPIRED_IRQ", 32u}, {"KAVO_MACSEC_SA_EGRESS_DROP_NON_RSVD", 64u}, {"KAVO_MACSEC_SA_AN_0", 0u}, {"KAVO_MACSEC_SA_AN_1", 128u}, {"KAVO_MACSEC_SA_AN_2", 256u}, {"KAVO_MACSEC_SA_AN_3", 384u}, {"KAVO_MACSEC_SA_AT_BYPASS", 512u}, {"KAVO_MACSEC_SA_AT_DROP", 1024u}, {"KAVO_MACSEC_SA_DT_NONE", 6144u}, {"KAVO_MACSEC_SA_MTU_OVRSZ_DROP_EN", 8192u}};
+const enum_info enum_kavo_macsec_sa_config_flags_t = {"kavo_macsec_sa_config_flags_t", "KAVO_MACSEC_SA_", values_kavo_macsec_sa_config_flags_t, 15};
+const enum_value values_kavo_macsec_sa_update_cmds_t[] = {{"KAVO_MACSEC_SA_UPDATE_KEY", 1u}, {"KAVO_MACSEC_SA_UPDATE_PN", 2u}, {"KAVO_MACSEC_SA_UPDATE_WINDOW", 4u}, {"KAVO_MACSEC_SA_UPDATE_MTU", 8u}, {"KAVO_MACSEC_SA_UPDATE_FLOW_CONTROL", 16u}, {"KAVO_MACSEC_SA_UPDATE_FLAGS", 32u}};
+const enum_info enum_kavo_macsec_sa_update_cmds_t = {"kavo_macsec_sa_update_cmds_t", "KAVO_MACSEC_SA_UPDATE_", values_kavo_macsec_sa_update_cmds_t, 6};
+const enum_value values_kavo_macsec_validate_frames_t[] = {{"KAVO_MACSEC_VALIDATE_STRICT", 0u}, {"KAVO_MACSEC_VALIDATE_CHECK", 1u}, {"KAVO_MACSEC_VALIDATE_DISABLED", 2u}, {"LAST_KAVO_MACSEC_VALIDATE", 3u}};
+const enum_info enum_kavo_macsec_validate_frames_t = {"kavo_macsec_validate_frames_t", "KAVO_MACSEC_VALIDATE_", values_kavo_macsec_validate_frames_t, 4};
+const enum_value values_kavo_macsec_default_action_t[] = {{"KAVO_MACSEC_DEFAULT_ACTION_PASS", 0u}, {"KAVO_MACSEC_DEFAULT_ACTION_DROP", 1u}, {"LAST_KAVO_MACSEC_DEFAULT_ACTION", 2u}};
+const enum_info enum_kavo_macsec_default_action_t = {"kavo_macsec_default_action_t", "KAVO_MACSEC_DEFAULT_ACTION_", values_kavo_macsec_default_action_t, 3};
+const enum_value values_kavo_macsec_notification_type_t[] = {{"KAVO_MACSEC_NOTIFICATION_PN_THRESHOLD", 1u}, {"KAVO_MACSEC_NOTIFICATION_SA_EXPIRED", 2u}};
+const enum_info enum_kavo_macsec_notification_type_t = {"kavo_macsec_notification_type_t", "KAVO_MACSEC_NOTIFICATION_", values_kavo_macsec_notification_type_t, 2};
+const enum_value values_kavo_macsec_notification_get_commands_t[] = {{"KAVO_MACSEC_NOTIFICATION_GET_PN_THRESHOLD", 0u}, {"KAVO_MACSEC_NOTIFICATION_GET_SA_EXPIRED", 1u}, {"LAST_KAVO_MACSEC_NOTIFICATION_GET", 2u}};
+const enum_info enum_kavo_macsec_notification_get_commands_t = {"kavo_macsec_notification_get_commands_t", "KAVO_MACSEC_NOTIFICATION_GET_", values_kavo_macsec_notification_get_commands_t, 3};
 const enum_value values_kavo_pmon_print_sel_t[] = {{"KAVO_PMON_PRINT_NONE", 0u}, {"KAVO_PMON_PRINT_ALL_NON_ZERO", 1u}, {"KAVO_PMON_PRINT_ALL", 2u}, {"LAST_KAVO_PMON_PRINT_SEL", 3u}};
 const enum_info enum_kavo_pmon_print_sel_t = {"kavo_pmon_print_sel_t", "KAVO_PMON_PRINT_", values_kavo_pmon_print_sel_t, 4};
 const enum_value values_kavo_segment_type_t[] = {{"KAVO_SEGMENT_TYPE_UNUSED", 0u}, {"KAVO_SEGMENT_TYPE_ENET_PORT", 1u}, {"KAVO_SEGMENT_TYPE_ILKN_PKT", 2u}, {"KAVO_SEGMENT_TYPE_FLEXE_GROUP", 3u}, {"KAVO_SEGMENT_TYPE_FLEXE_CLIENT", 4u}, {"KAVO_SEGMENT_TYPE_ENET_ANLT", 5u}, {"KAVO_SEGMENT_TYPE_PE_HOST", 6u}, {"LAST_KAVO_SEGMENT_TYPE", 7u}};
@@ -57,6 +77,31 @@ extern const record_info record_kavo_htl_request_t;
 extern const record_info record_kavo_htl_response_t;
 extern const record_info record_kavo_ilkn_intf_cfg_t;
 extern const record_info record_kavo_ilkn_lane_cfg_t;
+extern const record_info record_kavo_macsec_vport_config_t;
+extern const record_info record_kavo_macsec_vport_read_params_t;
+extern const record_info record_kavo_macsec_rule_config_others_t;
+extern const record_info record_kavo_macsec_rule_config_pbb_t;
+extern const record_info record_kavo_macsec_rule_config_mpls_t;
+extern const record_info record_kavo_macsec_rule_config_type_u;
+extern const record_info record_kavo_macsec_rule_config_t;
+extern const record_info record_kavo_macsec_egress_sa_flow_control_t;
+extern const record_info record_kavo_macsec_ingress_sa_flow_control_t;
+extern const record_info record_kavo_macsec_sa_flow_control_u;
+extern const record_info record_kavo_macsec_sa_config_t;
+extern const record_info record_kavo_macsec_sa_update_t;
+extern const record_info record_kavo_macsec_sa_next_pn_t;
+extern const record_info record_kavo_macsec_channel_config_t;
+extern const record_info record_kavo_macsec_channel_global_config_t;
+extern const record_info record_kavo_macsec_notification_summary_t;
+extern const record_info record_kavo_macsec_notification_t;
+extern const record_info record_kavo_macsec_channel_vport_list_t;
+extern const record_info record_kavo_macsec_vport_rule_list_t;
+extern const record_info record_kavo_macsec_vport_sa_list_t;
+extern const record_info record_kavo_stats_macsec_sa_t;
+extern const record_info record_kavo_stats_macsec_rule_t;
+extern const record_info record_kavo_stats_macsec_vport_t;
+extern const record_info record_kavo_stats_macsec_channel_dir_t;
+extern const record_info record_kavo_stats_macsec_channel_t;
 extern const record_info record_kavo_pmon_cfg_t;
 
 const member_info members_kavo_config_t[] = {
@@ -202,6 +247,191 @@ const member_info members_kavo_ilkn_lane_cfg_t[] = {
     {"serdes_port_ids_rx", offsetof(kavo_ilkn_lane_cfg_t, serdes_port_ids_rx), sizeof(((kavo_ilkn_lane_cfg_t*)nullptr)->serdes_port_ids_rx) / 24, 24, 1, value_kind::U32, nullptr, nullptr, false},
 };
 const record_info record_kavo_ilkn_lane_cfg_t = {"kavo_ilkn_lane_cfg_t", sizeof(kavo_ilkn_lane_cfg_t), false, members_kavo_ilkn_lane_cfg_t, sizeof(members_kavo_ilkn_lane_cfg_t) / sizeof(members_kavo_ilkn_lane_cfg_t[0]), [](void* p) { kavo_ilkn_lane_cfg_t_init((kavo_ilkn_lane_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_ilkn_lane_cfg_t_print((const kavo_ilkn_lane_cfg_t*)p, f); }};
+const member_info members_kavo_macsec_vport_config_t[] = {
+    {"sec_tag_offset", offsetof(kavo_macsec_vport_config_t, sec_tag_offset), sizeof(((kavo_macsec_vport_config_t*)nullptr)->sec_tag_offset) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"flags", offsetof(kavo_macsec_vport_config_t, flags), sizeof(((kavo_macsec_vport_config_t*)nullptr)->flags) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_macsec_vport_config_t = {"kavo_macsec_vport_config_t", sizeof(kavo_macsec_vport_config_t), false, members_kavo_macsec_vport_config_t, sizeof(members_kavo_macsec_vport_config_t) / sizeof(members_kavo_macsec_vport_config_t[0]), [](void* p) { kavo_macsec_vport_config_t_init((kavo_macsec_vport_config_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_vport_config_t_print((const kavo_macsec_vport_config_t*)p, f); }};
+const member_info members_kavo_macsec_vport_read_params_t[] = {
+    {"chnl_id", offsetof(kavo_macsec_vport_read_params_t, chnl_id), sizeof(((kavo_macsec_vport_read_params_t*)nullptr)->chnl_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"direction", offsetof(kavo_macsec_vport_read_params_t, direction), sizeof(((kavo_macsec_vport_read_params_t*)nullptr)->direction) / 1, 1, 1, value_kind::ENUM, &enum_kavo_macsec_device_direction_t, nullptr, false},
+    {"vport_key", offsetof(kavo_macsec_vport_read_params_t, vport_key), sizeof(((kavo_macsec_vport_read_params_t*)nullptr)->vport_key) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"config", offsetof(kavo_macsec_vport_read_params_t, config), sizeof(((kavo_macsec_vport_read_params_t*)nullptr)->config) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_vport_config_t, false},
+    {"num_rules", offsetof(kavo_macsec_vport_read_params_t, num_rules), sizeof(((kavo_macsec_vport_read_params_t*)nullptr)->num_rules) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"num_sas", offsetof(kavo_macsec_vport_read_params_t, num_sas), sizeof(((kavo_macsec_vport_read_params_t*)nullptr)->num_sas) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"active_sa_id", offsetof(kavo_macsec_vport_read_params_t, active_sa_id), sizeof(((kavo_macsec_vport_read_params_t*)nullptr)->active_sa_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_vport_read_params_t = {"kavo_macsec_vport_read_params_t", sizeof(kavo_macsec_vport_read_params_t), false, members_kavo_macsec_vport_read_params_t, sizeof(members_kavo_macsec_vport_read_params_t) / sizeof(members_kavo_macsec_vport_read_params_t[0]), [](void* p) { kavo_macsec_vport_read_params_t_init((kavo_macsec_vport_read_params_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_vport_read_params_t_print((const kavo_macsec_vport_read_params_t*)p, f); }};
+const member_info members_kavo_macsec_rule_config_others_t[] = {
+    {"ethertype", offsetof(kavo_macsec_rule_config_others_t, ethertype), sizeof(((kavo_macsec_rule_config_others_t*)nullptr)->ethertype) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"ethertype_mask", offsetof(kavo_macsec_rule_config_others_t, ethertype_mask), sizeof(((kavo_macsec_rule_config_others_t*)nullptr)->ethertype_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"vlan_tag_val_1", offsetof(kavo_macsec_rule_config_others_t, vlan_tag_val_1), sizeof(((kavo_macsec_rule_config_others_t*)nullptr)->vlan_tag_val_1) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"vlan_tag_mask_1", offsetof(kavo_macsec_rule_config_others_t, vlan_tag_mask_1), sizeof(((kavo_macsec_rule_config_others_t*)nullptr)->vlan_tag_mask_1) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"vlan_tag_val_2", offsetof(kavo_macsec_rule_config_others_t, vlan_tag_val_2), sizeof(((kavo_macsec_rule_config_others_t*)nullptr)->vlan_tag_val_2) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"vlan_tag_mask_2", offsetof(kavo_macsec_rule_config_others_t, vlan_tag_mask_2), sizeof(((kavo_macsec_rule_config_others_t*)nullptr)->vlan_tag_mask_2) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_macsec_rule_config_others_t = {"kavo_macsec_rule_config_others_t", sizeof(kavo_macsec_rule_config_others_t), false, members_kavo_macsec_rule_config_others_t, sizeof(members_kavo_macsec_rule_config_others_t) / sizeof(members_kavo_macsec_rule_config_others_t[0]), [](void* p) { kavo_macsec_rule_config_others_t_init((kavo_macsec_rule_config_others_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_rule_config_others_t_print((const kavo_macsec_rule_config_others_t*)p, f); }};
+const member_info members_kavo_macsec_rule_config_pbb_t[] = {
+    {"b_vid", offsetof(kavo_macsec_rule_config_pbb_t, b_vid), sizeof(((kavo_macsec_rule_config_pbb_t*)nullptr)->b_vid) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"b_vid_mask", offsetof(kavo_macsec_rule_config_pbb_t, b_vid_mask), sizeof(((kavo_macsec_rule_config_pbb_t*)nullptr)->b_vid_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"i_sid", offsetof(kavo_macsec_rule_config_pbb_t, i_sid), sizeof(((kavo_macsec_rule_config_pbb_t*)nullptr)->i_sid) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"i_sid_mask", offsetof(kavo_macsec_rule_config_pbb_t, i_sid_mask), sizeof(((kavo_macsec_rule_config_pbb_t*)nullptr)->i_sid_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"i_pcp", offsetof(kavo_macsec_rule_config_pbb_t, i_pcp), sizeof(((kavo_macsec_rule_config_pbb_t*)nullptr)->i_pcp) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"i_pcp_mask", offsetof(kavo_macsec_rule_config_pbb_t, i_pcp_mask), sizeof(((kavo_macsec_rule_config_pbb_t*)nullptr)->i_pcp_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_macsec_rule_config_pbb_t = {"kavo_macsec_rule_config_pbb_t", sizeof(kavo_macsec_rule_config_pbb_t), false, members_kavo_macsec_rule_config_pbb_t, sizeof(members_kavo_macsec_rule_config_pbb_t) / sizeof(members_kavo_macsec_rule_config_pbb_t[0]), [](void* p) { kavo_macsec_rule_config_pbb_t_init((kavo_macsec_rule_config_pbb_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_rule_config_pbb_t_print((const kavo_macsec_rule_config_pbb_t*)p, f); }};
+const member_info members_kavo_macsec_rule_config_mpls_t[] = {
+    {"ethertype", offsetof(kavo_macsec_rule_config_mpls_t, ethertype), sizeof(((kavo_macsec_rule_config_mpls_t*)nullptr)->ethertype) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"ethertype_mask", offsetof(kavo_macsec_rule_config_mpls_t, ethertype_mask), sizeof(((kavo_macsec_rule_config_mpls_t*)nullptr)->ethertype_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"label_1", offsetof(kavo_macsec_rule_config_mpls_t, label_1), sizeof(((kavo_macsec_rule_config_mpls_t*)nullptr)->label_1) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"label_mask_1", offsetof(kavo_macsec_rule_config_mpls_t, label_mask_1), sizeof(((kavo_macsec_rule_config_mpls_t*)nullptr)->label_mask_1) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"label_2", offsetof(kavo_macsec_rule_config_mpls_t, label_2), sizeof(((kavo_macsec_rule_config_mpls_t*)nullptr)->label_2) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"label_mask_2", offsetof(kavo_macsec_rule_config_mpls_t, label_mask_2), sizeof(((kavo_macsec_rule_config_mpls_t*)nullptr)->label_mask_2) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_macsec_rule_config_mpls_t = {"kavo_macsec_rule_config_mpls_t", sizeof(kavo_macsec_rule_config_mpls_t), false, members_kavo_macsec_rule_config_mpls_t, sizeof(members_kavo_macsec_rule_config_mpls_t) / sizeof(members_kavo_macsec_rule_config_mpls_t[0]), [](void* p) { kavo_macsec_rule_config_mpls_t_init((kavo_macsec_rule_config_mpls_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_rule_config_mpls_t_print((const kavo_macsec_rule_config_mpls_t*)p, f); }};
+const member_info members_kavo_macsec_rule_config_type_u[] = {
+    {"others", offsetof(kavo_macsec_rule_config_type_u, others), sizeof(((kavo_macsec_rule_config_type_u*)nullptr)->others) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_rule_config_others_t, false},
+    {"pbb", offsetof(kavo_macsec_rule_config_type_u, pbb), sizeof(((kavo_macsec_rule_config_type_u*)nullptr)->pbb) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_rule_config_pbb_t, false},
+    {"mpls", offsetof(kavo_macsec_rule_config_type_u, mpls), sizeof(((kavo_macsec_rule_config_type_u*)nullptr)->mpls) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_rule_config_mpls_t, false},
+};
+const record_info record_kavo_macsec_rule_config_type_u = {"kavo_macsec_rule_config_type_u", sizeof(kavo_macsec_rule_config_type_u), true, members_kavo_macsec_rule_config_type_u, sizeof(members_kavo_macsec_rule_config_type_u) / sizeof(members_kavo_macsec_rule_config_type_u[0]), [](void* p) { kavo_macsec_rule_config_type_u_init((kavo_macsec_rule_config_type_u*)p); }, [](const void* p, FILE* f) { kavo_macsec_rule_config_type_u_print((const kavo_macsec_rule_config_type_u*)p, f); }};
+const member_info members_kavo_macsec_rule_config_t[] = {
+    {"drop", offsetof(kavo_macsec_rule_config_t, drop), sizeof(((kavo_macsec_rule_config_t*)nullptr)->drop) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"control_packet", offsetof(kavo_macsec_rule_config_t, control_packet), sizeof(((kavo_macsec_rule_config_t*)nullptr)->control_packet) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"packet_type", offsetof(kavo_macsec_rule_config_t, packet_type), sizeof(((kavo_macsec_rule_config_t*)nullptr)->packet_type) / 1, 1, 1, value_kind::ENUM, &enum_kavo_macsec_packet_type_t, nullptr, false},
+    {"num_tags", offsetof(kavo_macsec_rule_config_t, num_tags), sizeof(((kavo_macsec_rule_config_t*)nullptr)->num_tags) / 1, 1, 1, value_kind::ENUM, &enum_kavo_macsec_num_tags_t, nullptr, false},
+    {"mac_da", offsetof(kavo_macsec_rule_config_t, mac_da), sizeof(((kavo_macsec_rule_config_t*)nullptr)->mac_da) / 6, 6, 1, value_kind::U8, nullptr, nullptr, true},
+    {"mac_da_mask", offsetof(kavo_macsec_rule_config_t, mac_da_mask), sizeof(((kavo_macsec_rule_config_t*)nullptr)->mac_da_mask) / 6, 6, 1, value_kind::U8, nullptr, nullptr, true},
+    {"type", offsetof(kavo_macsec_rule_config_t, type), sizeof(((kavo_macsec_rule_config_t*)nullptr)->type) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_rule_config_type_u, false},
+};
+const record_info record_kavo_macsec_rule_config_t = {"kavo_macsec_rule_config_t", sizeof(kavo_macsec_rule_config_t), false, members_kavo_macsec_rule_config_t, sizeof(members_kavo_macsec_rule_config_t) / sizeof(members_kavo_macsec_rule_config_t[0]), [](void* p) { kavo_macsec_rule_config_t_init((kavo_macsec_rule_config_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_rule_config_t_print((const kavo_macsec_rule_config_t*)p, f); }};
+const member_info members_kavo_macsec_egress_sa_flow_control_t[] = {
+    {"pn_threshold_lo", offsetof(kavo_macsec_egress_sa_flow_control_t, pn_threshold_lo), sizeof(((kavo_macsec_egress_sa_flow_control_t*)nullptr)->pn_threshold_lo) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"pn_threshold_hi", offsetof(kavo_macsec_egress_sa_flow_control_t, pn_threshold_hi), sizeof(((kavo_macsec_egress_sa_flow_control_t*)nullptr)->pn_threshold_hi) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_macsec_egress_sa_flow_control_t = {"kavo_macsec_egress_sa_flow_control_t", sizeof(kavo_macsec_egress_sa_flow_control_t), false, members_kavo_macsec_egress_sa_flow_control_t, sizeof(members_kavo_macsec_egress_sa_flow_control_t) / sizeof(members_kavo_macsec_egress_sa_flow_control_t[0]), [](void* p) { kavo_macsec_egress_sa_flow_control_t_init((kavo_macsec_egress_sa_flow_control_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_egress_sa_flow_control_t_print((const kavo_macsec_egress_sa_flow_control_t*)p, f); }};
+const member_info members_kavo_macsec_ingress_sa_flow_control_t[] = {
+    {"validate_frames", offsetof(kavo_macsec_ingress_sa_flow_control_t, validate_frames), sizeof(((kavo_macsec_ingress_sa_flow_control_t*)nullptr)->validate_frames) / 1, 1, 1, value_kind::ENUM, &enum_kavo_macsec_validate_frames_t, nullptr, false},
+    {"replay_check_disable", offsetof(kavo_macsec_ingress_sa_flow_control_t, replay_check_disable), sizeof(((kavo_macsec_ingress_sa_flow_control_t*)nullptr)->replay_check_disable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_ingress_sa_flow_control_t = {"kavo_macsec_ingress_sa_flow_control_t", sizeof(kavo_macsec_ingress_sa_flow_control_t), false, members_kavo_macsec_ingress_sa_flow_control_t, sizeof(members_kavo_macsec_ingress_sa_flow_control_t) / sizeof(members_kavo_macsec_ingress_sa_flow_control_t[0]), [](void* p) { kavo_macsec_ingress_sa_flow_control_t_init((kavo_macsec_ingress_sa_flow_control_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_ingress_sa_flow_control_t_print((const kavo_macsec_ingress_sa_flow_control_t*)p, f); }};
+const member_info members_kavo_macsec_sa_flow_control_u[] = {
+    {"egress", offsetof(kavo_macsec_sa_flow_control_u, egress), sizeof(((kavo_macsec_sa_flow_control_u*)nullptr)->egress) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_egress_sa_flow_control_t, false},
+    {"ingress", offsetof(kavo_macsec_sa_flow_control_u, ingress), sizeof(((kavo_macsec_sa_flow_control_u*)nullptr)->ingress) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_ingress_sa_flow_control_t, false},
+};
+const record_info record_kavo_macsec_sa_flow_control_u = {"kavo_macsec_sa_flow_control_u", sizeof(kavo_macsec_sa_flow_control_u), true, members_kavo_macsec_sa_flow_control_u, sizeof(members_kavo_macsec_sa_flow_control_u) / sizeof(members_kavo_macsec_sa_flow_control_u[0]), [](void* p) { kavo_macsec_sa_flow_control_u_init((kavo_macsec_sa_flow_control_u*)p); }, [](const void* p, FILE* f) { kavo_macsec_sa_flow_control_u_print((const kavo_macsec_sa_flow_control_u*)p, f); }};
+const member_info members_kavo_macsec_sa_config_t[] = {
+    {"flags", offsetof(kavo_macsec_sa_config_t, flags), sizeof(((kavo_macsec_sa_config_t*)nullptr)->flags) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"crypt_key", offsetof(kavo_macsec_sa_config_t, crypt_key), sizeof(((kavo_macsec_sa_config_t*)nullptr)->crypt_key) / 8, 8, 1, value_kind::U32, nullptr, nullptr, true},
+    {"auth_key", offsetof(kavo_macsec_sa_config_t, auth_key), sizeof(((kavo_macsec_sa_config_t*)nullptr)->auth_key) / 4, 4, 1, value_kind::U32, nullptr, nullptr, true},
+    {"sci", offsetof(kavo_macsec_sa_config_t, sci), sizeof(((kavo_macsec_sa_config_t*)nullptr)->sci) / 2, 2, 1, value_kind::U32, nullptr, nullptr, true},
+    {"ssci", offsetof(kavo_macsec_sa_config_t, ssci), sizeof(((kavo_macsec_sa_config_t*)nullptr)->ssci) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"salt", offsetof(kavo_macsec_sa_config_t, salt), sizeof(((kavo_macsec_sa_config_t*)nullptr)->salt) / 3, 3, 1, value_kind::U32, nullptr, nullptr, true},
+    {"seq_num_lo", offsetof(kavo_macsec_sa_config_t, seq_num_lo), sizeof(((kavo_macsec_sa_config_t*)nullptr)->seq_num_lo) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"seq_num_hi", offsetof(kavo_macsec_sa_config_t, seq_num_hi), sizeof(((kavo_macsec_sa_config_t*)nullptr)->seq_num_hi) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"window_size", offsetof(kavo_macsec_sa_config_t, window_size), sizeof(((kavo_macsec_sa_config_t*)nullptr)->window_size) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"mtu_size", offsetof(kavo_macsec_sa_config_t, mtu_size), sizeof(((kavo_macsec_sa_config_t*)nullptr)->mtu_size) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"sa_type", offsetof(kavo_macsec_sa_config_t, sa_type), sizeof(((kavo_macsec_sa_config_t*)nullptr)->sa_type) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_sa_flow_control_u, false},
+};
+const record_info record_kavo_macsec_sa_config_t = {"kavo_macsec_sa_config_t", sizeof(kavo_macsec_sa_config_t), false, members_kavo_macsec_sa_config_t, sizeof(members_kavo_macsec_sa_config_t) / sizeof(members_kavo_macsec_sa_config_t[0]), [](void* p) { kavo_macsec_sa_config_t_init((kavo_macsec_sa_config_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_sa_config_t_print((const kavo_macsec_sa_config_t*)p, f); }};
+const member_info members_kavo_macsec_sa_update_t[] = {
+    {"update_cmds", offsetof(kavo_macsec_sa_update_t, update_cmds), sizeof(((kavo_macsec_sa_update_t*)nullptr)->update_cmds) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"cfg", offsetof(kavo_macsec_sa_update_t, cfg), sizeof(((kavo_macsec_sa_update_t*)nullptr)->cfg) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_macsec_sa_config_t, false},
+};
+const record_info record_kavo_macsec_sa_update_t = {"kavo_macsec_sa_update_t", sizeof(kavo_macsec_sa_update_t), false, members_kavo_macsec_sa_update_t, sizeof(members_kavo_macsec_sa_update_t) / sizeof(members_kavo_macsec_sa_update_t[0]), [](void* p) { kavo_macsec_sa_update_t_init((kavo_macsec_sa_update_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_sa_update_t_print((const kavo_macsec_sa_update_t*)p, f); }};
+const member_info members_kavo_macsec_sa_next_pn_t[] = {
+    {"next_pn_lo", offsetof(kavo_macsec_sa_next_pn_t, next_pn_lo), sizeof(((kavo_macsec_sa_next_pn_t*)nullptr)->next_pn_lo) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"next_pn_hi", offsetof(kavo_macsec_sa_next_pn_t, next_pn_hi), sizeof(((kavo_macsec_sa_next_pn_t*)nullptr)->next_pn_hi) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_sa_next_pn_t = {"kavo_macsec_sa_next_pn_t", sizeof(kavo_macsec_sa_next_pn_t), false, members_kavo_macsec_sa_next_pn_t, sizeof(members_kavo_macsec_sa_next_pn_t) / sizeof(members_kavo_macsec_sa_next_pn_t[0]), [](void* p) { kavo_macsec_sa_next_pn_t_init((kavo_macsec_sa_next_pn_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_sa_next_pn_t_print((const kavo_macsec_sa_next_pn_t*)p, f); }};
+const member_info members_kavo_macsec_channel_config_t[] = {
+    {"bypass", offsetof(kavo_macsec_channel_config_t, bypass), sizeof(((kavo_macsec_channel_config_t*)nullptr)->bypass) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"default_action", offsetof(kavo_macsec_channel_config_t, default_action), sizeof(((kavo_macsec_channel_config_t*)nullptr)->default_action) / 1, 1, 1, value_kind::ENUM, &enum_kavo_macsec_default_action_t, nullptr, false},
+    {"max_frame_size", offsetof(kavo_macsec_channel_config_t, max_frame_size), sizeof(((kavo_macsec_channel_config_t*)nullptr)->max_frame_size) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"sectag_ethertype", offsetof(kavo_macsec_channel_config_t, sectag_ethertype), sizeof(((kavo_macsec_channel_config_t*)nullptr)->sectag_ethertype) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"bypass_ethertypes", offsetof(kavo_macsec_channel_config_t, bypass_ethertypes), sizeof(((kavo_macsec_channel_config_t*)nullptr)->bypass_ethertypes) / 4, 4, 1, value_kind::U32, nullptr, nullptr, true},
+    {"reserved", offsetof(kavo_macsec_channel_config_t, reserved), sizeof(((kavo_macsec_channel_config_t*)nullptr)->reserved) / 9, 9, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_channel_config_t = {"kavo_macsec_channel_config_t", sizeof(kavo_macsec_channel_config_t), false, members_kavo_macsec_channel_config_t, sizeof(members_kavo_macsec_channel_config_t) / sizeof(members_kavo_macsec_channel_config_t[0]), [](void* p) { kavo_macsec_channel_config_t_init((kavo_macsec_channel_config_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_channel_config_t_print((const kavo_macsec_channel_config_t*)p, f); }};
+const member_info members_kavo_macsec_channel_global_config_t[] = {
+    {"bypass_all", offsetof(kavo_macsec_channel_global_config_t, bypass_all), sizeof(((kavo_macsec_channel_global_config_t*)nullptr)->bypass_all) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pn_threshold", offsetof(kavo_macsec_channel_global_config_t, pn_threshold), sizeof(((kavo_macsec_channel_global_config_t*)nullptr)->pn_threshold) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"xpn_threshold_lo", offsetof(kavo_macsec_channel_global_config_t, xpn_threshold_lo), sizeof(((kavo_macsec_channel_global_config_t*)nullptr)->xpn_threshold_lo) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"xpn_threshold_hi", offsetof(kavo_macsec_channel_global_config_t, xpn_threshold_hi), sizeof(((kavo_macsec_channel_global_config_t*)nullptr)->xpn_threshold_hi) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"reserved", offsetof(kavo_macsec_channel_global_config_t, reserved), sizeof(((kavo_macsec_channel_global_config_t*)nullptr)->reserved) / 31, 31, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_channel_global_config_t = {"kavo_macsec_channel_global_config_t", sizeof(kavo_macsec_channel_global_config_t), false, members_kavo_macsec_channel_global_config_t, sizeof(members_kavo_macsec_channel_global_config_t) / sizeof(members_kavo_macsec_channel_global_config_t[0]), [](void* p) { kavo_macsec_channel_global_config_t_init((kavo_macsec_channel_global_config_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_channel_global_config_t_print((const kavo_macsec_channel_global_config_t*)p, f); }};
+const member_info members_kavo_macsec_notification_summary_t[] = {
+    {"events", offsetof(kavo_macsec_notification_summary_t, events), sizeof(((kavo_macsec_notification_summary_t*)nullptr)->events) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"num_pn_threshold", offsetof(kavo_macsec_notification_summary_t, num_pn_threshold), sizeof(((kavo_macsec_notification_summary_t*)nullptr)->num_pn_threshold) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"num_sa_expired", offsetof(kavo_macsec_notification_summary_t, num_sa_expired), sizeof(((kavo_macsec_notification_summary_t*)nullptr)->num_sa_expired) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_notification_summary_t = {"kavo_macsec_notification_summary_t", sizeof(kavo_macsec_notification_summary_t), false, members_kavo_macsec_notification_summary_t, sizeof(members_kavo_macsec_notification_summary_t) / sizeof(members_kavo_macsec_notification_summary_t[0]), [](void* p) { kavo_macsec_notification_summary_t_init((kavo_macsec_notification_summary_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_notification_summary_t_print((const kavo_macsec_notification_summary_t*)p, f); }};
+const member_info members_kavo_macsec_notification_t[] = {
+    {"type", offsetof(kavo_macsec_notification_t, type), sizeof(((kavo_macsec_notification_t*)nullptr)->type) / 1, 1, 1, value_kind::ENUM, &enum_kavo_macsec_notification_get_commands_t, nullptr, false},
+    {"num_sa_ids", offsetof(kavo_macsec_notification_t, num_sa_ids), sizeof(((kavo_macsec_notification_t*)nullptr)->num_sa_ids) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"more", offsetof(kavo_macsec_notification_t, more), sizeof(((kavo_macsec_notification_t*)nullptr)->more) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"sa_ids", offsetof(kavo_macsec_notification_t, sa_ids), sizeof(((kavo_macsec_notification_t*)nullptr)->sa_ids) / 61, 61, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_notification_t = {"kavo_macsec_notification_t", sizeof(kavo_macsec_notification_t), false, members_kavo_macsec_notification_t, sizeof(members_kavo_macsec_notification_t) / sizeof(members_kavo_macsec_notification_t[0]), [](void* p) { kavo_macsec_notification_t_init((kavo_macsec_notification_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_notification_t_print((const kavo_macsec_notification_t*)p, f); }};
+const member_info members_kavo_macsec_channel_vport_list_t[] = {
+    {"num_vports", offsetof(kavo_macsec_channel_vport_list_t, num_vports), sizeof(((kavo_macsec_channel_vport_list_t*)nullptr)->num_vports) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"vport_ids", offsetof(kavo_macsec_channel_vport_list_t, vport_ids), sizeof(((kavo_macsec_channel_vport_list_t*)nullptr)->vport_ids) / 64, 64, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_channel_vport_list_t = {"kavo_macsec_channel_vport_list_t", sizeof(kavo_macsec_channel_vport_list_t), false, members_kavo_macsec_channel_vport_list_t, sizeof(members_kavo_macsec_channel_vport_list_t) / sizeof(members_kavo_macsec_channel_vport_list_t[0]), [](void* p) { kavo_macsec_channel_vport_list_t_init((kavo_macsec_channel_vport_list_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_channel_vport_list_t_print((const kavo_macsec_channel_vport_list_t*)p, f); }};
+const member_info members_kavo_macsec_vport_rule_list_t[] = {
+    {"num_rules", offsetof(kavo_macsec_vport_rule_list_t, num_rules), sizeof(((kavo_macsec_vport_rule_list_t*)nullptr)->num_rules) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rule_ids", offsetof(kavo_macsec_vport_rule_list_t, rule_ids), sizeof(((kavo_macsec_vport_rule_list_t*)nullptr)->rule_ids) / 64, 64, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_vport_rule_list_t = {"kavo_macsec_vport_rule_list_t", sizeof(kavo_macsec_vport_rule_list_t), false, members_kavo_macsec_vport_rule_list_t, sizeof(members_kavo_macsec_vport_rule_list_t) / sizeof(members_kavo_macsec_vport_rule_list_t[0]), [](void* p) { kavo_macsec_vport_rule_list_t_init((kavo_macsec_vport_rule_list_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_vport_rule_list_t_print((const kavo_macsec_vport_rule_list_t*)p, f); }};
+const member_info members_kavo_macsec_vport_sa_list_t[] = {
+    {"num_sas", offsetof(kavo_macsec_vport_sa_list_t, num_sas), sizeof(((kavo_macsec_vport_sa_list_t*)nullptr)->num_sas) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"active_sa_id", offsetof(kavo_macsec_vport_sa_list_t, active_sa_id), sizeof(((kavo_macsec_vport_sa_list_t*)nullptr)->active_sa_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"sa_ids", offsetof(kavo_macsec_vport_sa_list_t, sa_ids), sizeof(((kavo_macsec_vport_sa_list_t*)nullptr)->sa_ids) / 4, 4, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_macsec_vport_sa_list_t = {"kavo_macsec_vport_sa_list_t", sizeof(kavo_macsec_vport_sa_list_t), false, members_kavo_macsec_vport_sa_list_t, sizeof(members_kavo_macsec_vport_sa_list_t) / sizeof(members_kavo_macsec_vport_sa_list_t[0]), [](void* p) { kavo_macsec_vport_sa_list_t_init((kavo_macsec_vport_sa_list_t*)p); }, [](const void* p, FILE* f) { kavo_macsec_vport_sa_list_t_print((const kavo_macsec_vport_sa_list_t*)p, f); }};
+const member_info members_kavo_stats_macsec_sa_t[] = {
+    {"pkts_protected", offsetof(kavo_stats_macsec_sa_t, pkts_protected), sizeof(((kavo_stats_macsec_sa_t*)nullptr)->pkts_protected) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_encrypted", offsetof(kavo_stats_macsec_sa_t, pkts_encrypted), sizeof(((kavo_stats_macsec_sa_t*)nullptr)->pkts_encrypted) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"octets_protected", offsetof(kavo_stats_macsec_sa_t, octets_protected), sizeof(((kavo_stats_macsec_sa_t*)nullptr)->octets_protected) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_ok", offsetof(kavo_stats_macsec_sa_t, pkts_ok), sizeof(((kavo_stats_macsec_sa_t*)nullptr)->pkts_ok) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_invalid", offsetof(kavo_stats_macsec_sa_t, pkts_invalid), sizeof(((kavo_stats_macsec_sa_t*)nullptr)->pkts_invalid) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_not_valid", offsetof(kavo_stats_macsec_sa_t, pkts_not_valid), sizeof(((kavo_stats_macsec_sa_t*)nullptr)->pkts_not_valid) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_late", offsetof(kavo_stats_macsec_sa_t, pkts_late), sizeof(((kavo_stats_macsec_sa_t*)nullptr)->pkts_late) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"octets_validated", offsetof(kavo_stats_macsec_sa_t, octets_validated), sizeof(((kavo_stats_macsec_sa_t*)nullptr)->octets_validated) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+};
+const record_info record_kavo_stats_macsec_sa_t = {"kavo_stats_macsec_sa_t", sizeof(kavo_stats_macsec_sa_t), false, members_kavo_stats_macsec_sa_t, sizeof(members_kavo_stats_macsec_sa_t) / sizeof(members_kavo_stats_macsec_sa_t[0]), [](void* p) { kavo_stats_macsec_sa_t_init((kavo_stats_macsec_sa_t*)p); }, [](const void* p, FILE*) { kavo_stats_macsec_sa_t_print((const kavo_stats_macsec_sa_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_stats_macsec_rule_t[] = {
+    {"pkts_matched", offsetof(kavo_stats_macsec_rule_t, pkts_matched), sizeof(((kavo_stats_macsec_rule_t*)nullptr)->pkts_matched) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"octets_matched", offsetof(kavo_stats_macsec_rule_t, octets_matched), sizeof(((kavo_stats_macsec_rule_t*)nullptr)->octets_matched) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+};
+const record_info record_kavo_stats_macsec_rule_t = {"kavo_stats_macsec_rule_t", sizeof(kavo_stats_macsec_rule_t), false, members_kavo_stats_macsec_rule_t, sizeof(members_kavo_stats_macsec_rule_t) / sizeof(members_kavo_stats_macsec_rule_t[0]), [](void* p) { kavo_stats_macsec_rule_t_init((kavo_stats_macsec_rule_t*)p); }, [](const void* p, FILE*) { kavo_stats_macsec_rule_t_print((const kavo_stats_macsec_rule_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_stats_macsec_vport_t[] = {
+    {"pkts_classified", offsetof(kavo_stats_macsec_vport_t, pkts_classified), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_classified) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_control", offsetof(kavo_stats_macsec_vport_t, pkts_control), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_control) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_dropped_rule", offsetof(kavo_stats_macsec_vport_t, pkts_dropped_rule), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_dropped_rule) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_too_long", offsetof(kavo_stats_macsec_vport_t, pkts_too_long), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_too_long) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_not_using_sa", offsetof(kavo_stats_macsec_vport_t, pkts_not_using_sa), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_not_using_sa) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_untagged", offsetof(kavo_stats_macsec_vport_t, pkts_untagged), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_untagged) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_bad_tag", offsetof(kavo_stats_macsec_vport_t, pkts_bad_tag), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_bad_tag) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_protected", offsetof(kavo_stats_macsec_vport_t, pkts_protected), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_protected) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_ok", offsetof(kavo_stats_macsec_vport_t, pkts_ok), sizeof(((kavo_stats_macsec_vport_t*)nullptr)->pkts_ok) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+};
+const record_info record_kavo_stats_macsec_vport_t = {"kavo_stats_macsec_vport_t", sizeof(kavo_stats_macsec_vport_t), false, members_kavo_stats_macsec_vport_t, sizeof(members_kavo_stats_macsec_vport_t) / sizeof(members_kavo_stats_macsec_vport_t[0]), [](void* p) { kavo_stats_macsec_vport_t_init((kavo_stats_macsec_vport_t*)p); }, [](const void* p, FILE*) { kavo_stats_macsec_vport_t_print((const kavo_stats_macsec_vport_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_stats_macsec_channel_dir_t[] = {
+    {"pkts", offsetof(kavo_stats_macsec_channel_dir_t, pkts), sizeof(((kavo_stats_macsec_channel_dir_t*)nullptr)->pkts) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"octets", offsetof(kavo_stats_macsec_channel_dir_t, octets), sizeof(((kavo_stats_macsec_channel_dir_t*)nullptr)->octets) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_bypassed", offsetof(kavo_stats_macsec_channel_dir_t, pkts_bypassed), sizeof(((kavo_stats_macsec_channel_dir_t*)nullptr)->pkts_bypassed) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_unclassified", offsetof(kavo_stats_macsec_channel_dir_t, pkts_unclassified), sizeof(((kavo_stats_macsec_channel_dir_t*)nullptr)->pkts_unclassified) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_dropped", offsetof(kavo_stats_macsec_channel_dir_t, pkts_dropped), sizeof(((kavo_stats_macsec_channel_dir_t*)nullptr)->pkts_dropped) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"pkts_secured", offsetof(kavo_stats_macsec_channel_dir_t, pkts_secured), sizeof(((kavo_stats_macsec_channel_dir_t*)nullptr)->pkts_secured) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+};
+const record_info record_kavo_stats_macsec_channel_dir_t = {"kavo_stats_macsec_channel_dir_t", sizeof(kavo_stats_macsec_channel_dir_t), false, members_kavo_stats_macsec_channel_dir_t, sizeof(members_kavo_stats_macsec_channel_dir_t) / sizeof(members_kavo_stats_macsec_channel_dir_t[0]), [](void* p) { kavo_stats_macsec_channel_dir_t_init((kavo_stats_macsec_channel_dir_t*)p); }, [](const void* p, FILE*) { kavo_stats_macsec_channel_dir_t_print((const kavo_stats_macsec_channel_dir_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_stats_macsec_channel_t[] = {
+    {"egress", offsetof(kavo_stats_macsec_channel_t, egress), sizeof(((kavo_stats_macsec_channel_t*)nullptr)->egress) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_stats_macsec_channel_dir_t, false},
+    {"ingress", offsetof(kavo_stats_macsec_channel_t, ingress), sizeof(((kavo_stats_macsec_channel_t*)nullptr)->ingress) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_stats_macsec_channel_dir_t, false},
+};
+const record_info record_kavo_stats_macsec_channel_t = {"kavo_stats_macsec_channel_t", sizeof(kavo_stats_macsec_channel_t), false, members_kavo_stats_macsec_channel_t, sizeof(members_kavo_stats_macsec_channel_t) / sizeof(members_kavo_stats_macsec_channel_t[0]), [](void* p) { kavo_stats_macsec_channel_t_init((kavo_stats_macsec_channel_t*)p); }, [](const void* p, FILE*) { kavo_stats_macsec_channel_t_print((const kavo_stats_macsec_channel_t*)p, KAVO_PMON_PRINT_ALL); }};
 const member_info members_kavo_pmon_cfg_t[] = {
     {"auto_trigger", offsetof(kavo_pmon_cfg_t, auto_trigger), sizeof(((kavo_pmon_cfg_t*)nullptr)->auto_trigger) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
     {"accumulate_enable", offsetof(kavo_pmon_cfg_t, accumulate_enable), sizeof(((kavo_pmon_cfg_t*)nullptr)->accumulate_enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
@@ -326,6 +556,205 @@ const arg_info args_kavo_ipi_test_set[] = {
     {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
 };
 VELT_ERROR call_kavo_ipi_test_set(void* const* a) { return kavo_ipi_test_set(*(const UINT32*)a[0]); }
+const arg_info args_kavo_macsec_vport_add[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"direction", "const kavo_macsec_device_direction_t", false, 0, value_kind::ENUM, sizeof(kavo_macsec_device_direction_t), &enum_kavo_macsec_device_direction_t, nullptr},
+    {"vport_key", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_params", "kavo_macsec_vport_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_vport_config_t), nullptr, &record_kavo_macsec_vport_config_t},
+    {"vport_id_ptr", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_vport_add(void* const* a) { return kavo_macsec_vport_add(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_macsec_device_direction_t*)a[2], *(const UINT32*)a[3], (kavo_macsec_vport_config_t*)a[4], (UINT32*)a[5]); }
+const arg_info args_kavo_macsec_vport_read[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rd_vport_params", "kavo_macsec_vport_read_params_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_vport_read_params_t), nullptr, &record_kavo_macsec_vport_read_params_t},
+};
+VELT_ERROR call_kavo_macsec_vport_read(void* const* a) { return kavo_macsec_vport_read(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_vport_read_params_t*)a[2]); }
+const arg_info args_kavo_macsec_vport_delete[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_vport_delete(void* const* a) { return kavo_macsec_vport_delete(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_macsec_vport_update[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_params", "kavo_macsec_vport_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_vport_config_t), nullptr, &record_kavo_macsec_vport_config_t},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_vport_update(void* const* a) { return kavo_macsec_vport_update(*(const UINT32*)a[0], (kavo_macsec_vport_config_t*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_macsec_rule_add[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rule_config", "kavo_macsec_rule_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_rule_config_t), nullptr, &record_kavo_macsec_rule_config_t},
+    {"rule_id_ptr", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_rule_add(void* const* a) { return kavo_macsec_rule_add(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_rule_config_t*)a[2], (UINT32*)a[3]); }
+const arg_info args_kavo_macsec_rule_read[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rule_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rd_rule_params", "kavo_macsec_rule_config_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_rule_config_t), nullptr, &record_kavo_macsec_rule_config_t},
+};
+VELT_ERROR call_kavo_macsec_rule_read(void* const* a) { return kavo_macsec_rule_read(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_rule_config_t*)a[2]); }
+const arg_info args_kavo_macsec_rule_delete[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rule_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_rule_delete(void* const* a) { return kavo_macsec_rule_delete(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_macsec_sa_add[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_params", "kavo_macsec_sa_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_sa_config_t), nullptr, &record_kavo_macsec_sa_config_t},
+    {"sa_id_ptr", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_sa_add(void* const* a) { return kavo_macsec_sa_add(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_sa_config_t*)a[2], (UINT32*)a[3]); }
+const arg_info args_kavo_macsec_sa_delete[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_sa_delete(void* const* a) { return kavo_macsec_sa_delete(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_macsec_sa_chain[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"active_sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chain_sa_params", "kavo_macsec_sa_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_sa_config_t), nullptr, &record_kavo_macsec_sa_config_t},
+    {"chain_sa_id_ptr", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_sa_chain(void* const* a) { return kavo_macsec_sa_chain(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_sa_config_t*)a[2], (UINT32*)a[3]); }
+const arg_info args_kavo_macsec_sa_read[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rd_sa_params", "kavo_macsec_sa_config_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_sa_config_t), nullptr, &record_kavo_macsec_sa_config_t},
+};
+VELT_ERROR call_kavo_macsec_sa_read(void* const* a) { return kavo_macsec_sa_read(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_sa_config_t*)a[2]); }
+const arg_info args_kavo_macsec_sa_update[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_params", "kavo_macsec_sa_update_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_sa_update_t), nullptr, &record_kavo_macsec_sa_update_t},
+};
+VELT_ERROR call_kavo_macsec_sa_update(void* const* a) { return kavo_macsec_sa_update(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_sa_update_t*)a[2]); }
+const arg_info args_kavo_macsec_sa_next_pn_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"next_pn_lo", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"next_pn_hi", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_sa_next_pn_set(void* const* a) { return kavo_macsec_sa_next_pn_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_macsec_sa_next_pn_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"next_pn_lo_ptr", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"next_pn_hi_ptr", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_sa_next_pn_get(void* const* a) { return kavo_macsec_sa_next_pn_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (UINT32*)a[2], (UINT32*)a[3]); }
+const arg_info args_kavo_macsec_sa_switch[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"active_sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"new_sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_sa_switch(void* const* a) { return kavo_macsec_sa_switch(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_macsec_channel_config[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"channel_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"direction", "const kavo_macsec_device_direction_t", false, 0, value_kind::ENUM, sizeof(kavo_macsec_device_direction_t), &enum_kavo_macsec_device_direction_t, nullptr},
+    {"channel_params", "kavo_macsec_channel_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_channel_config_t), nullptr, &record_kavo_macsec_channel_config_t},
+};
+VELT_ERROR call_kavo_macsec_channel_config(void* const* a) { return kavo_macsec_channel_config(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_macsec_device_direction_t*)a[2], (kavo_macsec_channel_config_t*)a[3]); }
+const arg_info args_kavo_macsec_channel_global_config[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"direction", "const kavo_macsec_device_direction_t", false, 0, value_kind::ENUM, sizeof(kavo_macsec_device_direction_t), &enum_kavo_macsec_device_direction_t, nullptr},
+    {"channel_global_params", "kavo_macsec_channel_global_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_channel_global_config_t), nullptr, &record_kavo_macsec_channel_global_config_t},
+};
+VELT_ERROR call_kavo_macsec_channel_global_config(void* const* a) { return kavo_macsec_channel_global_config(*(const UINT32*)a[0], *(const kavo_macsec_device_direction_t*)a[1], (kavo_macsec_channel_global_config_t*)a[2]); }
+const arg_info args_kavo_macsec_channel_config_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"channel_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"direction", "const kavo_macsec_device_direction_t", false, 0, value_kind::ENUM, sizeof(kavo_macsec_device_direction_t), &enum_kavo_macsec_device_direction_t, nullptr},
+    {"rd_channel_params", "kavo_macsec_channel_config_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_channel_config_t), nullptr, &record_kavo_macsec_channel_config_t},
+};
+VELT_ERROR call_kavo_macsec_channel_config_get(void* const* a) { return kavo_macsec_channel_config_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_macsec_device_direction_t*)a[2], (kavo_macsec_channel_config_t*)a[3]); }
+const arg_info args_kavo_macsec_channel_global_config_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"direction", "const kavo_macsec_device_direction_t", false, 0, value_kind::ENUM, sizeof(kavo_macsec_device_direction_t), &enum_kavo_macsec_device_direction_t, nullptr},
+    {"rd_channel_global_params", "kavo_macsec_channel_global_config_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_channel_global_config_t), nullptr, &record_kavo_macsec_channel_global_config_t},
+};
+VELT_ERROR call_kavo_macsec_channel_global_config_get(void* const* a) { return kavo_macsec_channel_global_config_get(*(const UINT32*)a[0], *(const kavo_macsec_device_direction_t*)a[1], (kavo_macsec_channel_global_config_t*)a[2]); }
+const arg_info args_kavo_macsec_chnl_stats_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"macsec_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"stats_ptr", "kavo_stats_macsec_channel_t*", true, 1, value_kind::RECORD, sizeof(kavo_stats_macsec_channel_t), nullptr, &record_kavo_stats_macsec_channel_t},
+};
+VELT_ERROR call_kavo_macsec_chnl_stats_get(void* const* a) { return kavo_macsec_chnl_stats_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_stats_macsec_channel_t*)a[3]); }
+const arg_info args_kavo_macsec_vport_stats_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"stats_ptr", "kavo_stats_macsec_vport_t*", true, 1, value_kind::RECORD, sizeof(kavo_stats_macsec_vport_t), nullptr, &record_kavo_stats_macsec_vport_t},
+};
+VELT_ERROR call_kavo_macsec_vport_stats_get(void* const* a) { return kavo_macsec_vport_stats_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_stats_macsec_vport_t*)a[3]); }
+const arg_info args_kavo_macsec_sa_stats_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"stats_ptr", "kavo_stats_macsec_sa_t*", true, 1, value_kind::RECORD, sizeof(kavo_stats_macsec_sa_t), nullptr, &record_kavo_stats_macsec_sa_t},
+};
+VELT_ERROR call_kavo_macsec_sa_stats_get(void* const* a) { return kavo_macsec_sa_stats_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_stats_macsec_sa_t*)a[3]); }
+const arg_info args_kavo_macsec_rule_stats_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rule_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"stats_ptr", "kavo_stats_macsec_rule_t*", true, 1, value_kind::RECORD, sizeof(kavo_stats_macsec_rule_t), nullptr, &record_kavo_stats_macsec_rule_t},
+};
+VELT_ERROR call_kavo_macsec_rule_stats_get(void* const* a) { return kavo_macsec_rule_stats_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_stats_macsec_rule_t*)a[3]); }
+const arg_info args_kavo_macsec_notification_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"notification_ptr", "kavo_macsec_notification_summary_t*", false, 1, value_kind::RECORD, sizeof(kavo_macsec_notification_summary_t), nullptr, &record_kavo_macsec_notification_summary_t},
+};
+VELT_ERROR call_kavo_macsec_notification_enable(void* const* a) { return kavo_macsec_notification_enable(*(const UINT32*)a[0], (kavo_macsec_notification_summary_t*)a[1]); }
+const arg_info args_kavo_macsec_notification_summary_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"notification_ptr", "kavo_macsec_notification_summary_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_notification_summary_t), nullptr, &record_kavo_macsec_notification_summary_t},
+};
+VELT_ERROR call_kavo_macsec_notification_summary_get(void* const* a) { return kavo_macsec_notification_summary_get(*(const UINT32*)a[0], (kavo_macsec_notification_summary_t*)a[1]); }
+const arg_info args_kavo_macsec_notification_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"command", "const kavo_macsec_notification_get_commands_t", false, 0, value_kind::ENUM, sizeof(kavo_macsec_notification_get_commands_t), &enum_kavo_macsec_notification_get_commands_t, nullptr},
+    {"notification_ptr", "kavo_macsec_notification_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_notification_t), nullptr, &record_kavo_macsec_notification_t},
+};
+VELT_ERROR call_kavo_macsec_notification_get(void* const* a) { return kavo_macsec_notification_get(*(const UINT32*)a[0], *(const kavo_macsec_notification_get_commands_t*)a[1], (kavo_macsec_notification_t*)a[2]); }
+const arg_info args_kavo_macsec_fips_test[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"direction", "const kavo_macsec_device_direction_t", false, 0, value_kind::ENUM, sizeof(kavo_macsec_device_direction_t), &enum_kavo_macsec_device_direction_t, nullptr},
+    {"in_packet", "UINT8*", false, 1, value_kind::U8, sizeof(UINT8), nullptr, nullptr},
+    {"in_packet_size", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"bypass_length", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"out_packet", "UINT8*", true, 1, value_kind::U8, sizeof(UINT8), nullptr, nullptr},
+    {"out_packet_size", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_fips_test(void* const* a) { return kavo_macsec_fips_test(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_macsec_device_direction_t*)a[2], (UINT8*)a[3], *(const UINT32*)a[4], *(const UINT32*)a[5], (UINT8*)a[6], (UINT32*)a[7]); }
+const arg_info args_kavo_macsec_chnl_vport_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_resource_ptr", "kavo_macsec_channel_vport_list_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_channel_vport_list_t), nullptr, &record_kavo_macsec_channel_vport_list_t},
+};
+VELT_ERROR call_kavo_macsec_chnl_vport_get(void* const* a) { return kavo_macsec_chnl_vport_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_channel_vport_list_t*)a[2]); }
+const arg_info args_kavo_macsec_vport_rule_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rule_resource_ptr", "kavo_macsec_vport_rule_list_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_vport_rule_list_t), nullptr, &record_kavo_macsec_vport_rule_list_t},
+};
+VELT_ERROR call_kavo_macsec_vport_rule_get(void* const* a) { return kavo_macsec_vport_rule_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_vport_rule_list_t*)a[2]); }
+const arg_info args_kavo_macsec_vport_sa_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"sa_resource_ptr", "kavo_macsec_vport_sa_list_t*", true, 1, value_kind::RECORD, sizeof(kavo_macsec_vport_sa_list_t), nullptr, &record_kavo_macsec_vport_sa_list_t},
+};
+VELT_ERROR call_kavo_macsec_vport_sa_get(void* const* a) { return kavo_macsec_vport_sa_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_macsec_vport_sa_list_t*)a[2]); }
+const arg_info args_kavo_macsec_vport_sa_stats_clear[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_macsec_vport_sa_stats_clear(void* const* a) { return kavo_macsec_vport_sa_stats_clear(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
 
 }  // namespace
 
@@ -353,6 +782,37 @@ const command_info COMMANDS[] = {
     {"kavo_ipi_is_set", "ipi", "The doorbell bit (0 or 1); 0 for an unknown device.", "VELT_ERROR kavo_ipi_is_set(const UINT32 device_id, kavo_ipi_type_t type)", args_kavo_ipi_is_set, 2, call_kavo_ipi_is_set},
     {"kavo_ipi_clear", "ipi", "Clears one doorbell bit.", "VELT_ERROR kavo_ipi_clear(const UINT32 device_id, kavo_ipi_type_t type)", args_kavo_ipi_clear, 2, call_kavo_ipi_clear},
     {"kavo_ipi_test_set", "ipi", "Rings the test doorbell; the firmware answers by raising its interrupt.", "VELT_ERROR kavo_ipi_test_set(const UINT32 device_id)", args_kavo_ipi_test_set, 1, call_kavo_ipi_test_set},
+    {"kavo_macsec_vport_add", "macsec", "Adds a vport (a secure channel) on channel chnl_id in the given direction; vport_key is the application's key for it, unique per channel and direction. The vport's id comes back in vport_id_ptr (egress 0..767, ingress 768 and above).", "VELT_ERROR kavo_macsec_vport_add(const UINT32 device_id, const UINT32 chnl_id, const kavo_macsec_device_direction_t direction, const UINT32 vport_key, kavo_macsec_vport_config_t* vport_params, UINT32* vport_id_ptr)", args_kavo_macsec_vport_add, 6, call_kavo_macsec_vport_add},
+    {"kavo_macsec_vport_read", "macsec", "Reads vport vport_id: its channel, direction, key, configuration, rules, SAs and the SA in use.", "VELT_ERROR kavo_macsec_vport_read(const UINT32 device_id, const UINT32 vport_id, kavo_macsec_vport_read_params_t* rd_vport_params)", args_kavo_macsec_vport_read, 3, call_kavo_macsec_vport_read},
+    {"kavo_macsec_vport_delete", "macsec", "Deletes vport vport_id; refused while it still has rules or SAs.", "VELT_ERROR kavo_macsec_vport_delete(const UINT32 device_id, const UINT32 vport_id)", args_kavo_macsec_vport_delete, 2, call_kavo_macsec_vport_delete},
+    {"kavo_macsec_vport_update", "macsec", "Changes the configuration of vport vport_id.", "VELT_ERROR kavo_macsec_vport_update(const UINT32 device_id, kavo_macsec_vport_config_t* vport_params, const UINT32 vport_id)", args_kavo_macsec_vport_update, 3, call_kavo_macsec_vport_update},
+    {"kavo_macsec_rule_add", "macsec", "Adds a classification rule to vport vport_id; the rule's id comes back in rule_id_ptr.", "VELT_ERROR kavo_macsec_rule_add(const UINT32 device_id, const UINT32 vport_id, kavo_macsec_rule_config_t* rule_config, UINT32* rule_id_ptr)", args_kavo_macsec_rule_add, 4, call_kavo_macsec_rule_add},
+    {"kavo_macsec_rule_read", "macsec", "Reads rule rule_id.", "VELT_ERROR kavo_macsec_rule_read(const UINT32 device_id, const UINT32 rule_id, kavo_macsec_rule_config_t* rd_rule_params)", args_kavo_macsec_rule_read, 3, call_kavo_macsec_rule_read},
+    {"kavo_macsec_rule_delete", "macsec", "Deletes rule rule_id.", "VELT_ERROR kavo_macsec_rule_delete(const UINT32 device_id, const UINT32 rule_id)", args_kavo_macsec_rule_delete, 2, call_kavo_macsec_rule_delete},
+    {"kavo_macsec_sa_add", "macsec", "Adds a security association to vport vport_id (it becomes the one in use when the vport has none); the SA's id comes back in sa_id_ptr (egress 0..1535, ingress 1536 and above).", "VELT_ERROR kavo_macsec_sa_add(const UINT32 device_id, const UINT32 vport_id, kavo_macsec_sa_config_t* sa_params, UINT32* sa_id_ptr)", args_kavo_macsec_sa_add, 4, call_kavo_macsec_sa_add},
+    {"kavo_macsec_sa_delete", "macsec", "Deletes SA sa_id; the SA in use is refused while others are chained to it.", "VELT_ERROR kavo_macsec_sa_delete(const UINT32 device_id, const UINT32 sa_id)", args_kavo_macsec_sa_delete, 2, call_kavo_macsec_sa_delete},
+    {"kavo_macsec_sa_chain", "macsec", "Adds an SA chained to active_sa_id, on the same vport: the engine takes it into use when the active SA expires. Its id comes back in chain_sa_id_ptr.", "VELT_ERROR kavo_macsec_sa_chain(const UINT32 device_id, const UINT32 active_sa_id, kavo_macsec_sa_config_t* chain_sa_params, UINT32* chain_sa_id_ptr)", args_kavo_macsec_sa_chain, 4, call_kavo_macsec_sa_chain},
+    {"kavo_macsec_sa_read", "macsec", "Reads SA sa_id as it is now (its next packet number included).", "VELT_ERROR kavo_macsec_sa_read(const UINT32 device_id, const UINT32 sa_id, kavo_macsec_sa_config_t* rd_sa_params)", args_kavo_macsec_sa_read, 3, call_kavo_macsec_sa_read},
+    {"kavo_macsec_sa_update", "macsec", "Changes the parts of SA sa_id named in sa_params->update_cmds.", "VELT_ERROR kavo_macsec_sa_update(const UINT32 device_id, const UINT32 sa_id, kavo_macsec_sa_update_t* sa_params)", args_kavo_macsec_sa_update, 3, call_kavo_macsec_sa_update},
+    {"kavo_macsec_sa_next_pn_set", "macsec", "Sets the next packet number of SA sa_id (sent as a kavo_macsec_sa_next_pn_t).", "VELT_ERROR kavo_macsec_sa_next_pn_set(const UINT32 device_id, const UINT32 sa_id, const UINT32 next_pn_lo, const UINT32 next_pn_hi)", args_kavo_macsec_sa_next_pn_set, 4, call_kavo_macsec_sa_next_pn_set},
+    {"kavo_macsec_sa_next_pn_get", "macsec", "Reads the next packet number of SA sa_id.", "VELT_ERROR kavo_macsec_sa_next_pn_get(const UINT32 device_id, const UINT32 sa_id, UINT32* next_pn_lo_ptr, UINT32* next_pn_hi_ptr)", args_kavo_macsec_sa_next_pn_get, 4, call_kavo_macsec_sa_next_pn_get},
+    {"kavo_macsec_sa_switch", "macsec", "Takes SA new_sa_id into use in place of active_sa_id, on the same vport.", "VELT_ERROR kavo_macsec_sa_switch(const UINT32 device_id, const UINT32 active_sa_id, const UINT32 new_sa_id)", args_kavo_macsec_sa_switch, 3, call_kavo_macsec_sa_switch},
+    {"kavo_macsec_channel_config", "macsec", "Configures the engine of channel channel_id in the given direction.", "VELT_ERROR kavo_macsec_channel_config(const UINT32 device_id, const UINT32 channel_id, const kavo_macsec_device_direction_t direction, kavo_macsec_channel_config_t* channel_params)", args_kavo_macsec_channel_config, 4, call_kavo_macsec_channel_config},
+    {"kavo_macsec_channel_global_config", "macsec", "Configures every channel's engine in the given direction.", "VELT_ERROR kavo_macsec_channel_global_config(const UINT32 device_id, const kavo_macsec_device_direction_t direction, kavo_macsec_channel_global_config_t* channel_global_params)", args_kavo_macsec_channel_global_config, 3, call_kavo_macsec_channel_global_config},
+    {"kavo_macsec_channel_config_get", "macsec", "Reads the configuration of channel channel_id's engine in the given direction.", "VELT_ERROR kavo_macsec_channel_config_get(const UINT32 device_id, const UINT32 channel_id, const kavo_macsec_device_direction_t direction, kavo_macsec_channel_config_t* rd_channel_params)", args_kavo_macsec_channel_config_get, 4, call_kavo_macsec_channel_config_get},
+    {"kavo_macsec_channel_global_config_get", "macsec", "Reads the global configuration of the given direction.", "VELT_ERROR kavo_macsec_channel_global_config_get(const UINT32 device_id, const kavo_macsec_device_direction_t direction, kavo_macsec_channel_global_config_t* rd_channel_global_params)", args_kavo_macsec_channel_global_config_get, 3, call_kavo_macsec_channel_global_config_get},
+    {"kavo_macsec_chnl_stats_get", "macsec", "Reads the counters of channel macsec_chnl_id's engines; reset clears them after the read.", "VELT_ERROR kavo_macsec_chnl_stats_get(const UINT32 device_id, const UINT32 macsec_chnl_id, const BOOL32 reset, kavo_stats_macsec_channel_t* stats_ptr)", args_kavo_macsec_chnl_stats_get, 4, call_kavo_macsec_chnl_stats_get},
+    {"kavo_macsec_vport_stats_get", "macsec", "Reads the counters of vport vport_id; reset clears them after the read.", "VELT_ERROR kavo_macsec_vport_stats_get(const UINT32 device_id, const UINT32 vport_id, const BOOL32 reset, kavo_stats_macsec_vport_t* stats_ptr)", args_kavo_macsec_vport_stats_get, 4, call_kavo_macsec_vport_stats_get},
+    {"kavo_macsec_sa_stats_get", "macsec", "Reads the counters of SA sa_id; reset clears them after the read.", "VELT_ERROR kavo_macsec_sa_stats_get(const UINT32 device_id, const UINT32 sa_id, const BOOL32 reset, kavo_stats_macsec_sa_t* stats_ptr)", args_kavo_macsec_sa_stats_get, 4, call_kavo_macsec_sa_stats_get},
+    {"kavo_macsec_rule_stats_get", "macsec", "Reads the counters of rule rule_id; reset clears them after the read.", "VELT_ERROR kavo_macsec_rule_stats_get(const UINT32 device_id, const UINT32 rule_id, const BOOL32 reset, kavo_stats_macsec_rule_t* stats_ptr)", args_kavo_macsec_rule_stats_get, 4, call_kavo_macsec_rule_stats_get},
+    {"kavo_macsec_notification_enable", "macsec", "Enables the notification events of notification_ptr->events (kavo_macsec_notification_type_t values); the others are disabled.", "VELT_ERROR kavo_macsec_notification_enable(const UINT32 device_id, kavo_macsec_notification_summary_t* notification_ptr)", args_kavo_macsec_notification_enable, 2, call_kavo_macsec_notification_enable},
+    {"kavo_macsec_notification_summary_get", "macsec", "Reads which notification events are pending and for how many SAs.", "VELT_ERROR kavo_macsec_notification_summary_get(const UINT32 device_id, kavo_macsec_notification_summary_t* notification_ptr)", args_kavo_macsec_notification_summary_get, 2, call_kavo_macsec_notification_summary_get},
+    {"kavo_macsec_notification_get", "macsec", "Reads and clears the SAs with the pending event chosen by command.", "VELT_ERROR kavo_macsec_notification_get(const UINT32 device_id, const kavo_macsec_notification_get_commands_t command, kavo_macsec_notification_t* notification_ptr)", args_kavo_macsec_notification_get, 3, call_kavo_macsec_notification_get},
+    {"kavo_macsec_fips_test", "macsec", "Runs one frame (DA, SA, payload, no FCS) through channel chnl_id's engine in the given direction, bypass_length bytes after the MAC addresses left in clear: egress protects it with the SA in use of the vport it classifies to, ingress validates and strips it. *out_packet_size gives the capacity of out_packet and receives the frame's length, rounded up to whole 32-bit words (zero padding); 0 when the engine dropped the frame (the statistics tell why). in_packet must be readable up to the next multiple of 4 bytes.", "VELT_ERROR kavo_macsec_fips_test(const UINT32 device_id, const UINT32 chnl_id, const kavo_macsec_device_direction_t direction, UINT8* in_packet, const UINT32 in_packet_size, const UINT32 bypass_length, UINT8* out_packet, UINT32* out_packet_size)", args_kavo_macsec_fips_test, 8, call_kavo_macsec_fips_test},
+    {"kavo_macsec_chnl_vport_get", "macsec", "Lists the vports of channel chnl_id.", "VELT_ERROR kavo_macsec_chnl_vport_get(const UINT32 device_id, const UINT32 chnl_id, kavo_macsec_channel_vport_list_t* vport_resource_ptr)", args_kavo_macsec_chnl_vport_get, 3, call_kavo_macsec_chnl_vport_get},
+    {"kavo_macsec_vport_rule_get", "macsec", "Lists the rules of vport vport_id.", "VELT_ERROR kavo_macsec_vport_rule_get(const UINT32 device_id, const UINT32 vport_id, kavo_macsec_vport_rule_list_t* rule_resource_ptr)", args_kavo_macsec_vport_rule_get, 3, call_kavo_macsec_vport_rule_get},
+    {"kavo_macsec_vport_sa_get", "macsec", "Lists the SAs of vport vport_id.", "VELT_ERROR kavo_macsec_vport_sa_get(const UINT32 device_id, const UINT32 vport_id, kavo_macsec_vport_sa_list_t* sa_resource_ptr)", args_kavo_macsec_vport_sa_get, 3, call_kavo_macsec_vport_sa_get},
+    {"kavo_macsec_vport_sa_stats_clear", "macsec", "Clears the counters of vport vport_id and of its SAs.", "VELT_ERROR kavo_macsec_vport_sa_stats_clear(const UINT32 device_id, const UINT32 vport_id)", args_kavo_macsec_vport_sa_stats_clear, 2, call_kavo_macsec_vport_sa_stats_clear},
 };
 const size_t NUM_COMMANDS = sizeof(COMMANDS) / sizeof(COMMANDS[0]);
 
@@ -371,6 +831,16 @@ const enum_info* const ENUMS[] = {
     &enum_kavo_htl_module_t,
     &enum_kavo_htl_operation_t,
     &enum_kavo_ipi_type_t,
+    &enum_kavo_macsec_device_direction_t,
+    &enum_kavo_macsec_packet_type_t,
+    &enum_kavo_macsec_num_tags_t,
+    &enum_kavo_macsec_vport_flags_t,
+    &enum_kavo_macsec_sa_config_flags_t,
+    &enum_kavo_macsec_sa_update_cmds_t,
+    &enum_kavo_macsec_validate_frames_t,
+    &enum_kavo_macsec_default_action_t,
+    &enum_kavo_macsec_notification_type_t,
+    &enum_kavo_macsec_notification_get_commands_t,
     &enum_kavo_pmon_print_sel_t,
     &enum_kavo_segment_type_t,
     &enum_kavo_resource_entity_t,
@@ -391,6 +861,31 @@ const record_info* const RECORDS[] = {
     &record_kavo_htl_response_t,
     &record_kavo_ilkn_intf_cfg_t,
     &record_kavo_ilkn_lane_cfg_t,
+    &record_kavo_macsec_vport_config_t,
+    &record_kavo_macsec_vport_read_params_t,
+    &record_kavo_macsec_rule_config_others_t,
+    &record_kavo_macsec_rule_config_pbb_t,
+    &record_kavo_macsec_rule_config_mpls_t,
+    &record_kavo_macsec_rule_config_type_u,
+    &record_kavo_macsec_rule_config_t,
+    &record_kavo_macsec_egress_sa_flow_control_t,
+    &record_kavo_macsec_ingress_sa_flow_control_t,
+    &record_kavo_macsec_sa_flow_control_u,
+    &record_kavo_macsec_sa_config_t,
+    &record_kavo_macsec_sa_update_t,
+    &record_kavo_macsec_sa_next_pn_t,
+    &record_kavo_macsec_channel_config_t,
+    &record_kavo_macsec_channel_global_config_t,
+    &record_kavo_macsec_notification_summary_t,
+    &record_kavo_macsec_notification_t,
+    &record_kavo_macsec_channel_vport_list_t,
+    &record_kavo_macsec_vport_rule_list_t,
+    &record_kavo_macsec_vport_sa_list_t,
+    &record_kavo_stats_macsec_sa_t,
+    &record_kavo_stats_macsec_rule_t,
+    &record_kavo_stats_macsec_vport_t,
+    &record_kavo_stats_macsec_channel_dir_t,
+    &record_kavo_stats_macsec_channel_t,
     &record_kavo_pmon_cfg_t,
 };
 const size_t NUM_RECORDS = sizeof(RECORDS) / sizeof(RECORDS[0]);

@@ -10,6 +10,7 @@
 #include "kavo/gen/kavo_htl_types.h"
 #include "kavo/gen/kavo_ilkn_types.h"
 #include "kavo/gen/kavo_ipi_types.h"
+#include "kavo/gen/kavo_macsec_types.h"
 #include "kavo/gen/kavo_pmon_types.h"
 #include "kavo/gen/kavo_segment_types.h"
 
