@@ -149,6 +149,7 @@ static const char* sim_knob_t_name(UINT32 value)
     case 34: return "SIM_KNOB_TRAFFIC_FCS_ERRORS";
     case 35: return "SIM_KNOB_PATH_DELAY_NS";
     case 48: return "SIM_KNOB_TCAM_ERRORS";
+    case 49: return "SIM_KNOB_MUX_SELECT_PIN";
     case 63: return "SIM_KNOB_SEED";
     case 64: return "LAST_SIM_KNOB";
     default: return nullptr;
@@ -183,6 +184,7 @@ static const velt_enum_entry_t sim_knob_t_entries[] = {
     {"SIM_KNOB_TRAFFIC_FCS_ERRORS", 34},
     {"SIM_KNOB_PATH_DELAY_NS", 35},
     {"SIM_KNOB_TCAM_ERRORS", 48},
+    {"SIM_KNOB_MUX_SELECT_PIN", 49},
     {"SIM_KNOB_SEED", 63},
     {"LAST_SIM_KNOB", 64}
 };
