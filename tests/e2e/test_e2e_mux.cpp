@@ -4,7 +4,15 @@
 // supervision only.
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "kavo_test_device.h"
 #include "kavo_test_log.h"
@@ -278,3 +286,60 @@ TEST_F(mux_test, LinkLossSwitchesUnderFirmwareSupervisionOnly)
     EXPECT_TRUE(interrupted());
 }
 #endif
+
+namespace {
+
+/* kavoctl's output (standard output only) and exit status; the tool sits beside the sim tools in the build. */
+std::pair<int, std::string> kavoctl(const std::string& args)
+{
+    const std::string tool = std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl";
+    FILE* pipe = popen((tool + " " + args + " 2>/dev/null").c_str(), "r");
+    std::string out;
+    if (pipe == nullptr) return {-1, out};
+    char chunk[4096];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0;)
+        out.append(chunk, n);
+    const int raw = pclose(pipe);
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, out};
+}
+
+}  // namespace
+
+TEST(kavoctl_views, MuxAndClockShow)
+{
+    if (access((std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl").c_str(), X_OK) != 0)
+        GTEST_SKIP() << "kavoctl is not built";
+    const std::string script = ::testing::TempDir() + "kavoctl_mux_views.txt";
+    std::ofstream(script) << "call kavo_device_config device_cfg.device_mode=KAVO_DEVICE_MODE_1200G_ENET "
+                             "device_cfg.mux_mode=1\n"
+                             "call kavo_mux_config mux_cfg.hold_off_ms=20\n"
+                             "call kavo_mux_active_select_set active_select=KAVO_MUX_ACTIVE_SELECT_LINE_B\n"
+                             "mux show\n"
+                             "call kavo_pgmrclk_cfg clk_id=1 clk_source=KAVO_PGMRCLK_INPUT_SOURCE_SERDES "
+                             "clk_source_idx=4 input_clk_freq=156.25 output_clk_freq=15.625 enable=1\n"
+                             "clock show\n";
+    struct {
+        std::string args;
+        int status;
+        std::vector<std::string> shows;
+    } cases[] = {
+        {"run " + script,
+         0,
+         {"traffic on line B, ACTIVE, HOST supervision, selected by REGISTER\n",
+          "1 switches, the last at ", "hold-off 20 ms, non-revertive\n", "clock 0: not configured\n",
+          "clock 1: on, 15.625000 MHz = 156.250000 MHz / 10 from SERDES 4, requested 15.625000 MHz\n"}},
+        {"--json run " + script,
+         0,
+         {"\"active_select\":\"KAVO_MUX_ACTIVE_SELECT_LINE_B\"", "\"switch_count\":1",
+          "\"achieved_clk_freq\":15.625,\"clk_id\":\"KAVO_PGMRCLK_ID_1\"", "\"divider\":10"}},
+        {"--json mux show", 1, {"{\"result\":16,\"result_name\":\"KAVO_ERR_FW_NOT_CONFIGURED\"}\n"}},
+        {"clock show 4", 2, {}},
+        {"mux", 2, {}},
+    };
+    for (const auto& c : cases) {
+        const auto [status, out] = kavoctl(c.args);
+        EXPECT_EQ(status, c.status) << c.args << "\n" << out;
+        for (const auto& part : c.shows)
+            EXPECT_NE(out.find(part), std::string::npos) << c.args << ": " << part << "\n" << out;
+    }
+}
