@@ -27,6 +27,14 @@ constexpr UINT32 HMUX_BIT = 1u << VELT_IPI_HMUX_STATE_CHANGE;
 constexpr kavo_mux_active_select_t A = KAVO_MUX_ACTIVE_SELECT_LINE_A;
 constexpr kavo_mux_active_select_t B = KAVO_MUX_ACTIVE_SELECT_LINE_B;
 
+VELT_ERROR configure_device(bool mux_mode)
+{
+    kavo_config_t c;
+    c.device_mode = KAVO_DEVICE_MODE_1200G_ENET;
+    c.mux_mode = mux_mode;
+    return kavo_device_config(ID, &c);
+}
+
 class mux_test : public device_test {
   protected:
     /* A device configured for the mux, and the mux configured. */
@@ -38,13 +46,6 @@ class mux_test : public device_test {
         cfg.supervisor_mode = KAVO_MUX_SUPERVISOR_MODE_HOST;
         cfg.hold_off_ms = 50;
         ASSERT_EQ(kavo_mux_config(ID, &cfg), VELT_SUCCESS) << take();
-    }
-    VELT_ERROR configure_device(bool mux_mode)
-    {
-        kavo_config_t c;
-        c.device_mode = KAVO_DEVICE_MODE_1200G_ENET;
-        c.mux_mode = mux_mode;
-        return kavo_device_config(ID, &c);
     }
     VELT_ERROR place(UINT32 line, kavo_mux_active_select_t side, UINT32 host, BOOL32 enable = 1)
     {
@@ -80,15 +81,10 @@ TEST_F(device_test, MuxAnswersOnlyOnADeviceConfiguredForIt)
     kavo_mux_dev_config_t cfg;
     kavo_mux_status_t s;
     EXPECT_EQ(kavo_mux_config(ID, &cfg), UINT32(KAVO_ERR_FW_NOT_CONFIGURED)) << "device not configured";
-    kavo_config_t c;
-    c.device_mode = KAVO_DEVICE_MODE_1200G_ENET;
-    ASSERT_EQ(kavo_device_config(ID, &c), VELT_SUCCESS);
+    ASSERT_EQ(configure_device(false), VELT_SUCCESS);
     EXPECT_EQ(kavo_mux_config(ID, &cfg), UINT32(RUNTIME_OPERATION_NOT_SUPPORTED)) << "configured without the mux";
-    c.mux_mode = 1;
-    ASSERT_EQ(kavo_device_config(ID, &c), VELT_SUCCESS);
+    ASSERT_EQ(configure_device(true), VELT_SUCCESS);
     EXPECT_EQ(kavo_mux_status_get(ID, &s), UINT32(KAVO_ERR_FW_NOT_CONFIGURED)) << "mux not configured yet";
-    EXPECT_EQ(kavo_mux_config(ID, &cfg), VELT_SUCCESS);
-    EXPECT_EQ(kavo_mux_status_get(ID, &s), VELT_SUCCESS);
     EXPECT_EQ(kavo_mux_config(ID, nullptr), UINT32(VELT_ERR_INVALID_ARGS));
     EXPECT_TRUE(kavo_test::has(take(), " NULL Pointer supplied for Input parameter\n"));
 }
@@ -190,6 +186,13 @@ TEST_F(mux_test, HostMovesTheSideWithinWhatTheStateAllows)
     }
     EXPECT_EQ(status().state, KAVO_MUX_STATE_ACTIVE);
     EXPECT_FALSE(interrupted()) << "the host's own moves are not announced";
+    // Firmware supervision with neither side's channels provisioned: no link, no flapping.
+    ASSERT_EQ(kavo_mux_supervisor_mode_set(ID, KAVO_MUX_SUPERVISOR_MODE_FW), VELT_SUCCESS);
+    ASSERT_EQ(place(0, A, 10), VELT_SUCCESS);
+    ASSERT_EQ(place(1, B, 10), VELT_SUCCESS);
+    chip()->advance_time(1000000);
+    EXPECT_EQ(status().switch_count, 3u);
+    EXPECT_EQ(status().line_a_link_up + status().line_b_link_up, 0u);
     EXPECT_EQ(kavo_mux_config(ID, &cfg), VELT_SUCCESS);
     EXPECT_EQ(status().switch_count, 0u) << "a configuration restarts the count";
     EXPECT_EQ(status().active_select, A);
@@ -224,21 +227,6 @@ TEST_F(mux_test, SelectPinDecidesWithItsPolarityAndIsAnnounced)
     EXPECT_EQ(status().switch_count, 2u);
 }
 
-TEST_F(mux_test, NoSwitchWhileNeitherSideHasLink)
-{
-    ASSERT_EQ(kavo_mux_supervisor_mode_set(ID, KAVO_MUX_SUPERVISOR_MODE_FW), VELT_SUCCESS);
-    ASSERT_EQ(place(0, A, 10), VELT_SUCCESS);
-    ASSERT_EQ(place(1, B, 10), VELT_SUCCESS);
-    for (int i = 0; i < 3; ++i) {
-        chip()->advance_time(100000);
-        const kavo_mux_status_t s = status();
-        EXPECT_EQ(s.active_select, A);
-        EXPECT_EQ(s.line_a_link_up, 0u) << "channels not provisioned";
-        EXPECT_EQ(s.switch_count, 0u);
-    }
-    EXPECT_FALSE(interrupted());
-}
-
 #if __has_include("kavo/kavo_api_enet.h")
 // Line side A on channel 0 (SerDes port 0), side B on channel 1 (port 1): the
 // partner knob of a side's port takes its link down.
@@ -254,10 +242,19 @@ TEST_F(mux_test, LinkLossSwitchesUnderFirmwareSupervisionOnly)
     chip()->advance_time(100000);
     kavo_mux_status_t s = status();
     ASSERT_TRUE(s.line_a_link_up && s.line_b_link_up);
+    // A clock recovered from side A's channel, held while that channel has no link.
+    kavo_pgmrclk_cfg_get_t clk;
+    ASSERT_EQ(kavo_pgmrclk_cfg(ID, KAVO_PGMRCLK_ID_0, KAVO_PGMRCLK_INPUT_SOURCE_ENET_CHNL, 0, 156.25, 15.625, 1),
+              VELT_SUCCESS);
+    ASSERT_EQ(kavo_pgmrclk_squelch_enable(ID, KAVO_PGMRCLK_ID_0, 0xFFFFFFFF, 0), VELT_SUCCESS);
+    ASSERT_EQ(kavo_pgmrclk_cfg_get(ID, KAVO_PGMRCLK_ID_0, &clk), VELT_SUCCESS);
+    EXPECT_EQ(clk.squelched, 0u);
 
     // Host supervision: the loss is reported, nothing moves.
     chip()->knob_set(SIM_KNOB_LINK_PARTNER, 0, 0);
     chip()->advance_time(100000);
+    ASSERT_EQ(kavo_pgmrclk_cfg_get(ID, KAVO_PGMRCLK_ID_0, &clk), VELT_SUCCESS);
+    EXPECT_EQ(clk.squelched, 1u);
     s = status();
     EXPECT_FALSE(s.line_a_link_up);
     EXPECT_EQ(s.active_select, A);
