@@ -123,4 +123,7 @@ TEST_F(pe_test, ProvisioningClaimsTheHostChannelUntilDeprovisioned)
     EXPECT_EQ(channel(7), KAVO_SEGMENT_TYPE_UNUSED);
     EXPECT_EQ(kavo_pe_deprov(ID, KAVO_PE_HOST_ID_2), UINT32(KAVO_FW_ERR_INVALID_PARAMETERS)) << "not provisioned";
     EXPECT_EQ(kavo_pe_prov(ID, KAVO_PE_HOST_ID_2, &c), VELT_SUCCESS) << "provisioned again after its release";
+    ASSERT_EQ(configure(KAVO_DEVICE_MODE_1200G_ILKN), VELT_SUCCESS);
+    EXPECT_EQ(kavo_pe_deprov(ID, KAVO_PE_HOST_ID_2), VELT_SUCCESS) << "a host is released in any mode";
+    EXPECT_EQ(channel(7), KAVO_SEGMENT_TYPE_UNUSED);
 }

@@ -20,26 +20,21 @@ void host_prov(firmware& fw, const request& req, reply& rep)
         rep.result = KAVO_FW_ERR_INVALID_PARAMETERS;
         return;
     }
-    if (!fw.device.configured) {
-        rep.result = KAVO_ERR_FW_NOT_CONFIGURED;
-        return;
-    }
-    if (fw.device.config.device_mode != KAVO_DEVICE_MODE_1200G_ENET) {
-        rep.result = PE_CANNOT_USE_API_IN_THIS_DEVICE_MODE;
-        return;
-    }
     pe_model::host& h = fw.model.pe.hosts[id];
-    if (prov == 0) {
-        // The payload of a deprovisioning carries nothing.
-        if (!h.provisioned) {
-            rep.result = KAVO_FW_ERR_INVALID_PARAMETERS;
-            return;
-        }
+    if (prov == 0 && h.provisioned) {
+        // Released in any device mode; the payload of a deprovisioning carries nothing.
         fw.device.channels[h.cfg.host_chnl_id] = KAVO_SEGMENT_TYPE_UNUSED;
         fw.console("pe host %u deprovisioned, channel %u released\n", id, h.cfg.host_chnl_id);
         h = {};
         return;
     }
+    if (!fw.device.configured)
+        rep.result = KAVO_ERR_FW_NOT_CONFIGURED;
+    else if (fw.device.config.device_mode != KAVO_DEVICE_MODE_1200G_ENET)
+        rep.result = PE_CANNOT_USE_API_IN_THIS_DEVICE_MODE;
+    else if (prov == 0)
+        rep.result = KAVO_FW_ERR_INVALID_PARAMETERS; // not provisioned
+    if (rep.result != VELT_SUCCESS) return;
     kavo_pe_config_t c;
     if (req.data.size() != sizeof(c) || !req.payload(c)) {
         rep.result = KAVO_FW_ERR_INVALID_PARAMETERS;
