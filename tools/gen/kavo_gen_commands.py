@@ -502,7 +502,9 @@ class Generator:
                 lines.append(f"{a.type} {a.name} = {null}in_{a.name}.get();")
             else:
                 lines.append(f"wire_output<{a.base}> out_{a.name};")
-                null = "r.null_outputs ? nullptr : " if a.name in result_outs else ""
+                # An output checked before the send is nulled with the inputs.
+                null = ("r.null_inputs ? nullptr : " if a.name in null_in else
+                        "r.null_outputs ? nullptr : " if a.name in result_outs else "")
                 lines.append(f"{a.type} {a.name} = {null}out_{a.name}.get();")
                 if c.reply == a.name:
                     checks.append((a, None))

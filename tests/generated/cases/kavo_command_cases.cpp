@@ -73,7 +73,7 @@ VELT_ERROR run_kavo_debug_tcam_scrubbing_stats_get(wire_run& r)
     const UINT32 device_id = r.device_id;
     const BOOL32 reset = 1;
     wire_output<kavo_debug_macsec_tcam_scrub_stats_t> out_stats_ptr;
-    kavo_debug_macsec_tcam_scrub_stats_t* stats_ptr = out_stats_ptr.get();
+    kavo_debug_macsec_tcam_scrub_stats_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
