@@ -890,6 +890,47 @@ class kavo_macsec_notification_get_commands_t(IntEnum):
     KAVO_MACSEC_NOTIFICATION_GET_SA_EXPIRED = 1
     LAST_KAVO_MACSEC_NOTIFICATION_GET = 2
 
+class kavo_mux_supervisor_mode_t(IntEnum):
+    KAVO_MUX_SUPERVISOR_MODE_HOST = 0
+    KAVO_MUX_SUPERVISOR_MODE_FW = 1
+    LAST_KAVO_MUX_SUPERVISOR_MODE = 2
+
+class kavo_mux_active_select_t(IntEnum):
+    KAVO_MUX_ACTIVE_SELECT_LINE_A = 0
+    KAVO_MUX_ACTIVE_SELECT_LINE_B = 1
+    LAST_KAVO_MUX_ACTIVE_SELECT = 2
+
+class kavo_mux_state_t(IntEnum):
+    KAVO_MUX_STATE_ACTIVE = 0
+    KAVO_MUX_STATE_STANDBY = 1
+    KAVO_MUX_STATE_FORCED = 2
+    KAVO_MUX_STATE_LOCKOUT = 3
+    LAST_KAVO_MUX_STATE = 4
+
+class kavo_mux_input_select_source_t(IntEnum):
+    KAVO_MUX_INPUT_SELECT_SOURCE_REGISTER = 0
+    KAVO_MUX_INPUT_SELECT_SOURCE_PIN = 1
+    LAST_KAVO_MUX_INPUT_SELECT_SOURCE = 2
+
+class kavo_pe_host_id_t(IntEnum):
+    KAVO_PE_HOST_ID_0 = 0
+    KAVO_PE_HOST_ID_1 = 1
+    KAVO_PE_HOST_ID_2 = 2
+    LAST_KAVO_PE_HOST_ID = 3
+
+class kavo_pgmrclk_id_t(IntEnum):
+    KAVO_PGMRCLK_ID_0 = 0
+    KAVO_PGMRCLK_ID_1 = 1
+    KAVO_PGMRCLK_ID_2 = 2
+    KAVO_PGMRCLK_ID_3 = 3
+    LAST_KAVO_PGMRCLK_ID = 4
+
+class kavo_pgmrclk_input_source_t(IntEnum):
+    KAVO_PGMRCLK_INPUT_SOURCE_REF_CLK = 0
+    KAVO_PGMRCLK_INPUT_SOURCE_SERDES = 1
+    KAVO_PGMRCLK_INPUT_SOURCE_ENET_CHNL = 2
+    LAST_KAVO_PGMRCLK_INPUT_SOURCE = 3
+
 class kavo_pmon_print_sel_t(IntEnum):
     KAVO_PMON_PRINT_NONE = 0
     KAVO_PMON_PRINT_ALL_NON_ZERO = 1
@@ -965,6 +1006,7 @@ class sim_knob_t(IntEnum):
     SIM_KNOB_TRAFFIC_FCS_ERRORS = 34
     SIM_KNOB_PATH_DELAY_NS = 35
     SIM_KNOB_TCAM_ERRORS = 48
+    SIM_KNOB_MUX_SELECT_PIN = 49
     SIM_KNOB_SEED = 63
     LAST_SIM_KNOB = 64
 
@@ -1006,6 +1048,10 @@ class kavo_chnl_info_t(Record):
 class kavo_dcsu_cfg_get_t(Record):
     _init_ = "kavo_dcsu_cfg_get_t_init"
     _fields_ = [("iddq_mode", ctypes.c_uint32), ("dcsu_reset", ctypes.c_uint32), ("boot_mode", ctypes.c_uint32), ("sw_reset", ctypes.c_uint32), ("iddq", ctypes.c_uint32), ("atmsb", ctypes.c_uint32), ("enb", ctypes.c_uint32), ("osc_clk_en", ctypes.c_uint32), ("arstb", ctypes.c_uint32), ("shift_clk_sel", (ctypes.c_uint32 * 8)), ("ac_pulse_req", (ctypes.c_uint32 * 8)), ("clk_stop", (ctypes.c_uint32 * 8)), ("clk_bypass_en", (ctypes.c_uint32 * 8)), ("post_sync_en", (ctypes.c_uint32 * 8)), ("post_sync_cnt", ctypes.c_uint32), ("pre_div_by", ctypes.c_uint32), ("post_div_by", (ctypes.c_uint32 * 8)), ("fb_int_div_rd", ctypes.c_uint32), ("fb_int_div", ctypes.c_uint32), ("fb_div_numerator", ctypes.c_uint32), ("fb_div_denumerator", ctypes.c_uint32), ("m_en", ctypes.c_uint32), ("m_int_div", ctypes.c_uint32), ("m_numerator", ctypes.c_uint32), ("m_stepsize", ctypes.c_uint32)]
+
+class kavo_debug_macsec_tcam_scrub_stats_t(Record):
+    _init_ = "kavo_debug_macsec_tcam_scrub_stats_t_init"
+    _fields_ = [("scrub_passes", ctypes.c_uint32), ("errors_corrected", ctypes.c_uint32), ("last_error_pass", ctypes.c_uint32), ("scrub_period_ms", ctypes.c_uint32)]
 
 class kavo_fw_hdr_t(Record):
     _init_ = "kavo_fw_hdr_t_init"
@@ -1131,6 +1177,30 @@ class kavo_stats_macsec_channel_t(Record):
     _init_ = "kavo_stats_macsec_channel_t_init"
     _fields_ = [("egress", kavo_stats_macsec_channel_dir_t), ("ingress", kavo_stats_macsec_channel_dir_t)]
 
+class kavo_mux_dev_config_t(Record):
+    _init_ = "kavo_mux_dev_config_t_init"
+    _fields_ = [("supervisor_mode", ctypes.c_uint32), ("initial_select", ctypes.c_uint32), ("hold_off_ms", ctypes.c_uint32), ("wait_to_restore_ms", ctypes.c_uint32), ("revertive", ctypes.c_uint32)]
+
+class kavo_mux_chnl_config_t(Record):
+    _init_ = "kavo_mux_chnl_config_t_init"
+    _fields_ = [("line_side", ctypes.c_uint32), ("host_chnl_id", ctypes.c_uint32), ("enable", ctypes.c_uint32)]
+
+class kavo_mux_status_t(Record):
+    _init_ = "kavo_mux_status_t_init"
+    _fields_ = [("state", ctypes.c_uint32), ("supervisor_mode", ctypes.c_uint32), ("active_select", ctypes.c_uint32), ("input_select_source", ctypes.c_uint32), ("inv_polarity", ctypes.c_uint32), ("select_pin", ctypes.c_uint32), ("line_a_link_up", ctypes.c_uint32), ("line_b_link_up", ctypes.c_uint32), ("switch_count", ctypes.c_uint32), ("last_switch_ms", ctypes.c_uint32)]
+
+class kavo_pe_config_t(Record):
+    _init_ = "kavo_pe_config_t_init"
+    _fields_ = [("host_chnl_id", ctypes.c_uint32), ("host_rate_gbps", ctypes.c_uint32), ("num_maps", ctypes.c_uint32), ("vlan_id", (ctypes.c_uint16 * 8)), ("line_chnl_id", (ctypes.c_uint8 * 8)), ("pfc_class", (ctypes.c_uint8 * 8)), ("tpid", ctypes.c_uint32)]
+
+class kavo_pgmrclk_cfg_t(Record):
+    _init_ = "kavo_pgmrclk_cfg_t_init"
+    _fields_ = [("clk_id", ctypes.c_uint32), ("clk_source", ctypes.c_uint32), ("clk_source_idx", ctypes.c_uint32), ("enable", ctypes.c_uint32), ("input_clk_freq", ctypes.c_double), ("output_clk_freq", ctypes.c_double)]
+
+class kavo_pgmrclk_cfg_get_t(Record):
+    _init_ = "kavo_pgmrclk_cfg_get_t_init"
+    _fields_ = [("clk_id", ctypes.c_uint32), ("clk_source", ctypes.c_uint32), ("clk_source_idx", ctypes.c_uint32), ("enable", ctypes.c_uint32), ("input_clk_freq", ctypes.c_double), ("output_clk_freq", ctypes.c_double), ("achieved_clk_freq", ctypes.c_double), ("divider", ctypes.c_uint32), ("squelch_serdes_id", ctypes.c_uint32), ("squelch_enet_chnl_id", ctypes.c_uint32), ("squelched", ctypes.c_uint32)]
+
 # Sizes and offsets the records must have (the C library checks them at compile time).
 SIZES = {
     "kavo_ilkn_intf_cfg_t": 32,
@@ -1141,6 +1211,7 @@ SIZES = {
     "kavo_status_info_t": 48,
     "kavo_chnl_info_t": 192,
     "kavo_dcsu_cfg_get_t": 268,
+    "kavo_debug_macsec_tcam_scrub_stats_t": 16,
     "kavo_fw_hdr_t": 64,
     "velt_fw_fixed_version_info_t": 8,
     "velt_sys_fw_stats_t": 80,
@@ -1172,6 +1243,12 @@ SIZES = {
     "kavo_stats_macsec_vport_t": 72,
     "kavo_stats_macsec_channel_dir_t": 48,
     "kavo_stats_macsec_channel_t": 96,
+    "kavo_mux_dev_config_t": 20,
+    "kavo_mux_chnl_config_t": 12,
+    "kavo_mux_status_t": 40,
+    "kavo_pe_config_t": 48,
+    "kavo_pgmrclk_cfg_t": 32,
+    "kavo_pgmrclk_cfg_get_t": 56,
 }
 OFFSETS = [
     ("kavo_ilkn_intf_cfg_t", "metaframe", 0),
@@ -1221,6 +1298,10 @@ OFFSETS = [
     ("kavo_dcsu_cfg_get_t", "fb_int_div_rd", 236),
     ("kavo_dcsu_cfg_get_t", "m_en", 252),
     ("kavo_dcsu_cfg_get_t", "m_stepsize", 264),
+    ("kavo_debug_macsec_tcam_scrub_stats_t", "scrub_passes", 0),
+    ("kavo_debug_macsec_tcam_scrub_stats_t", "errors_corrected", 4),
+    ("kavo_debug_macsec_tcam_scrub_stats_t", "last_error_pass", 8),
+    ("kavo_debug_macsec_tcam_scrub_stats_t", "scrub_period_ms", 12),
     ("kavo_fw_hdr_t", "header_rev", 0),
     ("kavo_fw_hdr_t", "device_rev", 4),
     ("kavo_fw_hdr_t", "image_crc", 8),
@@ -1370,6 +1451,48 @@ OFFSETS = [
     ("kavo_stats_macsec_channel_dir_t", "pkts_secured", 40),
     ("kavo_stats_macsec_channel_t", "egress", 0),
     ("kavo_stats_macsec_channel_t", "ingress", 48),
+    ("kavo_mux_dev_config_t", "supervisor_mode", 0),
+    ("kavo_mux_dev_config_t", "initial_select", 4),
+    ("kavo_mux_dev_config_t", "hold_off_ms", 8),
+    ("kavo_mux_dev_config_t", "wait_to_restore_ms", 12),
+    ("kavo_mux_dev_config_t", "revertive", 16),
+    ("kavo_mux_chnl_config_t", "line_side", 0),
+    ("kavo_mux_chnl_config_t", "host_chnl_id", 4),
+    ("kavo_mux_chnl_config_t", "enable", 8),
+    ("kavo_mux_status_t", "state", 0),
+    ("kavo_mux_status_t", "supervisor_mode", 4),
+    ("kavo_mux_status_t", "active_select", 8),
+    ("kavo_mux_status_t", "input_select_source", 12),
+    ("kavo_mux_status_t", "inv_polarity", 16),
+    ("kavo_mux_status_t", "select_pin", 20),
+    ("kavo_mux_status_t", "line_a_link_up", 24),
+    ("kavo_mux_status_t", "line_b_link_up", 28),
+    ("kavo_mux_status_t", "switch_count", 32),
+    ("kavo_mux_status_t", "last_switch_ms", 36),
+    ("kavo_pe_config_t", "host_chnl_id", 0),
+    ("kavo_pe_config_t", "host_rate_gbps", 4),
+    ("kavo_pe_config_t", "num_maps", 8),
+    ("kavo_pe_config_t", "vlan_id", 12),
+    ("kavo_pe_config_t", "line_chnl_id", 28),
+    ("kavo_pe_config_t", "pfc_class", 36),
+    ("kavo_pe_config_t", "tpid", 44),
+    ("kavo_pgmrclk_cfg_t", "clk_id", 0),
+    ("kavo_pgmrclk_cfg_t", "clk_source", 4),
+    ("kavo_pgmrclk_cfg_t", "clk_source_idx", 8),
+    ("kavo_pgmrclk_cfg_t", "enable", 12),
+    ("kavo_pgmrclk_cfg_t", "input_clk_freq", 16),
+    ("kavo_pgmrclk_cfg_t", "output_clk_freq", 24),
+    ("kavo_pgmrclk_cfg_get_t", "clk_id", 0),
+    ("kavo_pgmrclk_cfg_get_t", "clk_source", 4),
+    ("kavo_pgmrclk_cfg_get_t", "clk_source_idx", 8),
+    ("kavo_pgmrclk_cfg_get_t", "enable", 12),
+    ("kavo_pgmrclk_cfg_get_t", "input_clk_freq", 16),
+    ("kavo_pgmrclk_cfg_get_t", "output_clk_freq", 24),
+    ("kavo_pgmrclk_cfg_get_t", "achieved_clk_freq", 32),
+    ("kavo_pgmrclk_cfg_get_t", "divider", 40),
+    ("kavo_pgmrclk_cfg_get_t", "squelch_serdes_id", 44),
+    ("kavo_pgmrclk_cfg_get_t", "squelch_enet_chnl_id", 48),
+    ("kavo_pgmrclk_cfg_get_t", "squelched", 52),
 ]
 
 kavo_sdk_init = command("kavo_sdk_init", "code", [("context", ctypes.c_void_p, "opaque", None)],
@@ -1408,6 +1531,8 @@ kavo_function_logging_set = command("kavo_function_logging_set", None, [("enable
     "Turns the per-command call trace on or off (on at load).")
 kavo_status_logging_set = command("kavo_status_logging_set", None, [("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
     "Turns the call trace of the status-polling commands on or off (off at load).")
+kavo_debug_tcam_scrubbing_stats_get = command("kavo_debug_tcam_scrubbing_stats_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("stats_ptr", ctypes.POINTER(kavo_debug_macsec_tcam_scrub_stats_t), "out_record", kavo_debug_macsec_tcam_scrub_stats_t)],
+    "Scrub passes and corrected memory errors since the last reset; reset clears them after the read.")
 kavo_ipi_interrupt_enable_set = command("kavo_ipi_interrupt_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
     "Enables or disables one interrupt group towards the host.")
 kavo_ipi_interrupt_status_get = command("kavo_ipi_interrupt_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("status", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
@@ -1480,3 +1605,31 @@ kavo_macsec_vport_sa_get = command("kavo_macsec_vport_sa_get", "code", [("device
     "Lists the SAs of vport vport_id.")
 kavo_macsec_vport_sa_stats_clear = command("kavo_macsec_vport_sa_stats_clear", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vport_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
     "Clears the counters of vport vport_id and of its SAs.")
+kavo_mux_config = command("kavo_mux_config", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mux_cfg", ctypes.POINTER(kavo_mux_dev_config_t), "in_record", kavo_mux_dev_config_t)],
+    "Configures the mux (on a device configured with mux_mode) and restarts it on\nthe initial side, ACTIVE, with the register as select source.")
+kavo_mux_config_get = command("kavo_mux_config_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cfg_ptr", ctypes.POINTER(kavo_mux_dev_config_t), "out_record", kavo_mux_dev_config_t)],
+    "Reads back the mux configuration, with the supervisor mode in force.")
+kavo_mux_supervisor_mode_set = command("kavo_mux_supervisor_mode_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mode", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Host supervision, or firmware supervision that switches sides on link loss.")
+kavo_mux_chnl_config_set = command("kavo_mux_chnl_config_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("line_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cfg_ptr", ctypes.POINTER(kavo_mux_chnl_config_t), "in_record", kavo_mux_chnl_config_t)],
+    "Places line channel line_chnl_id on a side of the mux for a host channel, or takes it out.")
+kavo_mux_status_get = command("kavo_mux_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("status_ptr", ctypes.POINTER(kavo_mux_status_t), "out_record", kavo_mux_status_t)],
+    "State, the side carrying traffic, each side's link, and the number of side changes.")
+kavo_mux_state_set = command("kavo_mux_state_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("state", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "ACTIVE, STANDBY, FORCED (no automatic switching) or LOCKOUT (held on line A).")
+kavo_mux_input_select_source_set = command("kavo_mux_input_select_source_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("input_select_source", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("inv_polarity", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Whether the register or the board's select pin (inv_polarity: high selects A) selects the side.")
+kavo_mux_active_select_set = command("kavo_mux_active_select_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("active_select", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Moves traffic to a line side; refused in LOCKOUT and while the select pin decides.")
+kavo_pe_prov = command("kavo_pe_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("host_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cfg_ptr", ctypes.POINTER(kavo_pe_config_t), "in_record", kavo_pe_config_t)],
+    "Provisions PE host host_id with its host channel and VLAN to line channel map (1200G Ethernet device mode only).")
+kavo_pe_deprov = command("kavo_pe_deprov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("host_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Deprovisions PE host host_id and releases its host channel.")
+kavo_pgmrclk_cfg = command("kavo_pgmrclk_cfg", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_source", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_source_idx", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("input_clk_freq", ctypes.c_double, "scalar", ctypes.c_double), ("output_clk_freq", ctypes.c_double, "scalar", ctypes.c_double), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Configures output clk_id to output_clk_freq MHz from a source of\ninput_clk_freq MHz; refused when no divider (1..4096) comes within 100 ppm.")
+kavo_pgmrclk_cfg_get = command("kavo_pgmrclk_cfg_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cfg", ctypes.POINTER(kavo_pgmrclk_cfg_get_t), "out_record", kavo_pgmrclk_cfg_get_t)],
+    "An output's configuration, the frequency its divider achieves, the divider and its squelch.")
+kavo_pgmrclk_enable = command("kavo_pgmrclk_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Turns a configured output on or off.")
+kavo_pgmrclk_squelch_enable = command("kavo_pgmrclk_squelch_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dlos_serdes_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Holds the output while SerDes port dlos_serdes_id has no signal or Ethernet\nchannel enet_chnl_id has no link (0xFFFFFFFF: not that cause; both: no squelch).")

@@ -10,7 +10,11 @@
 #include "kavo/kavo_sdk.h"
 #include "kavo/kavo_api_config.h"
 #include "kavo/kavo_api_debug.h"
+#include "kavo/kavo_api_debug_tcam.h"
 #include "kavo/kavo_api_ipi.h"
 #include "kavo/kavo_api_macsec.h"
+#include "kavo/kavo_api_mux.h"
+#include "kavo/kavo_api_pe.h"
+#include "kavo/kavo_api_pgmrclk.h"
 
 #endif /* KAVO_API_H */

@@ -68,6 +68,22 @@ VELT_ERROR run_kavo_dcsu_cfg_get(wire_run& r)
     return rc;
 }
 
+VELT_ERROR run_kavo_debug_tcam_scrubbing_stats_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const BOOL32 reset = 1;
+    wire_output<kavo_debug_macsec_tcam_scrub_stats_t> out_stats_ptr;
+    kavo_debug_macsec_tcam_scrub_stats_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_debug_tcam_scrubbing_stats_get(device_id, reset, stats_ptr);
+    r.observe(out_stats_ptr.holds(r.reply, sizeof(kavo_debug_macsec_tcam_scrub_stats_t)), out_stats_ptr.untouched());
+    return rc;
+}
+
 VELT_ERROR run_kavo_macsec_vport_add(wire_run& r)
 {
     const UINT32 device_id = r.device_id;
@@ -479,6 +495,203 @@ VELT_ERROR run_kavo_macsec_vport_sa_stats_clear(wire_run& r)
     return rc;
 }
 
+VELT_ERROR run_kavo_mux_config(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    wire_input<kavo_mux_dev_config_t> in_mux_cfg(1);
+    kavo_mux_dev_config_t* mux_cfg = r.null_inputs ? nullptr : in_mux_cfg.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(mux_cfg, 20);
+    const VELT_ERROR rc = kavo_mux_config(device_id, mux_cfg);
+    return rc;
+}
+
+VELT_ERROR run_kavo_mux_config_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    wire_output<kavo_mux_dev_config_t> out_cfg_ptr;
+    kavo_mux_dev_config_t* cfg_ptr = out_cfg_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_mux_config_get(device_id, cfg_ptr);
+    r.observe(out_cfg_ptr.holds(r.reply, 20), out_cfg_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_mux_supervisor_mode_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_mux_supervisor_mode_t mode = static_cast<kavo_mux_supervisor_mode_t>(wire_value(1));
+    r.info[0] = (UINT32)(mode);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_mux_supervisor_mode_set(device_id, mode);
+    return rc;
+}
+
+VELT_ERROR run_kavo_mux_chnl_config_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 line_chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_input<kavo_mux_chnl_config_t> in_cfg_ptr(2);
+    kavo_mux_chnl_config_t* cfg_ptr = r.null_inputs ? nullptr : in_cfg_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(line_chnl_id);
+    r.info[3] = 0u;
+    r.expect_payload(cfg_ptr, 12);
+    const VELT_ERROR rc = kavo_mux_chnl_config_set(device_id, line_chnl_id, cfg_ptr);
+    return rc;
+}
+
+VELT_ERROR run_kavo_mux_status_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    wire_output<kavo_mux_status_t> out_status_ptr;
+    kavo_mux_status_t* status_ptr = out_status_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_mux_status_get(device_id, status_ptr);
+    r.observe(out_status_ptr.holds(r.reply, sizeof(kavo_mux_status_t)), out_status_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_mux_state_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_mux_state_t state = static_cast<kavo_mux_state_t>(wire_value(1));
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = (UINT32)(state);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_mux_state_set(device_id, state);
+    return rc;
+}
+
+VELT_ERROR run_kavo_mux_input_select_source_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_mux_input_select_source_t input_select_source = static_cast<kavo_mux_input_select_source_t>(wire_value(1));
+    const BOOL32 inv_polarity = 1;
+    r.info[0] = (UINT32)(inv_polarity);
+    r.info[1] = (UINT32)(input_select_source);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_mux_input_select_source_set(device_id, input_select_source, inv_polarity);
+    return rc;
+}
+
+VELT_ERROR run_kavo_mux_active_select_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_mux_active_select_t active_select = static_cast<kavo_mux_active_select_t>(wire_value(1));
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = (UINT32)(active_select);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_mux_active_select_set(device_id, active_select);
+    return rc;
+}
+
+VELT_ERROR run_kavo_pe_prov(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_pe_host_id_t host_id = static_cast<kavo_pe_host_id_t>(wire_value(1));
+    wire_input<kavo_pe_config_t> in_cfg_ptr(2);
+    const kavo_pe_config_t* cfg_ptr = r.null_inputs ? nullptr : in_cfg_ptr.get();
+    r.info[0] = (UINT32)(host_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(1);
+    r.info[3] = 0u;
+    r.expect_payload(cfg_ptr, 48);
+    const VELT_ERROR rc = kavo_pe_prov(device_id, host_id, cfg_ptr);
+    return rc;
+}
+
+VELT_ERROR run_kavo_pgmrclk_cfg(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_pgmrclk_id_t clk_id = static_cast<kavo_pgmrclk_id_t>(wire_value(1));
+    const kavo_pgmrclk_input_source_t clk_source = static_cast<kavo_pgmrclk_input_source_t>(wire_value(2));
+    const UINT32 clk_source_idx = static_cast<UINT32>(wire_value(3));
+    const DOUBLE input_clk_freq = DOUBLE(1.5 + 4);
+    const DOUBLE output_clk_freq = DOUBLE(1.5 + 5);
+    const BOOL32 enable = 1;
+    r.info[0] = (UINT32)(clk_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_pgmrclk_cfg_t payload;
+    payload.clk_id = static_cast<decltype(payload.clk_id)>(clk_id);
+    payload.clk_source = static_cast<decltype(payload.clk_source)>(clk_source);
+    payload.clk_source_idx = static_cast<decltype(payload.clk_source_idx)>(clk_source_idx);
+    payload.enable = static_cast<decltype(payload.enable)>(enable);
+    payload.input_clk_freq = static_cast<decltype(payload.input_clk_freq)>(input_clk_freq);
+    payload.output_clk_freq = static_cast<decltype(payload.output_clk_freq)>(output_clk_freq);
+    r.expect_payload(&payload, 32);
+    const VELT_ERROR rc = kavo_pgmrclk_cfg(device_id, clk_id, clk_source, clk_source_idx, input_clk_freq, output_clk_freq, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_pgmrclk_cfg_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_pgmrclk_id_t clk_id = static_cast<kavo_pgmrclk_id_t>(wire_value(1));
+    wire_output<kavo_pgmrclk_cfg_get_t> out_cfg;
+    kavo_pgmrclk_cfg_get_t* cfg = out_cfg.get();
+    r.info[0] = (UINT32)(clk_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_pgmrclk_cfg_get(device_id, clk_id, cfg);
+    r.observe(out_cfg.holds(r.reply, sizeof(kavo_pgmrclk_cfg_get_t)), out_cfg.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_pgmrclk_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_pgmrclk_id_t clk_id = static_cast<kavo_pgmrclk_id_t>(wire_value(1));
+    const BOOL32 enable = 1;
+    r.info[0] = (UINT32)(clk_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_pgmrclk_enable(device_id, clk_id, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_pgmrclk_squelch_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const kavo_pgmrclk_id_t clk_id = static_cast<kavo_pgmrclk_id_t>(wire_value(1));
+    const UINT32 dlos_serdes_id = static_cast<UINT32>(wire_value(2));
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(3));
+    r.info[0] = (UINT32)(clk_id);
+    r.info[1] = (UINT32)(dlos_serdes_id);
+    r.info[2] = (UINT32)(enet_chnl_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_pgmrclk_squelch_enable(device_id, clk_id, dlos_serdes_id, enet_chnl_id);
+    return rc;
+}
+
 }  // namespace
 
 const wire_case WIRE_CASES[] = {
@@ -486,6 +699,7 @@ const wire_case WIRE_CASES[] = {
     {"kavo_device_config_get", "config", KAVO_HTL_OPERATION_CONFIG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(284), run_kavo_device_config_get},
     {"kavo_device_chnl_get", "config", KAVO_HTL_OPERATION_CHNL_INFO_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(192), run_kavo_device_chnl_get},
     {"kavo_dcsu_cfg_get", "config", KAVO_HTL_OPERATION_DCSU_CFG_GET, "none", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_dcsu_cfg_get_t)), run_kavo_dcsu_cfg_get},
+    {"kavo_debug_tcam_scrubbing_stats_get", "debug_tcam", KAVO_HTL_OPERATION_DEBUG_MACSEC_TCAM_SCRUB_STATS, "plain", false, true, VELT_ERR_INVALID_ARGS, (UINT32)(sizeof(kavo_debug_macsec_tcam_scrub_stats_t)), run_kavo_debug_tcam_scrubbing_stats_get},
     {"kavo_macsec_vport_add", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_ADD, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(0), run_kavo_macsec_vport_add},
     {"kavo_macsec_vport_read", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_READ, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_vport_read_params_t)), run_kavo_macsec_vport_read},
     {"kavo_macsec_vport_delete", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_DELETE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_vport_delete},
@@ -512,6 +726,19 @@ const wire_case WIRE_CASES[] = {
     {"kavo_macsec_vport_rule_get", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_RULE_LIST_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_vport_rule_list_t)), run_kavo_macsec_vport_rule_get},
     {"kavo_macsec_vport_sa_get", "macsec", KAVO_HTL_OPERATION_MACSEC_VPORT_SA_LIST_GET, "plain", false, true, MACSEC_ERR_INVALID_PARAMETERS, (UINT32)(sizeof(kavo_macsec_vport_sa_list_t)), run_kavo_macsec_vport_sa_get},
     {"kavo_macsec_vport_sa_stats_clear", "macsec", KAVO_HTL_OPERATION_STATS_MACSEC_VPORT_SA_CLEAR, "status", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_macsec_vport_sa_stats_clear},
+    {"kavo_mux_config", "mux", KAVO_HTL_OPERATION_HMUX_CONFIG, "plain", false, true, VELT_ERR_INVALID_ARGS, (UINT32)(0), run_kavo_mux_config},
+    {"kavo_mux_config_get", "mux", KAVO_HTL_OPERATION_HMUX_CONFIG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(20), run_kavo_mux_config_get},
+    {"kavo_mux_supervisor_mode_set", "mux", KAVO_HTL_OPERATION_HMUX_SUPERVISOR_MODE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_mux_supervisor_mode_set},
+    {"kavo_mux_chnl_config_set", "mux", KAVO_HTL_OPERATION_HMUX_CHNL_CONFIG_SET, "plain", false, true, VELT_ERR_INVALID_ARGS, (UINT32)(0), run_kavo_mux_chnl_config_set},
+    {"kavo_mux_status_get", "mux", KAVO_HTL_OPERATION_HMUX_STATUS_GET, "status", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_mux_status_t)), run_kavo_mux_status_get},
+    {"kavo_mux_state_set", "mux", KAVO_HTL_OPERATION_HMUX_STATE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_mux_state_set},
+    {"kavo_mux_input_select_source_set", "mux", KAVO_HTL_OPERATION_HMUX_INPUT_SELECT_SOURCE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_mux_input_select_source_set},
+    {"kavo_mux_active_select_set", "mux", KAVO_HTL_OPERATION_HMUX_ACTIVE_SELECT_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_mux_active_select_set},
+    {"kavo_pe_prov", "pe", KAVO_HTL_OPERATION_PE_HOST_PROV, "plain", false, true, VELT_ERR_INVALID_ARGS, (UINT32)(0), run_kavo_pe_prov},
+    {"kavo_pgmrclk_cfg", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_CFG, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pgmrclk_cfg},
+    {"kavo_pgmrclk_cfg_get", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_CFG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pgmrclk_cfg_get_t)), run_kavo_pgmrclk_cfg_get},
+    {"kavo_pgmrclk_enable", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_ENABLE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pgmrclk_enable},
+    {"kavo_pgmrclk_squelch_enable", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_SQUELCH_ENABLE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pgmrclk_squelch_enable},
 };
 const size_t NUM_WIRE_CASES = sizeof(WIRE_CASES) / sizeof(WIRE_CASES[0]);
 

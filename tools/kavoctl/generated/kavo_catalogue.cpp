@@ -57,6 +57,20 @@ const enum_value values_kavo_macsec_notification_type_t[] = {{"KAVO_MACSEC_NOTIF
 const enum_info enum_kavo_macsec_notification_type_t = {"kavo_macsec_notification_type_t", "KAVO_MACSEC_NOTIFICATION_", values_kavo_macsec_notification_type_t, 2};
 const enum_value values_kavo_macsec_notification_get_commands_t[] = {{"KAVO_MACSEC_NOTIFICATION_GET_PN_THRESHOLD", 0u}, {"KAVO_MACSEC_NOTIFICATION_GET_SA_EXPIRED", 1u}, {"LAST_KAVO_MACSEC_NOTIFICATION_GET", 2u}};
 const enum_info enum_kavo_macsec_notification_get_commands_t = {"kavo_macsec_notification_get_commands_t", "KAVO_MACSEC_NOTIFICATION_GET_", values_kavo_macsec_notification_get_commands_t, 3};
+const enum_value values_kavo_mux_supervisor_mode_t[] = {{"KAVO_MUX_SUPERVISOR_MODE_HOST", 0u}, {"KAVO_MUX_SUPERVISOR_MODE_FW", 1u}, {"LAST_KAVO_MUX_SUPERVISOR_MODE", 2u}};
+const enum_info enum_kavo_mux_supervisor_mode_t = {"kavo_mux_supervisor_mode_t", "KAVO_MUX_SUPERVISOR_MODE_", values_kavo_mux_supervisor_mode_t, 3};
+const enum_value values_kavo_mux_active_select_t[] = {{"KAVO_MUX_ACTIVE_SELECT_LINE_A", 0u}, {"KAVO_MUX_ACTIVE_SELECT_LINE_B", 1u}, {"LAST_KAVO_MUX_ACTIVE_SELECT", 2u}};
+const enum_info enum_kavo_mux_active_select_t = {"kavo_mux_active_select_t", "KAVO_MUX_ACTIVE_SELECT_LINE_", values_kavo_mux_active_select_t, 3};
+const enum_value values_kavo_mux_state_t[] = {{"KAVO_MUX_STATE_ACTIVE", 0u}, {"KAVO_MUX_STATE_STANDBY", 1u}, {"KAVO_MUX_STATE_FORCED", 2u}, {"KAVO_MUX_STATE_LOCKOUT", 3u}, {"LAST_KAVO_MUX_STATE", 4u}};
+const enum_info enum_kavo_mux_state_t = {"kavo_mux_state_t", "KAVO_MUX_STATE_", values_kavo_mux_state_t, 5};
+const enum_value values_kavo_mux_input_select_source_t[] = {{"KAVO_MUX_INPUT_SELECT_SOURCE_REGISTER", 0u}, {"KAVO_MUX_INPUT_SELECT_SOURCE_PIN", 1u}, {"LAST_KAVO_MUX_INPUT_SELECT_SOURCE", 2u}};
+const enum_info enum_kavo_mux_input_select_source_t = {"kavo_mux_input_select_source_t", "KAVO_MUX_INPUT_SELECT_SOURCE_", values_kavo_mux_input_select_source_t, 3};
+const enum_value values_kavo_pe_host_id_t[] = {{"KAVO_PE_HOST_ID_0", 0u}, {"KAVO_PE_HOST_ID_1", 1u}, {"KAVO_PE_HOST_ID_2", 2u}, {"LAST_KAVO_PE_HOST_ID", 3u}};
+const enum_info enum_kavo_pe_host_id_t = {"kavo_pe_host_id_t", "KAVO_PE_HOST_ID_", values_kavo_pe_host_id_t, 4};
+const enum_value values_kavo_pgmrclk_id_t[] = {{"KAVO_PGMRCLK_ID_0", 0u}, {"KAVO_PGMRCLK_ID_1", 1u}, {"KAVO_PGMRCLK_ID_2", 2u}, {"KAVO_PGMRCLK_ID_3", 3u}, {"LAST_KAVO_PGMRCLK_ID", 4u}};
+const enum_info enum_kavo_pgmrclk_id_t = {"kavo_pgmrclk_id_t", "KAVO_PGMRCLK_ID_", values_kavo_pgmrclk_id_t, 5};
+const enum_value values_kavo_pgmrclk_input_source_t[] = {{"KAVO_PGMRCLK_INPUT_SOURCE_REF_CLK", 0u}, {"KAVO_PGMRCLK_INPUT_SOURCE_SERDES", 1u}, {"KAVO_PGMRCLK_INPUT_SOURCE_ENET_CHNL", 2u}, {"LAST_KAVO_PGMRCLK_INPUT_SOURCE", 3u}};
+const enum_info enum_kavo_pgmrclk_input_source_t = {"kavo_pgmrclk_input_source_t", "KAVO_PGMRCLK_INPUT_SOURCE_", values_kavo_pgmrclk_input_source_t, 4};
 const enum_value values_kavo_pmon_print_sel_t[] = {{"KAVO_PMON_PRINT_NONE", 0u}, {"KAVO_PMON_PRINT_ALL_NON_ZERO", 1u}, {"KAVO_PMON_PRINT_ALL", 2u}, {"LAST_KAVO_PMON_PRINT_SEL", 3u}};
 const enum_info enum_kavo_pmon_print_sel_t = {"kavo_pmon_print_sel_t", "KAVO_PMON_PRINT_", values_kavo_pmon_print_sel_t, 4};
 const enum_value values_kavo_segment_type_t[] = {{"KAVO_SEGMENT_TYPE_UNUSED", 0u}, {"KAVO_SEGMENT_TYPE_ENET_PORT", 1u}, {"KAVO_SEGMENT_TYPE_ILKN_PKT", 2u}, {"KAVO_SEGMENT_TYPE_FLEXE_GROUP", 3u}, {"KAVO_SEGMENT_TYPE_FLEXE_CLIENT", 4u}, {"KAVO_SEGMENT_TYPE_ENET_ANLT", 5u}, {"KAVO_SEGMENT_TYPE_PE_HOST", 6u}, {"LAST_KAVO_SEGMENT_TYPE", 7u}};
@@ -69,6 +83,7 @@ extern const record_info record_kavo_device_status_info_t;
 extern const record_info record_kavo_status_info_t;
 extern const record_info record_kavo_chnl_info_t;
 extern const record_info record_kavo_dcsu_cfg_get_t;
+extern const record_info record_kavo_debug_macsec_tcam_scrub_stats_t;
 extern const record_info record_kavo_fw_hdr_t;
 extern const record_info record_velt_fw_fixed_version_info_t;
 extern const record_info record_velt_sys_fw_stats_t;
@@ -102,6 +117,12 @@ extern const record_info record_kavo_stats_macsec_rule_t;
 extern const record_info record_kavo_stats_macsec_vport_t;
 extern const record_info record_kavo_stats_macsec_channel_dir_t;
 extern const record_info record_kavo_stats_macsec_channel_t;
+extern const record_info record_kavo_mux_dev_config_t;
+extern const record_info record_kavo_mux_chnl_config_t;
+extern const record_info record_kavo_mux_status_t;
+extern const record_info record_kavo_pe_config_t;
+extern const record_info record_kavo_pgmrclk_cfg_t;
+extern const record_info record_kavo_pgmrclk_cfg_get_t;
 extern const record_info record_kavo_pmon_cfg_t;
 
 const member_info members_kavo_config_t[] = {
@@ -168,6 +189,13 @@ const member_info members_kavo_dcsu_cfg_get_t[] = {
     {"m_stepsize", offsetof(kavo_dcsu_cfg_get_t, m_stepsize), sizeof(((kavo_dcsu_cfg_get_t*)nullptr)->m_stepsize) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
 };
 const record_info record_kavo_dcsu_cfg_get_t = {"kavo_dcsu_cfg_get_t", sizeof(kavo_dcsu_cfg_get_t), false, members_kavo_dcsu_cfg_get_t, sizeof(members_kavo_dcsu_cfg_get_t) / sizeof(members_kavo_dcsu_cfg_get_t[0]), [](void* p) { kavo_dcsu_cfg_get_t_init((kavo_dcsu_cfg_get_t*)p); }, [](const void* p, FILE* f) { kavo_dcsu_cfg_get_t_print((const kavo_dcsu_cfg_get_t*)p, f); }};
+const member_info members_kavo_debug_macsec_tcam_scrub_stats_t[] = {
+    {"scrub_passes", offsetof(kavo_debug_macsec_tcam_scrub_stats_t, scrub_passes), sizeof(((kavo_debug_macsec_tcam_scrub_stats_t*)nullptr)->scrub_passes) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"errors_corrected", offsetof(kavo_debug_macsec_tcam_scrub_stats_t, errors_corrected), sizeof(((kavo_debug_macsec_tcam_scrub_stats_t*)nullptr)->errors_corrected) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"last_error_pass", offsetof(kavo_debug_macsec_tcam_scrub_stats_t, last_error_pass), sizeof(((kavo_debug_macsec_tcam_scrub_stats_t*)nullptr)->last_error_pass) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"scrub_period_ms", offsetof(kavo_debug_macsec_tcam_scrub_stats_t, scrub_period_ms), sizeof(((kavo_debug_macsec_tcam_scrub_stats_t*)nullptr)->scrub_period_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_debug_macsec_tcam_scrub_stats_t = {"kavo_debug_macsec_tcam_scrub_stats_t", sizeof(kavo_debug_macsec_tcam_scrub_stats_t), false, members_kavo_debug_macsec_tcam_scrub_stats_t, sizeof(members_kavo_debug_macsec_tcam_scrub_stats_t) / sizeof(members_kavo_debug_macsec_tcam_scrub_stats_t[0]), [](void* p) { kavo_debug_macsec_tcam_scrub_stats_t_init((kavo_debug_macsec_tcam_scrub_stats_t*)p); }, [](const void* p, FILE* f) { kavo_debug_macsec_tcam_scrub_stats_t_print((const kavo_debug_macsec_tcam_scrub_stats_t*)p, f); }};
 const member_info members_kavo_fw_hdr_t[] = {
     {"header_rev", offsetof(kavo_fw_hdr_t, header_rev), sizeof(((kavo_fw_hdr_t*)nullptr)->header_rev) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
     {"device_rev", offsetof(kavo_fw_hdr_t, device_rev), sizeof(((kavo_fw_hdr_t*)nullptr)->device_rev) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
@@ -432,6 +460,66 @@ const member_info members_kavo_stats_macsec_channel_t[] = {
     {"ingress", offsetof(kavo_stats_macsec_channel_t, ingress), sizeof(((kavo_stats_macsec_channel_t*)nullptr)->ingress) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_stats_macsec_channel_dir_t, false},
 };
 const record_info record_kavo_stats_macsec_channel_t = {"kavo_stats_macsec_channel_t", sizeof(kavo_stats_macsec_channel_t), false, members_kavo_stats_macsec_channel_t, sizeof(members_kavo_stats_macsec_channel_t) / sizeof(members_kavo_stats_macsec_channel_t[0]), [](void* p) { kavo_stats_macsec_channel_t_init((kavo_stats_macsec_channel_t*)p); }, [](const void* p, FILE*) { kavo_stats_macsec_channel_t_print((const kavo_stats_macsec_channel_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_mux_dev_config_t[] = {
+    {"supervisor_mode", offsetof(kavo_mux_dev_config_t, supervisor_mode), sizeof(((kavo_mux_dev_config_t*)nullptr)->supervisor_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_mux_supervisor_mode_t, nullptr, false},
+    {"initial_select", offsetof(kavo_mux_dev_config_t, initial_select), sizeof(((kavo_mux_dev_config_t*)nullptr)->initial_select) / 1, 1, 1, value_kind::ENUM, &enum_kavo_mux_active_select_t, nullptr, false},
+    {"hold_off_ms", offsetof(kavo_mux_dev_config_t, hold_off_ms), sizeof(((kavo_mux_dev_config_t*)nullptr)->hold_off_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"wait_to_restore_ms", offsetof(kavo_mux_dev_config_t, wait_to_restore_ms), sizeof(((kavo_mux_dev_config_t*)nullptr)->wait_to_restore_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"revertive", offsetof(kavo_mux_dev_config_t, revertive), sizeof(((kavo_mux_dev_config_t*)nullptr)->revertive) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_mux_dev_config_t = {"kavo_mux_dev_config_t", sizeof(kavo_mux_dev_config_t), false, members_kavo_mux_dev_config_t, sizeof(members_kavo_mux_dev_config_t) / sizeof(members_kavo_mux_dev_config_t[0]), [](void* p) { kavo_mux_dev_config_t_init((kavo_mux_dev_config_t*)p); }, [](const void* p, FILE* f) { kavo_mux_dev_config_t_print((const kavo_mux_dev_config_t*)p, f); }};
+const member_info members_kavo_mux_chnl_config_t[] = {
+    {"line_side", offsetof(kavo_mux_chnl_config_t, line_side), sizeof(((kavo_mux_chnl_config_t*)nullptr)->line_side) / 1, 1, 1, value_kind::ENUM, &enum_kavo_mux_active_select_t, nullptr, false},
+    {"host_chnl_id", offsetof(kavo_mux_chnl_config_t, host_chnl_id), sizeof(((kavo_mux_chnl_config_t*)nullptr)->host_chnl_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"enable", offsetof(kavo_mux_chnl_config_t, enable), sizeof(((kavo_mux_chnl_config_t*)nullptr)->enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_mux_chnl_config_t = {"kavo_mux_chnl_config_t", sizeof(kavo_mux_chnl_config_t), false, members_kavo_mux_chnl_config_t, sizeof(members_kavo_mux_chnl_config_t) / sizeof(members_kavo_mux_chnl_config_t[0]), [](void* p) { kavo_mux_chnl_config_t_init((kavo_mux_chnl_config_t*)p); }, [](const void* p, FILE* f) { kavo_mux_chnl_config_t_print((const kavo_mux_chnl_config_t*)p, f); }};
+const member_info members_kavo_mux_status_t[] = {
+    {"state", offsetof(kavo_mux_status_t, state), sizeof(((kavo_mux_status_t*)nullptr)->state) / 1, 1, 1, value_kind::ENUM, &enum_kavo_mux_state_t, nullptr, false},
+    {"supervisor_mode", offsetof(kavo_mux_status_t, supervisor_mode), sizeof(((kavo_mux_status_t*)nullptr)->supervisor_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_mux_supervisor_mode_t, nullptr, false},
+    {"active_select", offsetof(kavo_mux_status_t, active_select), sizeof(((kavo_mux_status_t*)nullptr)->active_select) / 1, 1, 1, value_kind::ENUM, &enum_kavo_mux_active_select_t, nullptr, false},
+    {"input_select_source", offsetof(kavo_mux_status_t, input_select_source), sizeof(((kavo_mux_status_t*)nullptr)->input_select_source) / 1, 1, 1, value_kind::ENUM, &enum_kavo_mux_input_select_source_t, nullptr, false},
+    {"inv_polarity", offsetof(kavo_mux_status_t, inv_polarity), sizeof(((kavo_mux_status_t*)nullptr)->inv_polarity) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"select_pin", offsetof(kavo_mux_status_t, select_pin), sizeof(((kavo_mux_status_t*)nullptr)->select_pin) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"line_a_link_up", offsetof(kavo_mux_status_t, line_a_link_up), sizeof(((kavo_mux_status_t*)nullptr)->line_a_link_up) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"line_b_link_up", offsetof(kavo_mux_status_t, line_b_link_up), sizeof(((kavo_mux_status_t*)nullptr)->line_b_link_up) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"switch_count", offsetof(kavo_mux_status_t, switch_count), sizeof(((kavo_mux_status_t*)nullptr)->switch_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"last_switch_ms", offsetof(kavo_mux_status_t, last_switch_ms), sizeof(((kavo_mux_status_t*)nullptr)->last_switch_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_mux_status_t = {"kavo_mux_status_t", sizeof(kavo_mux_status_t), false, members_kavo_mux_status_t, sizeof(members_kavo_mux_status_t) / sizeof(members_kavo_mux_status_t[0]), [](void* p) { kavo_mux_status_t_init((kavo_mux_status_t*)p); }, [](const void* p, FILE* f) { kavo_mux_status_t_print((const kavo_mux_status_t*)p, f); }};
+const member_info members_kavo_pe_config_t[] = {
+    {"host_chnl_id", offsetof(kavo_pe_config_t, host_chnl_id), sizeof(((kavo_pe_config_t*)nullptr)->host_chnl_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"host_rate_gbps", offsetof(kavo_pe_config_t, host_rate_gbps), sizeof(((kavo_pe_config_t*)nullptr)->host_rate_gbps) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"num_maps", offsetof(kavo_pe_config_t, num_maps), sizeof(((kavo_pe_config_t*)nullptr)->num_maps) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"vlan_id", offsetof(kavo_pe_config_t, vlan_id), sizeof(((kavo_pe_config_t*)nullptr)->vlan_id) / 8, 8, 1, value_kind::U16, nullptr, nullptr, false},
+    {"line_chnl_id", offsetof(kavo_pe_config_t, line_chnl_id), sizeof(((kavo_pe_config_t*)nullptr)->line_chnl_id) / 8, 8, 1, value_kind::U8, nullptr, nullptr, false},
+    {"pfc_class", offsetof(kavo_pe_config_t, pfc_class), sizeof(((kavo_pe_config_t*)nullptr)->pfc_class) / 8, 8, 1, value_kind::U8, nullptr, nullptr, false},
+    {"tpid", offsetof(kavo_pe_config_t, tpid), sizeof(((kavo_pe_config_t*)nullptr)->tpid) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_pe_config_t = {"kavo_pe_config_t", sizeof(kavo_pe_config_t), false, members_kavo_pe_config_t, sizeof(members_kavo_pe_config_t) / sizeof(members_kavo_pe_config_t[0]), [](void* p) { kavo_pe_config_t_init((kavo_pe_config_t*)p); }, [](const void* p, FILE* f) { kavo_pe_config_t_print((const kavo_pe_config_t*)p, f); }};
+const member_info members_kavo_pgmrclk_cfg_t[] = {
+    {"clk_id", offsetof(kavo_pgmrclk_cfg_t, clk_id), sizeof(((kavo_pgmrclk_cfg_t*)nullptr)->clk_id) / 1, 1, 1, value_kind::ENUM, &enum_kavo_pgmrclk_id_t, nullptr, false},
+    {"clk_source", offsetof(kavo_pgmrclk_cfg_t, clk_source), sizeof(((kavo_pgmrclk_cfg_t*)nullptr)->clk_source) / 1, 1, 1, value_kind::ENUM, &enum_kavo_pgmrclk_input_source_t, nullptr, false},
+    {"clk_source_idx", offsetof(kavo_pgmrclk_cfg_t, clk_source_idx), sizeof(((kavo_pgmrclk_cfg_t*)nullptr)->clk_source_idx) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"enable", offsetof(kavo_pgmrclk_cfg_t, enable), sizeof(((kavo_pgmrclk_cfg_t*)nullptr)->enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"input_clk_freq", offsetof(kavo_pgmrclk_cfg_t, input_clk_freq), sizeof(((kavo_pgmrclk_cfg_t*)nullptr)->input_clk_freq) / 1, 1, 1, value_kind::F64, nullptr, nullptr, false},
+    {"output_clk_freq", offsetof(kavo_pgmrclk_cfg_t, output_clk_freq), sizeof(((kavo_pgmrclk_cfg_t*)nullptr)->output_clk_freq) / 1, 1, 1, value_kind::F64, nullptr, nullptr, false},
+};
+const record_info record_kavo_pgmrclk_cfg_t = {"kavo_pgmrclk_cfg_t", sizeof(kavo_pgmrclk_cfg_t), false, members_kavo_pgmrclk_cfg_t, sizeof(members_kavo_pgmrclk_cfg_t) / sizeof(members_kavo_pgmrclk_cfg_t[0]), [](void* p) { kavo_pgmrclk_cfg_t_init((kavo_pgmrclk_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_pgmrclk_cfg_t_print((const kavo_pgmrclk_cfg_t*)p, f); }};
+const member_info members_kavo_pgmrclk_cfg_get_t[] = {
+    {"clk_id", offsetof(kavo_pgmrclk_cfg_get_t, clk_id), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->clk_id) / 1, 1, 1, value_kind::ENUM, &enum_kavo_pgmrclk_id_t, nullptr, false},
+    {"clk_source", offsetof(kavo_pgmrclk_cfg_get_t, clk_source), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->clk_source) / 1, 1, 1, value_kind::ENUM, &enum_kavo_pgmrclk_input_source_t, nullptr, false},
+    {"clk_source_idx", offsetof(kavo_pgmrclk_cfg_get_t, clk_source_idx), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->clk_source_idx) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"enable", offsetof(kavo_pgmrclk_cfg_get_t, enable), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"input_clk_freq", offsetof(kavo_pgmrclk_cfg_get_t, input_clk_freq), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->input_clk_freq) / 1, 1, 1, value_kind::F64, nullptr, nullptr, false},
+    {"output_clk_freq", offsetof(kavo_pgmrclk_cfg_get_t, output_clk_freq), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->output_clk_freq) / 1, 1, 1, value_kind::F64, nullptr, nullptr, false},
+    {"achieved_clk_freq", offsetof(kavo_pgmrclk_cfg_get_t, achieved_clk_freq), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->achieved_clk_freq) / 1, 1, 1, value_kind::F64, nullptr, nullptr, false},
+    {"divider", offsetof(kavo_pgmrclk_cfg_get_t, divider), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->divider) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"squelch_serdes_id", offsetof(kavo_pgmrclk_cfg_get_t, squelch_serdes_id), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->squelch_serdes_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"squelch_enet_chnl_id", offsetof(kavo_pgmrclk_cfg_get_t, squelch_enet_chnl_id), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->squelch_enet_chnl_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"squelched", offsetof(kavo_pgmrclk_cfg_get_t, squelched), sizeof(((kavo_pgmrclk_cfg_get_t*)nullptr)->squelched) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pgmrclk_cfg_get_t = {"kavo_pgmrclk_cfg_get_t", sizeof(kavo_pgmrclk_cfg_get_t), false, members_kavo_pgmrclk_cfg_get_t, sizeof(members_kavo_pgmrclk_cfg_get_t) / sizeof(members_kavo_pgmrclk_cfg_get_t[0]), [](void* p) { kavo_pgmrclk_cfg_get_t_init((kavo_pgmrclk_cfg_get_t*)p); }, [](const void* p, FILE* f) { kavo_pgmrclk_cfg_get_t_print((const kavo_pgmrclk_cfg_get_t*)p, f); }};
 const member_info members_kavo_pmon_cfg_t[] = {
     {"auto_trigger", offsetof(kavo_pmon_cfg_t, auto_trigger), sizeof(((kavo_pmon_cfg_t*)nullptr)->auto_trigger) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
     {"accumulate_enable", offsetof(kavo_pmon_cfg_t, accumulate_enable), sizeof(((kavo_pmon_cfg_t*)nullptr)->accumulate_enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
@@ -531,6 +619,12 @@ const arg_info args_kavo_status_logging_set[] = {
     {"enable", "BOOL8", false, 0, value_kind::U8, sizeof(BOOL8), nullptr, nullptr},
 };
 VELT_ERROR call_kavo_status_logging_set(void* const* a) { kavo_status_logging_set(*(const BOOL8*)a[0]); return VELT_SUCCESS; }
+const arg_info args_kavo_debug_tcam_scrubbing_stats_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"stats_ptr", "kavo_debug_macsec_tcam_scrub_stats_t*", true, 1, value_kind::RECORD, sizeof(kavo_debug_macsec_tcam_scrub_stats_t), nullptr, &record_kavo_debug_macsec_tcam_scrub_stats_t},
+};
+VELT_ERROR call_kavo_debug_tcam_scrubbing_stats_get(void* const* a) { return kavo_debug_tcam_scrubbing_stats_get(*(const UINT32*)a[0], *(const BOOL32*)a[1], (kavo_debug_macsec_tcam_scrub_stats_t*)a[2]); }
 const arg_info args_kavo_ipi_interrupt_enable_set[] = {
     {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
     {"type", "kavo_ipi_type_t", false, 0, value_kind::ENUM, sizeof(kavo_ipi_type_t), &enum_kavo_ipi_type_t, nullptr},
@@ -755,6 +849,88 @@ const arg_info args_kavo_macsec_vport_sa_stats_clear[] = {
     {"vport_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
 };
 VELT_ERROR call_kavo_macsec_vport_sa_stats_clear(void* const* a) { return kavo_macsec_vport_sa_stats_clear(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_mux_config[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"mux_cfg", "kavo_mux_dev_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_mux_dev_config_t), nullptr, &record_kavo_mux_dev_config_t},
+};
+VELT_ERROR call_kavo_mux_config(void* const* a) { return kavo_mux_config(*(const UINT32*)a[0], (kavo_mux_dev_config_t*)a[1]); }
+const arg_info args_kavo_mux_config_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"cfg_ptr", "kavo_mux_dev_config_t*", true, 1, value_kind::RECORD, sizeof(kavo_mux_dev_config_t), nullptr, &record_kavo_mux_dev_config_t},
+};
+VELT_ERROR call_kavo_mux_config_get(void* const* a) { return kavo_mux_config_get(*(const UINT32*)a[0], (kavo_mux_dev_config_t*)a[1]); }
+const arg_info args_kavo_mux_supervisor_mode_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"mode", "const kavo_mux_supervisor_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_mux_supervisor_mode_t), &enum_kavo_mux_supervisor_mode_t, nullptr},
+};
+VELT_ERROR call_kavo_mux_supervisor_mode_set(void* const* a) { return kavo_mux_supervisor_mode_set(*(const UINT32*)a[0], *(const kavo_mux_supervisor_mode_t*)a[1]); }
+const arg_info args_kavo_mux_chnl_config_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"line_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"cfg_ptr", "kavo_mux_chnl_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_mux_chnl_config_t), nullptr, &record_kavo_mux_chnl_config_t},
+};
+VELT_ERROR call_kavo_mux_chnl_config_set(void* const* a) { return kavo_mux_chnl_config_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_mux_chnl_config_t*)a[2]); }
+const arg_info args_kavo_mux_status_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"status_ptr", "kavo_mux_status_t*", true, 1, value_kind::RECORD, sizeof(kavo_mux_status_t), nullptr, &record_kavo_mux_status_t},
+};
+VELT_ERROR call_kavo_mux_status_get(void* const* a) { return kavo_mux_status_get(*(const UINT32*)a[0], (kavo_mux_status_t*)a[1]); }
+const arg_info args_kavo_mux_state_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"state", "kavo_mux_state_t", false, 0, value_kind::ENUM, sizeof(kavo_mux_state_t), &enum_kavo_mux_state_t, nullptr},
+};
+VELT_ERROR call_kavo_mux_state_set(void* const* a) { return kavo_mux_state_set(*(const UINT32*)a[0], *(const kavo_mux_state_t*)a[1]); }
+const arg_info args_kavo_mux_input_select_source_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"input_select_source", "kavo_mux_input_select_source_t", false, 0, value_kind::ENUM, sizeof(kavo_mux_input_select_source_t), &enum_kavo_mux_input_select_source_t, nullptr},
+    {"inv_polarity", "BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_mux_input_select_source_set(void* const* a) { return kavo_mux_input_select_source_set(*(const UINT32*)a[0], *(const kavo_mux_input_select_source_t*)a[1], *(const BOOL32*)a[2]); }
+const arg_info args_kavo_mux_active_select_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"active_select", "const kavo_mux_active_select_t", false, 0, value_kind::ENUM, sizeof(kavo_mux_active_select_t), &enum_kavo_mux_active_select_t, nullptr},
+};
+VELT_ERROR call_kavo_mux_active_select_set(void* const* a) { return kavo_mux_active_select_set(*(const UINT32*)a[0], *(const kavo_mux_active_select_t*)a[1]); }
+const arg_info args_kavo_pe_prov[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"host_id", "const kavo_pe_host_id_t", false, 0, value_kind::ENUM, sizeof(kavo_pe_host_id_t), &enum_kavo_pe_host_id_t, nullptr},
+    {"cfg_ptr", "const kavo_pe_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_pe_config_t), nullptr, &record_kavo_pe_config_t},
+};
+VELT_ERROR call_kavo_pe_prov(void* const* a) { return kavo_pe_prov(*(const UINT32*)a[0], *(const kavo_pe_host_id_t*)a[1], (const kavo_pe_config_t*)a[2]); }
+const arg_info args_kavo_pe_deprov[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"host_id", "const kavo_pe_host_id_t", false, 0, value_kind::ENUM, sizeof(kavo_pe_host_id_t), &enum_kavo_pe_host_id_t, nullptr},
+};
+VELT_ERROR call_kavo_pe_deprov(void* const* a) { return kavo_pe_deprov(*(const UINT32*)a[0], *(const kavo_pe_host_id_t*)a[1]); }
+const arg_info args_kavo_pgmrclk_cfg[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clk_id", "const kavo_pgmrclk_id_t", false, 0, value_kind::ENUM, sizeof(kavo_pgmrclk_id_t), &enum_kavo_pgmrclk_id_t, nullptr},
+    {"clk_source", "const kavo_pgmrclk_input_source_t", false, 0, value_kind::ENUM, sizeof(kavo_pgmrclk_input_source_t), &enum_kavo_pgmrclk_input_source_t, nullptr},
+    {"clk_source_idx", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"input_clk_freq", "const DOUBLE", false, 0, value_kind::F64, sizeof(DOUBLE), nullptr, nullptr},
+    {"output_clk_freq", "const DOUBLE", false, 0, value_kind::F64, sizeof(DOUBLE), nullptr, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_pgmrclk_cfg(void* const* a) { return kavo_pgmrclk_cfg(*(const UINT32*)a[0], *(const kavo_pgmrclk_id_t*)a[1], *(const kavo_pgmrclk_input_source_t*)a[2], *(const UINT32*)a[3], *(const DOUBLE*)a[4], *(const DOUBLE*)a[5], *(const BOOL32*)a[6]); }
+const arg_info args_kavo_pgmrclk_cfg_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clk_id", "const kavo_pgmrclk_id_t", false, 0, value_kind::ENUM, sizeof(kavo_pgmrclk_id_t), &enum_kavo_pgmrclk_id_t, nullptr},
+    {"cfg", "kavo_pgmrclk_cfg_get_t*", true, 1, value_kind::RECORD, sizeof(kavo_pgmrclk_cfg_get_t), nullptr, &record_kavo_pgmrclk_cfg_get_t},
+};
+VELT_ERROR call_kavo_pgmrclk_cfg_get(void* const* a) { return kavo_pgmrclk_cfg_get(*(const UINT32*)a[0], *(const kavo_pgmrclk_id_t*)a[1], (kavo_pgmrclk_cfg_get_t*)a[2]); }
+const arg_info args_kavo_pgmrclk_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clk_id", "const kavo_pgmrclk_id_t", false, 0, value_kind::ENUM, sizeof(kavo_pgmrclk_id_t), &enum_kavo_pgmrclk_id_t, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_pgmrclk_enable(void* const* a) { return kavo_pgmrclk_enable(*(const UINT32*)a[0], *(const kavo_pgmrclk_id_t*)a[1], *(const BOOL32*)a[2]); }
+const arg_info args_kavo_pgmrclk_squelch_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clk_id", "const kavo_pgmrclk_id_t", false, 0, value_kind::ENUM, sizeof(kavo_pgmrclk_id_t), &enum_kavo_pgmrclk_id_t, nullptr},
+    {"dlos_serdes_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_pgmrclk_squelch_enable(void* const* a) { return kavo_pgmrclk_squelch_enable(*(const UINT32*)a[0], *(const kavo_pgmrclk_id_t*)a[1], *(const UINT32*)a[2], *(const UINT32*)a[3]); }
 
 }  // namespace
 
@@ -777,6 +953,7 @@ const command_info COMMANDS[] = {
     {"kavo_reg_write", "debug", "Writes a chip register directly, without the firmware.", "VELT_ERROR kavo_reg_write(const UINT32 device_id, const UINT32 address, const UINT32 value)", args_kavo_reg_write, 3, call_kavo_reg_write},
     {"kavo_function_logging_set", "debug", "Turns the per-command call trace on or off (on at load).", "void kavo_function_logging_set(BOOL8 enable)", args_kavo_function_logging_set, 1, call_kavo_function_logging_set},
     {"kavo_status_logging_set", "debug", "Turns the call trace of the status-polling commands on or off (off at load).", "void kavo_status_logging_set(BOOL8 enable)", args_kavo_status_logging_set, 1, call_kavo_status_logging_set},
+    {"kavo_debug_tcam_scrubbing_stats_get", "debug_tcam", "Scrub passes and corrected memory errors since the last reset; reset clears them after the read.", "VELT_ERROR kavo_debug_tcam_scrubbing_stats_get(const UINT32 device_id, const BOOL32 reset, kavo_debug_macsec_tcam_scrub_stats_t* stats_ptr)", args_kavo_debug_tcam_scrubbing_stats_get, 3, call_kavo_debug_tcam_scrubbing_stats_get},
     {"kavo_ipi_interrupt_enable_set", "ipi", "Enables or disables one interrupt group towards the host.", "VELT_ERROR kavo_ipi_interrupt_enable_set(const UINT32 device_id, kavo_ipi_type_t type, BOOL8 enable)", args_kavo_ipi_interrupt_enable_set, 3, call_kavo_ipi_interrupt_enable_set},
     {"kavo_ipi_interrupt_status_get", "ipi", "The interrupt groups raised towards the host, one bit each.", "VELT_ERROR kavo_ipi_interrupt_status_get(const UINT32 device_id, UINT32* status)", args_kavo_ipi_interrupt_status_get, 2, call_kavo_ipi_interrupt_status_get},
     {"kavo_ipi_is_set", "ipi", "The doorbell bit (0 or 1); 0 for an unknown device.", "VELT_ERROR kavo_ipi_is_set(const UINT32 device_id, kavo_ipi_type_t type)", args_kavo_ipi_is_set, 2, call_kavo_ipi_is_set},
@@ -813,6 +990,20 @@ const command_info COMMANDS[] = {
     {"kavo_macsec_vport_rule_get", "macsec", "Lists the rules of vport vport_id.", "VELT_ERROR kavo_macsec_vport_rule_get(const UINT32 device_id, const UINT32 vport_id, kavo_macsec_vport_rule_list_t* rule_resource_ptr)", args_kavo_macsec_vport_rule_get, 3, call_kavo_macsec_vport_rule_get},
     {"kavo_macsec_vport_sa_get", "macsec", "Lists the SAs of vport vport_id.", "VELT_ERROR kavo_macsec_vport_sa_get(const UINT32 device_id, const UINT32 vport_id, kavo_macsec_vport_sa_list_t* sa_resource_ptr)", args_kavo_macsec_vport_sa_get, 3, call_kavo_macsec_vport_sa_get},
     {"kavo_macsec_vport_sa_stats_clear", "macsec", "Clears the counters of vport vport_id and of its SAs.", "VELT_ERROR kavo_macsec_vport_sa_stats_clear(const UINT32 device_id, const UINT32 vport_id)", args_kavo_macsec_vport_sa_stats_clear, 2, call_kavo_macsec_vport_sa_stats_clear},
+    {"kavo_mux_config", "mux", "Configures the mux (on a device configured with mux_mode) and restarts it on\nthe initial side, ACTIVE, with the register as select source.", "VELT_ERROR kavo_mux_config(const UINT32 device_id, kavo_mux_dev_config_t* mux_cfg)", args_kavo_mux_config, 2, call_kavo_mux_config},
+    {"kavo_mux_config_get", "mux", "Reads back the mux configuration, with the supervisor mode in force.", "VELT_ERROR kavo_mux_config_get(const UINT32 device_id, kavo_mux_dev_config_t* cfg_ptr)", args_kavo_mux_config_get, 2, call_kavo_mux_config_get},
+    {"kavo_mux_supervisor_mode_set", "mux", "Host supervision, or firmware supervision that switches sides on link loss.", "VELT_ERROR kavo_mux_supervisor_mode_set(const UINT32 device_id, const kavo_mux_supervisor_mode_t mode)", args_kavo_mux_supervisor_mode_set, 2, call_kavo_mux_supervisor_mode_set},
+    {"kavo_mux_chnl_config_set", "mux", "Places line channel line_chnl_id on a side of the mux for a host channel, or takes it out.", "VELT_ERROR kavo_mux_chnl_config_set(const UINT32 device_id, const UINT32 line_chnl_id, kavo_mux_chnl_config_t* cfg_ptr)", args_kavo_mux_chnl_config_set, 3, call_kavo_mux_chnl_config_set},
+    {"kavo_mux_status_get", "mux", "State, the side carrying traffic, each side's link, and the number of side changes.", "VELT_ERROR kavo_mux_status_get(const UINT32 device_id, kavo_mux_status_t* status_ptr)", args_kavo_mux_status_get, 2, call_kavo_mux_status_get},
+    {"kavo_mux_state_set", "mux", "ACTIVE, STANDBY, FORCED (no automatic switching) or LOCKOUT (held on line A).", "VELT_ERROR kavo_mux_state_set(const UINT32 device_id, kavo_mux_state_t state)", args_kavo_mux_state_set, 2, call_kavo_mux_state_set},
+    {"kavo_mux_input_select_source_set", "mux", "Whether the register or the board's select pin (inv_polarity: high selects A) selects the side.", "VELT_ERROR kavo_mux_input_select_source_set(const UINT32 device_id, kavo_mux_input_select_source_t input_select_source, BOOL32 inv_polarity)", args_kavo_mux_input_select_source_set, 3, call_kavo_mux_input_select_source_set},
+    {"kavo_mux_active_select_set", "mux", "Moves traffic to a line side; refused in LOCKOUT and while the select pin decides.", "VELT_ERROR kavo_mux_active_select_set(const UINT32 device_id, const kavo_mux_active_select_t active_select)", args_kavo_mux_active_select_set, 2, call_kavo_mux_active_select_set},
+    {"kavo_pe_prov", "pe", "Provisions PE host host_id with its host channel and VLAN to line channel map (1200G Ethernet device mode only).", "VELT_ERROR kavo_pe_prov(const UINT32 device_id, const kavo_pe_host_id_t host_id, const kavo_pe_config_t* cfg_ptr)", args_kavo_pe_prov, 3, call_kavo_pe_prov},
+    {"kavo_pe_deprov", "pe", "Deprovisions PE host host_id and releases its host channel.", "VELT_ERROR kavo_pe_deprov(const UINT32 device_id, const kavo_pe_host_id_t host_id)", args_kavo_pe_deprov, 2, call_kavo_pe_deprov},
+    {"kavo_pgmrclk_cfg", "pgmrclk", "Configures output clk_id to output_clk_freq MHz from a source of\ninput_clk_freq MHz; refused when no divider (1..4096) comes within 100 ppm.", "VELT_ERROR kavo_pgmrclk_cfg(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, const kavo_pgmrclk_input_source_t clk_source, const UINT32 clk_source_idx, const DOUBLE input_clk_freq, const DOUBLE output_clk_freq, const BOOL32 enable)", args_kavo_pgmrclk_cfg, 7, call_kavo_pgmrclk_cfg},
+    {"kavo_pgmrclk_cfg_get", "pgmrclk", "An output's configuration, the frequency its divider achieves, the divider and its squelch.", "VELT_ERROR kavo_pgmrclk_cfg_get(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, kavo_pgmrclk_cfg_get_t* cfg)", args_kavo_pgmrclk_cfg_get, 3, call_kavo_pgmrclk_cfg_get},
+    {"kavo_pgmrclk_enable", "pgmrclk", "Turns a configured output on or off.", "VELT_ERROR kavo_pgmrclk_enable(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, const BOOL32 enable)", args_kavo_pgmrclk_enable, 3, call_kavo_pgmrclk_enable},
+    {"kavo_pgmrclk_squelch_enable", "pgmrclk", "Holds the output while SerDes port dlos_serdes_id has no signal or Ethernet\nchannel enet_chnl_id has no link (0xFFFFFFFF: not that cause; both: no squelch).", "VELT_ERROR kavo_pgmrclk_squelch_enable(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, const UINT32 dlos_serdes_id, const UINT32 enet_chnl_id)", args_kavo_pgmrclk_squelch_enable, 4, call_kavo_pgmrclk_squelch_enable},
 };
 const size_t NUM_COMMANDS = sizeof(COMMANDS) / sizeof(COMMANDS[0]);
 
@@ -841,6 +1032,13 @@ const enum_info* const ENUMS[] = {
     &enum_kavo_macsec_default_action_t,
     &enum_kavo_macsec_notification_type_t,
     &enum_kavo_macsec_notification_get_commands_t,
+    &enum_kavo_mux_supervisor_mode_t,
+    &enum_kavo_mux_active_select_t,
+    &enum_kavo_mux_state_t,
+    &enum_kavo_mux_input_select_source_t,
+    &enum_kavo_pe_host_id_t,
+    &enum_kavo_pgmrclk_id_t,
+    &enum_kavo_pgmrclk_input_source_t,
     &enum_kavo_pmon_print_sel_t,
     &enum_kavo_segment_type_t,
     &enum_kavo_resource_entity_t,
@@ -853,6 +1051,7 @@ const record_info* const RECORDS[] = {
     &record_kavo_status_info_t,
     &record_kavo_chnl_info_t,
     &record_kavo_dcsu_cfg_get_t,
+    &record_kavo_debug_macsec_tcam_scrub_stats_t,
     &record_kavo_fw_hdr_t,
     &record_velt_fw_fixed_version_info_t,
     &record_velt_sys_fw_stats_t,
@@ -886,6 +1085,12 @@ const record_info* const RECORDS[] = {
     &record_kavo_stats_macsec_vport_t,
     &record_kavo_stats_macsec_channel_dir_t,
     &record_kavo_stats_macsec_channel_t,
+    &record_kavo_mux_dev_config_t,
+    &record_kavo_mux_chnl_config_t,
+    &record_kavo_mux_status_t,
+    &record_kavo_pe_config_t,
+    &record_kavo_pgmrclk_cfg_t,
+    &record_kavo_pgmrclk_cfg_get_t,
     &record_kavo_pmon_cfg_t,
 };
 const size_t NUM_RECORDS = sizeof(RECORDS) / sizeof(RECORDS[0]);

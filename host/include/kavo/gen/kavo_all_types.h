@@ -5,12 +5,16 @@
 
 #include "kavo/gen/kavo_config_types.h"
 #include "kavo/gen/kavo_dcsu_types.h"
+#include "kavo/gen/kavo_debug_types.h"
 #include "kavo/gen/kavo_err_types.h"
 #include "kavo/gen/kavo_fw_types.h"
 #include "kavo/gen/kavo_htl_types.h"
 #include "kavo/gen/kavo_ilkn_types.h"
 #include "kavo/gen/kavo_ipi_types.h"
 #include "kavo/gen/kavo_macsec_types.h"
+#include "kavo/gen/kavo_mux_types.h"
+#include "kavo/gen/kavo_pe_types.h"
+#include "kavo/gen/kavo_pgmrclk_types.h"
 #include "kavo/gen/kavo_pmon_types.h"
 #include "kavo/gen/kavo_segment_types.h"
 

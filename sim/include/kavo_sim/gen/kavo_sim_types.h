@@ -90,6 +90,7 @@ typedef enum sim_knob_t {
     SIM_KNOB_TRAFFIC_FCS_ERRORS = 34,
     SIM_KNOB_PATH_DELAY_NS = 35,
     SIM_KNOB_TCAM_ERRORS = 48,
+    SIM_KNOB_MUX_SELECT_PIN = 49,
     SIM_KNOB_SEED = 63,
     LAST_SIM_KNOB = 64,
 } sim_knob_t;
