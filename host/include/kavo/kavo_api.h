@@ -11,5 +11,6 @@
 #include "kavo/kavo_api_config.h"
 #include "kavo/kavo_api_debug.h"
 #include "kavo/kavo_api_ipi.h"
+#include "kavo/kavo_api_serdes.h"
 
 #endif /* KAVO_API_H */
