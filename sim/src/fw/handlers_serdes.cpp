@@ -739,7 +739,8 @@ bool serdes_model::signal_present(const firmware& fw, UINT32 port) const
 {
     if (port >= NUM_SERDES_PORTS) return false;
     const serdes_lane_state& l = lane[port];
-    return raw_signal(fw, port) && l.raw_signal && fw.now_us() - l.signal_since_us >= UINT64(l.los_recovery_ms) * 1000;
+    return raw_signal(fw, port) && l.raw_signal &&
+           (l.present_from_start || fw.now_us() - l.signal_since_us >= UINT64(l.los_recovery_ms) * 1000);
 }
 
 bool serdes_model::cdr_lock(const firmware& fw, UINT32 port) const
@@ -872,10 +873,13 @@ void serdes_model::advance(firmware& fw, UINT64 now_us)
             l.errors += r.poisson(bits * ber(fw, p));
             if (fw.model.datapath.serdes_looped(fw, p)) l.errors += l.tx_errors_pending;
         }
+        // A signal there from the start has been there since power-up.
         const bool raw = raw_signal(fw, p);
-        if (raw && !l.raw_signal) l.signal_since_us = now_us;
+        if (!l.sampled) l.present_from_start = raw;
+        if (raw && !l.raw_signal && l.sampled) l.signal_since_us = now_us, l.present_from_start = false;
         if (!raw && l.raw_signal) ++l.los_count;
         l.raw_signal = raw;
+        l.sampled = true;
 
         while (l.adapt_state == ADAPT_RUNNING && l.adapt_next_us <= now_us) {
             if (signal_present(fw, p)) serdes::adapt_step(path_loss_db(fw, p), l.taps, l.rx_ffe);

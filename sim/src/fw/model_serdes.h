@@ -43,7 +43,7 @@ struct serdes_lane_state {
     UINT32 lock_losses = 0;
 
     // Receive side: signal, clock recovery, adaptation, monitors.
-    bool raw_signal = false;
+    bool raw_signal = false, sampled = false, present_from_start = false;
     UINT64 signal_since_us = 0, cdr_ready_us = 0;
     UINT32 los_count = 0, reset_count = 0, fifo_reset_count = 0;
     UINT32 adapt_state = ADAPT_IDLE, adapt_iterations = 0;
