@@ -555,12 +555,14 @@ void eye_data_get(firmware& fw, const request& req, reply& rep)
     const bool valid = m.cdr_lock(fw, port);
     const serdes::eye e = valid ? m.eye(fw, port) : serdes::eye{};
     const UINT32 height = valid ? UINT32(std::lround(serdes::eye_height(e, depth))) : 0;
-    auto volts = [](UINT32 row) { return (15.5 - row) * serdes::EYE_MV_PER_STEP; };
+    // PAM4 eyes are a third of the swing: a finer voltage step shows them.
+    const UINT32 mv_step = is_pam4(m.lane[port].pin_mode) ? serdes::EYE_MV_PER_STEP / 2 : serdes::EYE_MV_PER_STEP;
+    auto volts = [&](UINT32 row) { return (15.5 - row) * mv_step; };
     if (kind == 1) {
         kavo_serdes_1d_eye_data_t d{};
         d.valid = valid;
         d.depth = depth;
-        d.mv_per_step = serdes::EYE_MV_PER_STEP;
+        d.mv_per_step = mv_step;
         d.eye_height_mv = height;
         for (UINT32 r = 0; r < serdes::EYE_STEPS; ++r)
             d.ber_decade[r] = valid ? serdes::ber_decade(e, 0, volts(r)) : 0;
@@ -569,7 +571,7 @@ void eye_data_get(firmware& fw, const request& req, reply& rep)
         kavo_serdes_2d_eye_data_t d{};
         d.valid = valid;
         d.depth = depth;
-        d.mv_per_step = serdes::EYE_MV_PER_STEP;
+        d.mv_per_step = mv_step;
         d.mui_per_step = 1000 / serdes::EYE_STEPS;
         d.eye_height_mv = height;
         d.eye_width_mui = valid ? UINT32(std::lround(1000 * serdes::eye_width(e, depth))) : 0;

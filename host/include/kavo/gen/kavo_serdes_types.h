@@ -537,8 +537,9 @@ KAVO_STATIC_ASSERT(offsetof(kavo_serdes_pin_cfg_t, eye_2d_depth) == 108, "kavo_s
 KAVO_STATIC_ASSERT(offsetof(kavo_serdes_pin_cfg_t, fec_dwell_ms) == 112, "kavo_serdes_pin_cfg_t.fec_dwell_ms at 112");
 KAVO_STATIC_ASSERT(offsetof(kavo_serdes_pin_cfg_t, pad) == 116, "kavo_serdes_pin_cfg_t.pad at 116");
 
-/* Vertical eye scan at the sampling phase: per voltage step (row 0 the top,
-   +248 mV, rows mv_per_step apart) the decade of the bit-error ratio seen there
+/* Vertical eye scan at the sampling phase: per voltage step (rows mv_per_step
+   apart, row 0 the top, 15.5 steps above the slicer's centre) the decade of the
+   bit-error ratio seen there
    (0: 10^0, 15: 10^-15 or better); the eye height is the span where the decade
    reaches the depth. */
 typedef struct kavo_serdes_1d_eye_data_t {
