@@ -25,7 +25,7 @@ int log_print(void*, FILE*, const char* format, ...)
 
 void* log_init(UINT32, UINT32, const char*) { return log_context; }
 
-std::string default_firmware() { return std::string(KAVO_FW_IMAGE_DIR) + "/kavo_fw_app_revx.mem"; }
+std::string default_firmware() { return std::string(kavo_sim_firmware_dir()) + "/kavo_fw_app_revx.mem"; }
 
 VELT_ERROR open_device(const settings& s)
 {
