@@ -957,6 +957,55 @@ class kavo_resource_entity_t(IntEnum):
     KAVO_RESOURCE_ENTITY_MACSEC_RULE = 6
     LAST_KAVO_RESOURCE_ENTITY = 7
 
+class kavo_serdes_pin_mode_t(IntEnum):
+    KAVO_SERDES_PIN_MODE_10G_NRZ = 0
+    KAVO_SERDES_PIN_MODE_25G_NRZ = 1
+    KAVO_SERDES_PIN_MODE_50G_PAM4 = 2
+    KAVO_SERDES_PIN_MODE_100G_PAM4 = 3
+    LAST_KAVO_SERDES_PIN_MODE = 4
+
+class kavo_serdes_rate_t(IntEnum):
+    KAVO_SERDES_RATE_10P3125G = 0
+    KAVO_SERDES_RATE_25P78125G = 1
+    KAVO_SERDES_RATE_53P125G = 2
+    KAVO_SERDES_RATE_106P25G = 3
+    LAST_KAVO_SERDES_RATE = 4
+
+class kavo_serdes_prbs_t(IntEnum):
+    KAVO_SERDES_PRBS_7 = 0
+    KAVO_SERDES_PRBS_9 = 1
+    KAVO_SERDES_PRBS_11 = 2
+    KAVO_SERDES_PRBS_13 = 3
+    KAVO_SERDES_PRBS_15 = 4
+    KAVO_SERDES_PRBS_23 = 5
+    KAVO_SERDES_PRBS_31 = 6
+    KAVO_SERDES_PRBS_13Q = 7
+    KAVO_SERDES_PRBS_31Q = 8
+    KAVO_SERDES_PRBS_SSPRQ = 9
+    KAVO_SERDES_PRBS_USER = 10
+    KAVO_SERDES_PRBS_NONE = 21
+    LAST_KAVO_SERDES_PRBS = 22
+
+class kavo_serdes_cfg_act_t(IntEnum):
+    KAVO_SERDES_CFG_ACT_STORE = 0
+    KAVO_SERDES_CFG_ACT_APPLY = 1
+    KAVO_SERDES_CFG_ACT_STORE_AND_APPLY = 2
+    LAST_KAVO_SERDES_CFG_ACT = 3
+
+class kavo_serdes_tx_src_t(IntEnum):
+    KAVO_SERDES_TX_SRC_MISSION = 0
+    KAVO_SERDES_TX_SRC_PRBS = 1
+    KAVO_SERDES_TX_SRC_FIXED_PATTERN = 2
+    KAVO_SERDES_TX_SRC_SQUELCH = 3
+    LAST_KAVO_SERDES_TX_SRC = 4
+
+class kavo_serdes_rx_src_t(IntEnum):
+    KAVO_SERDES_RX_SRC_MISSION = 0
+    KAVO_SERDES_RX_SRC_PRBS = 1
+    KAVO_SERDES_RX_SRC_FIXED_PATTERN = 2
+    KAVO_SERDES_RX_SRC_SQUELCH = 3
+    LAST_KAVO_SERDES_RX_SRC = 4
+
 class sim_command_type_t(IntEnum):
     SIM_COMMAND_HELLO = 0
     SIM_COMMAND_REG_READ = 1
@@ -1201,6 +1250,66 @@ class kavo_pgmrclk_cfg_get_t(Record):
     _init_ = "kavo_pgmrclk_cfg_get_t_init"
     _fields_ = [("clk_id", ctypes.c_uint32), ("clk_source", ctypes.c_uint32), ("clk_source_idx", ctypes.c_uint32), ("enable", ctypes.c_uint32), ("input_clk_freq", ctypes.c_double), ("output_clk_freq", ctypes.c_double), ("achieved_clk_freq", ctypes.c_double), ("divider", ctypes.c_uint32), ("squelch_serdes_id", ctypes.c_uint32), ("squelch_enet_chnl_id", ctypes.c_uint32), ("squelched", ctypes.c_uint32)]
 
+class kavo_serdes_squelch_data_t(Record):
+    _init_ = "kavo_serdes_squelch_data_t_init"
+    _fields_ = [("squelch_data_msw", ctypes.c_uint32), ("squelch_data_lsw", ctypes.c_uint32)]
+
+class kavo_serdes_eq_taps_cfg_t(Record):
+    _init_ = "kavo_serdes_eq_taps_cfg_t_init"
+    _fields_ = [("cm2", ctypes.c_int32), ("cm1", ctypes.c_int32), ("c2", ctypes.c_int32), ("c1", ctypes.c_int32), ("c0", ctypes.c_int32)]
+
+class kavo_serdes_ffe_wt_t(Record):
+    _init_ = "kavo_serdes_ffe_wt_t_init"
+    _fields_ = [("weight", (ctypes.c_int32 * 5)), ("main_tap", ctypes.c_uint32)]
+
+class kavo_serdes_prbs_cfg_t(Record):
+    _init_ = "kavo_serdes_prbs_cfg_t_init"
+    _fields_ = [("gen_mon_b", ctypes.c_uint32), ("port_pin_b", ctypes.c_uint32), ("prbs_mode", ctypes.c_uint32), ("pattern", (ctypes.c_uint32 * 10))]
+
+class kavo_serdes_polarity_cfg_t(Record):
+    _init_ = "kavo_serdes_polarity_cfg_t_init"
+    _fields_ = [("port_pin_b", ctypes.c_uint32), ("dir_tx_rx_b", ctypes.c_uint32), ("action", ctypes.c_uint32), ("invert", ctypes.c_uint32)]
+
+class kavo_serdes_pre_code_cfg_t(Record):
+    _init_ = "kavo_serdes_pre_code_cfg_t_init"
+    _fields_ = [("port_pin_b", ctypes.c_uint32), ("dir_tx_rx_b", ctypes.c_uint32), ("action", ctypes.c_uint32), ("enable", ctypes.c_uint32)]
+
+class kavo_serdes_prbs_ber_t(Record):
+    _init_ = "kavo_serdes_prbs_ber_t_init"
+    _fields_ = [("lock", ctypes.c_uint32), ("prbs_mode", ctypes.c_uint32), ("bit_count", ctypes.c_uint64), ("error_count", ctypes.c_uint64), ("ber", ctypes.c_double), ("lock_loss_count", ctypes.c_uint32), ("pad", ctypes.c_uint32)]
+
+class kavo_serdes_status_t(Record):
+    _init_ = "kavo_serdes_status_t_init"
+    _fields_ = [("microcode_version", ctypes.c_uint32), ("microcode_loaded", ctypes.c_uint32), ("num_ports", ctypes.c_uint32), ("serdes_port_ids", (ctypes.c_uint32 * 8)), ("signal_detect_mask", ctypes.c_uint32), ("cdr_lock_mask", ctypes.c_uint32), ("adapt_done_mask", ctypes.c_uint32), ("prbs_lock_mask", ctypes.c_uint32), ("tx_enabled_mask", ctypes.c_uint32)]
+
+class kavo_serdes_cfg_t(Record):
+    _init_ = "kavo_serdes_cfg_t_init"
+    _fields_ = [("num_ports", ctypes.c_uint32), ("serdes_port_ids", (ctypes.c_uint32 * 8)), ("pin_mode", ctypes.c_uint32), ("rate", ctypes.c_uint32), ("optical_mode_mask", ctypes.c_uint32), ("lt_only_mask", ctypes.c_uint32), ("single_step_mask", ctypes.c_uint32)]
+
+class kavo_serdes_pin_status_t(Record):
+    _init_ = "kavo_serdes_pin_status_t_init"
+    _fields_ = [("signal_detect", ctypes.c_uint32), ("cdr_lock", ctypes.c_uint32), ("tx_enabled", ctypes.c_uint32), ("prbs_lock", ctypes.c_uint32), ("tx_invert", ctypes.c_uint32), ("rx_invert", ctypes.c_uint32), ("tx_pre_code", ctypes.c_uint32), ("rx_pre_code", ctypes.c_uint32), ("adapt_state", ctypes.c_uint32), ("eye_height_mv", ctypes.c_uint32), ("eye_width_mui", ctypes.c_uint32), ("ppm_offset", ctypes.c_int32), ("microcode_version", ctypes.c_uint32), ("los_count", ctypes.c_uint32), ("reset_count", ctypes.c_uint32), ("fifo_reset_count", ctypes.c_uint32)]
+
+class kavo_serdes_pin_cfg_t(Record):
+    _init_ = "kavo_serdes_pin_cfg_t_init"
+    _fields_ = [("owner_chnl_id", ctypes.c_uint32), ("pin_mode", ctypes.c_uint32), ("rate", ctypes.c_uint32), ("tx_source", ctypes.c_uint32), ("rx_source", ctypes.c_uint32), ("tx_fixed", kavo_serdes_squelch_data_t), ("rx_fixed", kavo_serdes_squelch_data_t), ("tx_disable", ctypes.c_uint32), ("taps", kavo_serdes_eq_taps_cfg_t), ("tx_invert", ctypes.c_uint32), ("rx_invert", ctypes.c_uint32), ("tx_pre_code", ctypes.c_uint32), ("rx_pre_code", ctypes.c_uint32), ("prbs_generator", ctypes.c_uint32), ("prbs_monitor", ctypes.c_uint32), ("los_recovery_ms", ctypes.c_uint32), ("optical_mode", ctypes.c_uint32), ("lt_only_mode", ctypes.c_uint32), ("single_step_mode", ctypes.c_uint32), ("user_pattern_crc", ctypes.c_uint32), ("eye_1d_depth", ctypes.c_uint32), ("eye_2d_depth", ctypes.c_uint32), ("fec_dwell_ms", ctypes.c_uint32), ("pad", (ctypes.c_uint32 * 2))]
+
+class kavo_serdes_1d_eye_data_t(Record):
+    _init_ = "kavo_serdes_1d_eye_data_t_init"
+    _fields_ = [("valid", ctypes.c_uint32), ("depth", ctypes.c_uint32), ("mv_per_step", ctypes.c_uint32), ("eye_height_mv", ctypes.c_uint32), ("ber_decade", (ctypes.c_uint8 * 32))]
+
+class kavo_serdes_2d_eye_data_t(Record):
+    _init_ = "kavo_serdes_2d_eye_data_t_init"
+    _fields_ = [("valid", ctypes.c_uint32), ("depth", ctypes.c_uint32), ("mv_per_step", ctypes.c_uint32), ("mui_per_step", ctypes.c_uint32), ("eye_height_mv", ctypes.c_uint32), ("eye_width_mui", ctypes.c_uint32), ("ber_decade", ((ctypes.c_uint8 * 32) * 32))]
+
+class kavo_serdes_fec_mon_data_t(Record):
+    _init_ = "kavo_serdes_fec_mon_data_t_init"
+    _fields_ = [("done", ctypes.c_uint32), ("dwell_ms", ctypes.c_uint32), ("elapsed_ms", ctypes.c_uint32), ("pad", ctypes.c_uint32), ("codewords", ctypes.c_uint64), ("symbol_errors", ctypes.c_uint64), ("corrected_codewords", ctypes.c_uint64), ("uncorrectable_codewords", ctypes.c_uint64)]
+
+class kavo_serdes_pin_adapt_objects_t(Record):
+    _init_ = "kavo_serdes_pin_adapt_objects_t_init"
+    _fields_ = [("state", ctypes.c_uint32), ("iterations", ctypes.c_uint32), ("single_step_mode", ctypes.c_uint32), ("ctle_peaking_db10", ctypes.c_uint32), ("isi_ppm", ctypes.c_uint32), ("eye_height_mv", ctypes.c_uint32), ("eye_width_mui", ctypes.c_uint32), ("pad", ctypes.c_uint32)]
+
 # Sizes and offsets the records must have (the C library checks them at compile time).
 SIZES = {
     "kavo_ilkn_intf_cfg_t": 32,
@@ -1249,6 +1358,21 @@ SIZES = {
     "kavo_pe_config_t": 48,
     "kavo_pgmrclk_cfg_t": 32,
     "kavo_pgmrclk_cfg_get_t": 56,
+    "kavo_serdes_squelch_data_t": 8,
+    "kavo_serdes_eq_taps_cfg_t": 20,
+    "kavo_serdes_ffe_wt_t": 24,
+    "kavo_serdes_prbs_cfg_t": 52,
+    "kavo_serdes_polarity_cfg_t": 16,
+    "kavo_serdes_pre_code_cfg_t": 16,
+    "kavo_serdes_prbs_ber_t": 40,
+    "kavo_serdes_status_t": 64,
+    "kavo_serdes_cfg_t": 56,
+    "kavo_serdes_pin_status_t": 64,
+    "kavo_serdes_pin_cfg_t": 124,
+    "kavo_serdes_1d_eye_data_t": 48,
+    "kavo_serdes_2d_eye_data_t": 1048,
+    "kavo_serdes_fec_mon_data_t": 48,
+    "kavo_serdes_pin_adapt_objects_t": 32,
 }
 OFFSETS = [
     ("kavo_ilkn_intf_cfg_t", "metaframe", 0),
@@ -1493,6 +1617,118 @@ OFFSETS = [
     ("kavo_pgmrclk_cfg_get_t", "squelch_serdes_id", 44),
     ("kavo_pgmrclk_cfg_get_t", "squelch_enet_chnl_id", 48),
     ("kavo_pgmrclk_cfg_get_t", "squelched", 52),
+    ("kavo_serdes_squelch_data_t", "squelch_data_msw", 0),
+    ("kavo_serdes_squelch_data_t", "squelch_data_lsw", 4),
+    ("kavo_serdes_eq_taps_cfg_t", "cm2", 0),
+    ("kavo_serdes_eq_taps_cfg_t", "cm1", 4),
+    ("kavo_serdes_eq_taps_cfg_t", "c2", 8),
+    ("kavo_serdes_eq_taps_cfg_t", "c1", 12),
+    ("kavo_serdes_eq_taps_cfg_t", "c0", 16),
+    ("kavo_serdes_ffe_wt_t", "weight", 0),
+    ("kavo_serdes_ffe_wt_t", "main_tap", 20),
+    ("kavo_serdes_prbs_cfg_t", "gen_mon_b", 0),
+    ("kavo_serdes_prbs_cfg_t", "port_pin_b", 4),
+    ("kavo_serdes_prbs_cfg_t", "prbs_mode", 8),
+    ("kavo_serdes_prbs_cfg_t", "pattern", 12),
+    ("kavo_serdes_polarity_cfg_t", "port_pin_b", 0),
+    ("kavo_serdes_polarity_cfg_t", "dir_tx_rx_b", 4),
+    ("kavo_serdes_polarity_cfg_t", "action", 8),
+    ("kavo_serdes_polarity_cfg_t", "invert", 12),
+    ("kavo_serdes_pre_code_cfg_t", "port_pin_b", 0),
+    ("kavo_serdes_pre_code_cfg_t", "dir_tx_rx_b", 4),
+    ("kavo_serdes_pre_code_cfg_t", "action", 8),
+    ("kavo_serdes_pre_code_cfg_t", "enable", 12),
+    ("kavo_serdes_prbs_ber_t", "lock", 0),
+    ("kavo_serdes_prbs_ber_t", "prbs_mode", 4),
+    ("kavo_serdes_prbs_ber_t", "bit_count", 8),
+    ("kavo_serdes_prbs_ber_t", "error_count", 16),
+    ("kavo_serdes_prbs_ber_t", "ber", 24),
+    ("kavo_serdes_prbs_ber_t", "lock_loss_count", 32),
+    ("kavo_serdes_prbs_ber_t", "pad", 36),
+    ("kavo_serdes_status_t", "microcode_version", 0),
+    ("kavo_serdes_status_t", "microcode_loaded", 4),
+    ("kavo_serdes_status_t", "num_ports", 8),
+    ("kavo_serdes_status_t", "serdes_port_ids", 12),
+    ("kavo_serdes_status_t", "signal_detect_mask", 44),
+    ("kavo_serdes_status_t", "cdr_lock_mask", 48),
+    ("kavo_serdes_status_t", "adapt_done_mask", 52),
+    ("kavo_serdes_status_t", "prbs_lock_mask", 56),
+    ("kavo_serdes_status_t", "tx_enabled_mask", 60),
+    ("kavo_serdes_cfg_t", "num_ports", 0),
+    ("kavo_serdes_cfg_t", "serdes_port_ids", 4),
+    ("kavo_serdes_cfg_t", "pin_mode", 36),
+    ("kavo_serdes_cfg_t", "rate", 40),
+    ("kavo_serdes_cfg_t", "optical_mode_mask", 44),
+    ("kavo_serdes_cfg_t", "lt_only_mask", 48),
+    ("kavo_serdes_cfg_t", "single_step_mask", 52),
+    ("kavo_serdes_pin_status_t", "signal_detect", 0),
+    ("kavo_serdes_pin_status_t", "cdr_lock", 4),
+    ("kavo_serdes_pin_status_t", "tx_enabled", 8),
+    ("kavo_serdes_pin_status_t", "prbs_lock", 12),
+    ("kavo_serdes_pin_status_t", "tx_invert", 16),
+    ("kavo_serdes_pin_status_t", "rx_invert", 20),
+    ("kavo_serdes_pin_status_t", "tx_pre_code", 24),
+    ("kavo_serdes_pin_status_t", "rx_pre_code", 28),
+    ("kavo_serdes_pin_status_t", "adapt_state", 32),
+    ("kavo_serdes_pin_status_t", "eye_height_mv", 36),
+    ("kavo_serdes_pin_status_t", "eye_width_mui", 40),
+    ("kavo_serdes_pin_status_t", "ppm_offset", 44),
+    ("kavo_serdes_pin_status_t", "microcode_version", 48),
+    ("kavo_serdes_pin_status_t", "los_count", 52),
+    ("kavo_serdes_pin_status_t", "reset_count", 56),
+    ("kavo_serdes_pin_status_t", "fifo_reset_count", 60),
+    ("kavo_serdes_pin_cfg_t", "owner_chnl_id", 0),
+    ("kavo_serdes_pin_cfg_t", "pin_mode", 4),
+    ("kavo_serdes_pin_cfg_t", "rate", 8),
+    ("kavo_serdes_pin_cfg_t", "tx_source", 12),
+    ("kavo_serdes_pin_cfg_t", "rx_source", 16),
+    ("kavo_serdes_pin_cfg_t", "tx_fixed", 20),
+    ("kavo_serdes_pin_cfg_t", "rx_fixed", 28),
+    ("kavo_serdes_pin_cfg_t", "tx_disable", 36),
+    ("kavo_serdes_pin_cfg_t", "taps", 40),
+    ("kavo_serdes_pin_cfg_t", "tx_invert", 60),
+    ("kavo_serdes_pin_cfg_t", "rx_invert", 64),
+    ("kavo_serdes_pin_cfg_t", "tx_pre_code", 68),
+    ("kavo_serdes_pin_cfg_t", "rx_pre_code", 72),
+    ("kavo_serdes_pin_cfg_t", "prbs_generator", 76),
+    ("kavo_serdes_pin_cfg_t", "prbs_monitor", 80),
+    ("kavo_serdes_pin_cfg_t", "los_recovery_ms", 84),
+    ("kavo_serdes_pin_cfg_t", "optical_mode", 88),
+    ("kavo_serdes_pin_cfg_t", "lt_only_mode", 92),
+    ("kavo_serdes_pin_cfg_t", "single_step_mode", 96),
+    ("kavo_serdes_pin_cfg_t", "user_pattern_crc", 100),
+    ("kavo_serdes_pin_cfg_t", "eye_1d_depth", 104),
+    ("kavo_serdes_pin_cfg_t", "eye_2d_depth", 108),
+    ("kavo_serdes_pin_cfg_t", "fec_dwell_ms", 112),
+    ("kavo_serdes_pin_cfg_t", "pad", 116),
+    ("kavo_serdes_1d_eye_data_t", "valid", 0),
+    ("kavo_serdes_1d_eye_data_t", "depth", 4),
+    ("kavo_serdes_1d_eye_data_t", "mv_per_step", 8),
+    ("kavo_serdes_1d_eye_data_t", "eye_height_mv", 12),
+    ("kavo_serdes_1d_eye_data_t", "ber_decade", 16),
+    ("kavo_serdes_2d_eye_data_t", "valid", 0),
+    ("kavo_serdes_2d_eye_data_t", "depth", 4),
+    ("kavo_serdes_2d_eye_data_t", "mv_per_step", 8),
+    ("kavo_serdes_2d_eye_data_t", "mui_per_step", 12),
+    ("kavo_serdes_2d_eye_data_t", "eye_height_mv", 16),
+    ("kavo_serdes_2d_eye_data_t", "eye_width_mui", 20),
+    ("kavo_serdes_2d_eye_data_t", "ber_decade", 24),
+    ("kavo_serdes_fec_mon_data_t", "done", 0),
+    ("kavo_serdes_fec_mon_data_t", "dwell_ms", 4),
+    ("kavo_serdes_fec_mon_data_t", "elapsed_ms", 8),
+    ("kavo_serdes_fec_mon_data_t", "pad", 12),
+    ("kavo_serdes_fec_mon_data_t", "codewords", 16),
+    ("kavo_serdes_fec_mon_data_t", "symbol_errors", 24),
+    ("kavo_serdes_fec_mon_data_t", "corrected_codewords", 32),
+    ("kavo_serdes_fec_mon_data_t", "uncorrectable_codewords", 40),
+    ("kavo_serdes_pin_adapt_objects_t", "state", 0),
+    ("kavo_serdes_pin_adapt_objects_t", "iterations", 4),
+    ("kavo_serdes_pin_adapt_objects_t", "single_step_mode", 8),
+    ("kavo_serdes_pin_adapt_objects_t", "ctle_peaking_db10", 12),
+    ("kavo_serdes_pin_adapt_objects_t", "isi_ppm", 16),
+    ("kavo_serdes_pin_adapt_objects_t", "eye_height_mv", 20),
+    ("kavo_serdes_pin_adapt_objects_t", "eye_width_mui", 24),
+    ("kavo_serdes_pin_adapt_objects_t", "pad", 28),
 ]
 
 kavo_sdk_init = command("kavo_sdk_init", "code", [("context", ctypes.c_void_p, "opaque", None)],
@@ -1633,3 +1869,65 @@ kavo_pgmrclk_enable = command("kavo_pgmrclk_enable", "code", [("device_id", ctyp
     "Turns a configured output on or off.")
 kavo_pgmrclk_squelch_enable = command("kavo_pgmrclk_squelch_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dlos_serdes_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
     "Holds the output while SerDes port dlos_serdes_id has no signal or Ethernet\nchannel enet_chnl_id has no link (0xFFFFFFFF: not that cause; both: no squelch).")
+kavo_serdes_tx_source_set = command("kavo_serdes_tx_source_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("source", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("squelch_data_msw", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("squelch_data_lsw", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "What the transmitter sends: mission data, the PRBS generator, the fixed pattern msw:lsw repeated, or nothing.")
+kavo_serdes_rx_source_set = command("kavo_serdes_rx_source_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("source", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("squelch_data_msw", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("squelch_data_lsw", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "What the receiver hands to the datapath: received data, nothing (PRBS monitor only), the fixed pattern, or zeros.")
+kavo_serdes_prbs_set = command("kavo_serdes_prbs_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("gen_mon_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("port_pin_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("prbs_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pattern", ctypes.POINTER(ctypes.c_uint32), "in_array", ctypes.c_uint32)],
+    "Sets up the PRBS generator (which then feeds the transmitter) or the monitor;\npattern gives the ten words of the user pattern (may be null otherwise);\nKAVO_SERDES_PRBS_NONE turns it off.")
+kavo_serdes_tx_ctrl_set = command("kavo_serdes_tx_ctrl_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("port_pin_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("action", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("tx_disable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Disables (tx_disable 1) or enables the transmitter, as the action says.")
+kavo_serdes_tx_eq_set = command("kavo_serdes_tx_eq_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cm2", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cm1", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("c2", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("c1", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("c0", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the five transmit equaliser taps (ranges and sum limits in kavo_serdes_eq_taps_cfg_t).")
+kavo_serdes_polarity_set = command("kavo_serdes_polarity_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("port_pin_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dir_tx_rx_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("action", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("invert", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Inverts (invert 1) or restores the polarity of one direction.")
+kavo_serdes_pre_code_set = command("kavo_serdes_pre_code_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("port_pin_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dir_tx_rx_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("action", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Turns 1/(1+D) pre-coding of one direction on or off (PAM4 lanes).")
+kavo_serdes_status_get = command("kavo_serdes_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("status_ptr", ctypes.POINTER(kavo_serdes_status_t), "out_record", kavo_serdes_status_t)],
+    "SerDes status of a channel: microcode and, per owned port, signal, clock recovery, adaptation, PRBS lock, transmitter.")
+kavo_serdes_cfg_get = command("kavo_serdes_cfg_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cfg_ptr", ctypes.POINTER(kavo_serdes_cfg_t), "out_record", kavo_serdes_cfg_t)],
+    "SerDes configuration of a channel: its ports, pin mode, rate and mode masks.")
+kavo_serdes_pin_status_get = command("kavo_serdes_pin_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pin_status_ptr", ctypes.POINTER(kavo_serdes_pin_status_t), "out_record", kavo_serdes_pin_status_t)],
+    "Running state of one lane: signal, clock recovery, polarity, adaptation, eye, PPM, microcode, event counts.")
+kavo_serdes_pin_prbs_get = command("kavo_serdes_pin_prbs_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("resync", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("prbs_ber_ptr", ctypes.POINTER(kavo_serdes_prbs_ber_t), "out_record", kavo_serdes_prbs_ber_t)],
+    "PRBS monitor of one lane: lock, bits, errors, ratio; resync 1 starts the counts again after reading them.")
+kavo_serdes_pin_cfg_get = command("kavo_serdes_pin_cfg_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pin_cfg_ptr", ctypes.POINTER(kavo_serdes_pin_cfg_t), "out_record", kavo_serdes_pin_cfg_t)],
+    "Stored configuration of one lane.")
+kavo_serdes_pin_adaptation_objects_get = command("kavo_serdes_pin_adaptation_objects_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pin_adpt_objects_ptr", ctypes.POINTER(kavo_serdes_pin_adapt_objects_t), "out_record", kavo_serdes_pin_adapt_objects_t)],
+    "Receive adaptation of one lane: state, iterations, CTLE peaking, residual interference, eye.")
+kavo_serdes_pin_ffe_wt_get = command("kavo_serdes_pin_ffe_wt_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ffe_wt_ptr", ctypes.POINTER(kavo_serdes_ffe_wt_t), "out_record", kavo_serdes_ffe_wt_t)],
+    "Receive FFE weights of one lane.")
+kavo_serdes_pin_tx_err_set = command("kavo_serdes_pin_tx_err_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Injects one bit error into the transmitted PRBS.")
+kavo_serdes_port_reset = command("kavo_serdes_port_reset", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("lane_only", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Resets the lanes of the owning port (stored settings applied, adaptation\nrestarted), or with lane_only 1 this lane's receiver alone.")
+kavo_serdes_port_fifo_reset = command("kavo_serdes_port_fifo_reset", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("lane_only", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Resets the transfer FIFOs of the owning port's lanes, or of this lane alone.")
+kavo_serdes_adaptation_trigger = command("kavo_serdes_adaptation_trigger", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("port_pin_b", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Starts receive adaptation (in single-step mode it waits for kavo_serdes_single_step_start).")
+kavo_serdes_2d_eye_mon_enable = command("kavo_serdes_2d_eye_mon_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("depth", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Turns the 2-D eye monitor on at a depth 1..15 (the eye is where the error ratio is below 10^-depth), or off.")
+kavo_serdes_2d_eye_mon_get = command("kavo_serdes_2d_eye_mon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("eye_data", ctypes.POINTER(kavo_serdes_2d_eye_data_t), "out_record", kavo_serdes_2d_eye_data_t)],
+    "Reads the 2-D eye scan.")
+kavo_serdes_1d_eye_mon_enable = command("kavo_serdes_1d_eye_mon_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("depth", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Turns the 1-D (vertical) eye monitor on at a depth 1..15, or off.")
+kavo_serdes_1d_eye_mon_get = command("kavo_serdes_1d_eye_mon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("eye_data", ctypes.POINTER(kavo_serdes_1d_eye_data_t), "out_record", kavo_serdes_1d_eye_data_t)],
+    "Reads the 1-D eye scan.")
+kavo_serdes_los_holdoff_cfg = command("kavo_serdes_los_holdoff_cfg", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("port_pin_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("los_recovery_ms", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Time (0..60000 ms) a returning signal must last before loss of signal clears.")
+kavo_serdes_single_step_mode_en = command("kavo_serdes_single_step_mode_en", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Single-step adaptation: each kavo_serdes_single_step_start runs one step.")
+kavo_serdes_single_step_start = command("kavo_serdes_single_step_start", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Runs one step of a triggered adaptation in single-step mode.")
+kavo_serdes_optical_mode_en = command("kavo_serdes_optical_mode_en", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("port_pin_b", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("action", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Optical module mode of the lanes, as the action says.")
+kavo_serdes_link_training_only_mode_en = command("kavo_serdes_link_training_only_mode_en", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Link training without auto-negotiation; the training owns the transmit taps meanwhile.")
+kavo_serdes_fec_mon_trigger = command("kavo_serdes_fec_mon_trigger", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dwell", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Starts the FEC monitor for dwell ms (1..60000).")
+kavo_serdes_fec_mon_get = command("kavo_serdes_fec_mon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fec_data", ctypes.POINTER(kavo_serdes_fec_mon_data_t), "out_record", kavo_serdes_fec_mon_data_t)],
+    "Reads the FEC monitor: codewords, symbol errors, corrected and uncorrectable codewords.")
+kavo_serdes_ppm_offset_get = command("kavo_serdes_ppm_offset_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ppm_offset", ctypes.POINTER(ctypes.c_int32), "out_scalar", ctypes.c_int32)],
+    "The clock offset of the received signal in ppm (0 without a signal or on a loopback).")
+kavo_debug_serdes_load = command("kavo_debug_serdes_load", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_binary_filename", ctypes.c_char_p, "text", ctypes.c_char)],
+    "Streams a SerDes microcode file to the firmware: the image after the file's\n4096-byte header in 8192-byte chunks, each with its offset, then a closing\nrequest with the total.")

@@ -53,7 +53,12 @@ std::string take()
     return out;
 }
 
-void abort_on_assert(UINT32, const char*, int) { std::abort(); }
+// The halting line goes to standard error first, where death tests look for it.
+void abort_on_assert(UINT32, const char*, int)
+{
+    std::fputs(captured().c_str(), stderr);
+    std::abort();
+}
 
 void install_capture(qspi_callout_api_st* registers)
 {

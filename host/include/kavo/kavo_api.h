@@ -16,5 +16,6 @@
 #include "kavo/kavo_api_mux.h"
 #include "kavo/kavo_api_pe.h"
 #include "kavo/kavo_api_pgmrclk.h"
+#include "kavo/kavo_api_serdes.h"
 
 #endif /* KAVO_API_H */

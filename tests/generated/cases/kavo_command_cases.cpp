@@ -692,6 +692,499 @@ VELT_ERROR run_kavo_pgmrclk_squelch_enable(wire_run& r)
     return rc;
 }
 
+VELT_ERROR run_kavo_serdes_tx_source_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const kavo_serdes_tx_src_t source = static_cast<kavo_serdes_tx_src_t>(wire_value(2));
+    const UINT32 squelch_data_msw = static_cast<UINT32>(wire_value(3));
+    const UINT32 squelch_data_lsw = static_cast<UINT32>(wire_value(4));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(source);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_serdes_squelch_data_t payload;
+    payload.squelch_data_msw = static_cast<decltype(payload.squelch_data_msw)>(squelch_data_msw);
+    payload.squelch_data_lsw = static_cast<decltype(payload.squelch_data_lsw)>(squelch_data_lsw);
+    r.expect_payload(&payload, 8);
+    const VELT_ERROR rc = kavo_serdes_tx_source_set(device_id, serdes_port_id, source, squelch_data_msw, squelch_data_lsw);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_rx_source_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const kavo_serdes_rx_src_t source = static_cast<kavo_serdes_rx_src_t>(wire_value(2));
+    const UINT32 squelch_data_msw = static_cast<UINT32>(wire_value(3));
+    const UINT32 squelch_data_lsw = static_cast<UINT32>(wire_value(4));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(source);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_serdes_squelch_data_t payload;
+    payload.squelch_data_msw = static_cast<decltype(payload.squelch_data_msw)>(squelch_data_msw);
+    payload.squelch_data_lsw = static_cast<decltype(payload.squelch_data_lsw)>(squelch_data_lsw);
+    r.expect_payload(&payload, 8);
+    const VELT_ERROR rc = kavo_serdes_rx_source_set(device_id, serdes_port_id, source, squelch_data_msw, squelch_data_lsw);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_prbs_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 gen_mon_b = 1;
+    const BOOL32 port_pin_b = 1;
+    const kavo_serdes_prbs_t prbs_mode = static_cast<kavo_serdes_prbs_t>(wire_value(4));
+    wire_input<UINT32> in_pattern(5);
+    const UINT32* pattern = in_pattern.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_serdes_prbs_cfg_t payload;
+    payload.gen_mon_b = static_cast<decltype(payload.gen_mon_b)>(gen_mon_b);
+    payload.port_pin_b = static_cast<decltype(payload.port_pin_b)>(port_pin_b);
+    payload.prbs_mode = static_cast<decltype(payload.prbs_mode)>(prbs_mode);
+    std::memcpy(payload.pattern, pattern, sizeof(payload.pattern));
+    r.expect_payload(&payload, 52);
+    const VELT_ERROR rc = kavo_serdes_prbs_set(device_id, serdes_port_id, gen_mon_b, port_pin_b, prbs_mode, pattern);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_tx_ctrl_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 port_pin_b = 1;
+    const kavo_serdes_cfg_act_t action = static_cast<kavo_serdes_cfg_act_t>(wire_value(3));
+    const BOOL32 tx_disable = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(action);
+    r.info[2] = (UINT32)(port_pin_b);
+    r.info[3] = (UINT32)(tx_disable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_tx_ctrl_set(device_id, serdes_port_id, port_pin_b, action, tx_disable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_tx_eq_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 cm2 = static_cast<UINT32>(wire_value(2));
+    const UINT32 cm1 = static_cast<UINT32>(wire_value(3));
+    const UINT32 c2 = static_cast<UINT32>(wire_value(4));
+    const UINT32 c1 = static_cast<UINT32>(wire_value(5));
+    const UINT32 c0 = static_cast<UINT32>(wire_value(6));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_serdes_eq_taps_cfg_t payload;
+    payload.cm2 = static_cast<decltype(payload.cm2)>(cm2);
+    payload.cm1 = static_cast<decltype(payload.cm1)>(cm1);
+    payload.c2 = static_cast<decltype(payload.c2)>(c2);
+    payload.c1 = static_cast<decltype(payload.c1)>(c1);
+    payload.c0 = static_cast<decltype(payload.c0)>(c0);
+    r.expect_payload(&payload, 20);
+    const VELT_ERROR rc = kavo_serdes_tx_eq_set(device_id, serdes_port_id, cm2, cm1, c2, c1, c0);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_polarity_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 port_pin_b = 1;
+    const BOOL32 dir_tx_rx_b = 1;
+    const kavo_serdes_cfg_act_t action = static_cast<kavo_serdes_cfg_act_t>(wire_value(4));
+    const BOOL32 invert = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_serdes_polarity_cfg_t payload;
+    payload.port_pin_b = static_cast<decltype(payload.port_pin_b)>(port_pin_b);
+    payload.dir_tx_rx_b = static_cast<decltype(payload.dir_tx_rx_b)>(dir_tx_rx_b);
+    payload.action = static_cast<decltype(payload.action)>(action);
+    payload.invert = static_cast<decltype(payload.invert)>(invert);
+    r.expect_payload(&payload, 16);
+    const VELT_ERROR rc = kavo_serdes_polarity_set(device_id, serdes_port_id, port_pin_b, dir_tx_rx_b, action, invert);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_pre_code_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 port_pin_b = 1;
+    const BOOL32 dir_tx_rx_b = 1;
+    const kavo_serdes_cfg_act_t action = static_cast<kavo_serdes_cfg_act_t>(wire_value(4));
+    const BOOL32 enable = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_serdes_pre_code_cfg_t payload;
+    payload.port_pin_b = static_cast<decltype(payload.port_pin_b)>(port_pin_b);
+    payload.dir_tx_rx_b = static_cast<decltype(payload.dir_tx_rx_b)>(dir_tx_rx_b);
+    payload.action = static_cast<decltype(payload.action)>(action);
+    payload.enable = static_cast<decltype(payload.enable)>(enable);
+    r.expect_payload(&payload, 16);
+    const VELT_ERROR rc = kavo_serdes_pre_code_set(device_id, serdes_port_id, port_pin_b, dir_tx_rx_b, action, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_status_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_status_t> out_status_ptr;
+    kavo_serdes_status_t* status_ptr = out_status_ptr.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_status_get(device_id, chnl_id, status_ptr);
+    r.observe(out_status_ptr.holds(r.reply, 64), out_status_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_cfg_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_cfg_t> out_cfg_ptr;
+    kavo_serdes_cfg_t* cfg_ptr = out_cfg_ptr.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_cfg_get(device_id, chnl_id, cfg_ptr);
+    r.observe(out_cfg_ptr.holds(r.reply, 56), out_cfg_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_pin_status_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_pin_status_t> out_pin_status_ptr;
+    kavo_serdes_pin_status_t* pin_status_ptr = out_pin_status_ptr.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_pin_status_get(device_id, serdes_port_id, pin_status_ptr);
+    r.observe(out_pin_status_ptr.holds(r.reply, 64), out_pin_status_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_pin_prbs_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 resync = 1;
+    wire_output<kavo_serdes_prbs_ber_t> out_prbs_ber_ptr;
+    kavo_serdes_prbs_ber_t* prbs_ber_ptr = out_prbs_ber_ptr.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(resync);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_pin_prbs_get(device_id, serdes_port_id, resync, prbs_ber_ptr);
+    r.observe(out_prbs_ber_ptr.holds(r.reply, 40), out_prbs_ber_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_pin_cfg_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_pin_cfg_t> out_pin_cfg_ptr;
+    kavo_serdes_pin_cfg_t* pin_cfg_ptr = out_pin_cfg_ptr.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_pin_cfg_get(device_id, serdes_port_id, pin_cfg_ptr);
+    r.observe(out_pin_cfg_ptr.holds(r.reply, 124), out_pin_cfg_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_pin_adaptation_objects_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_pin_adapt_objects_t> out_pin_adpt_objects_ptr;
+    kavo_serdes_pin_adapt_objects_t* pin_adpt_objects_ptr = out_pin_adpt_objects_ptr.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_pin_adaptation_objects_get(device_id, serdes_port_id, pin_adpt_objects_ptr);
+    r.observe(out_pin_adpt_objects_ptr.holds(r.reply, 32), out_pin_adpt_objects_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_pin_ffe_wt_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_ffe_wt_t> out_ffe_wt_ptr;
+    kavo_serdes_ffe_wt_t* ffe_wt_ptr = out_ffe_wt_ptr.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_pin_ffe_wt_get(device_id, serdes_port_id, ffe_wt_ptr);
+    r.observe(out_ffe_wt_ptr.holds(r.reply, 24), out_ffe_wt_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_pin_tx_err_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_pin_tx_err_set(device_id, serdes_port_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_port_reset(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 lane_only = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(lane_only);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_port_reset(device_id, serdes_port_id, lane_only);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_port_fifo_reset(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 lane_only = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(lane_only);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_port_fifo_reset(device_id, serdes_port_id, lane_only);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_adaptation_trigger(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 port_pin_b = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(port_pin_b);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_adaptation_trigger(device_id, serdes_port_id, port_pin_b);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_2d_eye_mon_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 enable = 1;
+    const UINT32 depth = static_cast<UINT32>(wire_value(3));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(2);
+    r.info[2] = (UINT32)(depth);
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_2d_eye_mon_enable(device_id, serdes_port_id, enable, depth);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_2d_eye_mon_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_2d_eye_data_t> out_eye_data;
+    kavo_serdes_2d_eye_data_t* eye_data = out_eye_data.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(2);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_2d_eye_mon_get(device_id, serdes_port_id, eye_data);
+    r.observe(out_eye_data.holds(r.reply, 1048), out_eye_data.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_1d_eye_mon_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 enable = 1;
+    const UINT32 depth = static_cast<UINT32>(wire_value(3));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(1);
+    r.info[2] = (UINT32)(depth);
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_1d_eye_mon_enable(device_id, serdes_port_id, enable, depth);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_1d_eye_mon_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_1d_eye_data_t> out_eye_data;
+    kavo_serdes_1d_eye_data_t* eye_data = out_eye_data.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(1);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_1d_eye_mon_get(device_id, serdes_port_id, eye_data);
+    r.observe(out_eye_data.holds(r.reply, 48), out_eye_data.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_los_holdoff_cfg(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 port_pin_b = 1;
+    const UINT32 los_recovery_ms = static_cast<UINT32>(wire_value(3));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(los_recovery_ms);
+    r.info[2] = (UINT32)(port_pin_b);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_los_holdoff_cfg(device_id, serdes_port_id, port_pin_b, los_recovery_ms);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_single_step_mode_en(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 enable = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_single_step_mode_en(device_id, serdes_port_id, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_single_step_start(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_single_step_start(device_id, serdes_port_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_optical_mode_en(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 port_pin_b = 1;
+    const kavo_serdes_cfg_act_t action = static_cast<kavo_serdes_cfg_act_t>(wire_value(3));
+    const BOOL32 enable = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(action);
+    r.info[2] = (UINT32)(port_pin_b);
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_optical_mode_en(device_id, serdes_port_id, port_pin_b, action, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_link_training_only_mode_en(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 enable = 1;
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_link_training_only_mode_en(device_id, serdes_port_id, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_fec_mon_trigger(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 dwell = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = (UINT32)(dwell);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_fec_mon_trigger(device_id, serdes_port_id, dwell);
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_fec_mon_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_serdes_fec_mon_data_t> out_fec_data;
+    kavo_serdes_fec_mon_data_t* fec_data = out_fec_data.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_fec_mon_get(device_id, serdes_port_id, fec_data);
+    r.observe(out_fec_data.holds(r.reply, 48), out_fec_data.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_serdes_ppm_offset_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(1));
+    wire_output<INT32> out_ppm_offset;
+    INT32* ppm_offset = r.null_outputs ? nullptr : out_ppm_offset.get();
+    r.info[0] = (UINT32)(serdes_port_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_serdes_ppm_offset_get(device_id, serdes_port_id, ppm_offset);
+    r.observe(out_ppm_offset.value() == static_cast<INT32>(r.field("value")), out_ppm_offset.untouched());
+    return rc;
+}
+
 }  // namespace
 
 const wire_case WIRE_CASES[] = {
@@ -739,6 +1232,36 @@ const wire_case WIRE_CASES[] = {
     {"kavo_pgmrclk_cfg_get", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_CFG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pgmrclk_cfg_get_t)), run_kavo_pgmrclk_cfg_get},
     {"kavo_pgmrclk_enable", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_ENABLE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pgmrclk_enable},
     {"kavo_pgmrclk_squelch_enable", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_SQUELCH_ENABLE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pgmrclk_squelch_enable},
+    {"kavo_serdes_tx_source_set", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_TX_SOURCE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_tx_source_set},
+    {"kavo_serdes_rx_source_set", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_RX_SOURCE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_rx_source_set},
+    {"kavo_serdes_prbs_set", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_PRBS_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_prbs_set},
+    {"kavo_serdes_tx_ctrl_set", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_TX_CTRL_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_tx_ctrl_set},
+    {"kavo_serdes_tx_eq_set", "serdes", KAVO_HTL_OPERATION_SERDES_PIN_TX_EQ_TAPS_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_tx_eq_set},
+    {"kavo_serdes_polarity_set", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_POLARITY_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_polarity_set},
+    {"kavo_serdes_pre_code_set", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_PRE_CODE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_pre_code_set},
+    {"kavo_serdes_status_get", "serdes", KAVO_HTL_OPERATION_SERDES_STATUS_GET, "status", false, false, VELT_SUCCESS, (UINT32)(64), run_kavo_serdes_status_get},
+    {"kavo_serdes_cfg_get", "serdes", KAVO_HTL_OPERATION_SERDES_CFG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(56), run_kavo_serdes_cfg_get},
+    {"kavo_serdes_pin_status_get", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_STATUS_GET, "status", false, false, VELT_SUCCESS, (UINT32)(64), run_kavo_serdes_pin_status_get},
+    {"kavo_serdes_pin_prbs_get", "serdes", KAVO_HTL_OPERATION_SERDES_PIN_PRBS_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(40), run_kavo_serdes_pin_prbs_get},
+    {"kavo_serdes_pin_cfg_get", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_CFG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(124), run_kavo_serdes_pin_cfg_get},
+    {"kavo_serdes_pin_adaptation_objects_get", "serdes", KAVO_HTL_OPERATION_SERDES_ADAPT_OBJECTS_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(32), run_kavo_serdes_pin_adaptation_objects_get},
+    {"kavo_serdes_pin_ffe_wt_get", "serdes", KAVO_HTL_OPERATION_SERDES_FFE_WT_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(24), run_kavo_serdes_pin_ffe_wt_get},
+    {"kavo_serdes_pin_tx_err_set", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_TX_ERR_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_pin_tx_err_set},
+    {"kavo_serdes_port_reset", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_RESET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_port_reset},
+    {"kavo_serdes_port_fifo_reset", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_FIFO_RESET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_port_fifo_reset},
+    {"kavo_serdes_adaptation_trigger", "serdes", KAVO_HTL_OPERATION_SERDES_ADAPTATION_TRIGGER, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_adaptation_trigger},
+    {"kavo_serdes_2d_eye_mon_enable", "serdes", KAVO_HTL_OPERATION_SERDES_EYE_MON_ENABLE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_2d_eye_mon_enable},
+    {"kavo_serdes_2d_eye_mon_get", "serdes", KAVO_HTL_OPERATION_SERDES_EYE_DATA_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(1048), run_kavo_serdes_2d_eye_mon_get},
+    {"kavo_serdes_1d_eye_mon_enable", "serdes", KAVO_HTL_OPERATION_SERDES_EYE_MON_ENABLE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_1d_eye_mon_enable},
+    {"kavo_serdes_1d_eye_mon_get", "serdes", KAVO_HTL_OPERATION_SERDES_EYE_DATA_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(48), run_kavo_serdes_1d_eye_mon_get},
+    {"kavo_serdes_los_holdoff_cfg", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_HOLD_OFF_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_los_holdoff_cfg},
+    {"kavo_serdes_single_step_mode_en", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_SINGLE_STEP_MODE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_single_step_mode_en},
+    {"kavo_serdes_single_step_start", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_SINGLE_STEP_START, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_single_step_start},
+    {"kavo_serdes_optical_mode_en", "serdes", KAVO_HTL_OPERATION_SERDES_PORT_OPT_MODE_EN, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_optical_mode_en},
+    {"kavo_serdes_link_training_only_mode_en", "serdes", KAVO_HTL_OPERATION_SERDES_LINK_TRAINING_ONLY_MODE_EN, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_link_training_only_mode_en},
+    {"kavo_serdes_fec_mon_trigger", "serdes", KAVO_HTL_OPERATION_SERDES_FEC_MON_TRIGGER, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_fec_mon_trigger},
+    {"kavo_serdes_fec_mon_get", "serdes", KAVO_HTL_OPERATION_SERDES_FEC_MON_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(48), run_kavo_serdes_fec_mon_get},
+    {"kavo_serdes_ppm_offset_get", "serdes", KAVO_HTL_OPERATION_SERDES_PPM_OFFSET_GET, "plain", true, false, VELT_SUCCESS, (UINT32)(0), run_kavo_serdes_ppm_offset_get},
 };
 const size_t NUM_WIRE_CASES = sizeof(WIRE_CASES) / sizeof(WIRE_CASES[0]);
 

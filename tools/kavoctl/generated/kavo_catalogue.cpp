@@ -77,6 +77,18 @@ const enum_value values_kavo_segment_type_t[] = {{"KAVO_SEGMENT_TYPE_UNUSED", 0u
 const enum_info enum_kavo_segment_type_t = {"kavo_segment_type_t", "KAVO_SEGMENT_TYPE_", values_kavo_segment_type_t, 8};
 const enum_value values_kavo_resource_entity_t[] = {{"KAVO_RESOURCE_ENTITY_CHNL", 0u}, {"KAVO_RESOURCE_ENTITY_SERDES_PORT", 1u}, {"KAVO_RESOURCE_ENTITY_ILKN_CHNL", 2u}, {"KAVO_RESOURCE_ENTITY_FLEXE_PHY", 3u}, {"KAVO_RESOURCE_ENTITY_MACSEC_VPORT", 4u}, {"KAVO_RESOURCE_ENTITY_MACSEC_SA", 5u}, {"KAVO_RESOURCE_ENTITY_MACSEC_RULE", 6u}, {"LAST_KAVO_RESOURCE_ENTITY", 7u}};
 const enum_info enum_kavo_resource_entity_t = {"kavo_resource_entity_t", "KAVO_RESOURCE_ENTITY_", values_kavo_resource_entity_t, 8};
+const enum_value values_kavo_serdes_pin_mode_t[] = {{"KAVO_SERDES_PIN_MODE_10G_NRZ", 0u}, {"KAVO_SERDES_PIN_MODE_25G_NRZ", 1u}, {"KAVO_SERDES_PIN_MODE_50G_PAM4", 2u}, {"KAVO_SERDES_PIN_MODE_100G_PAM4", 3u}, {"LAST_KAVO_SERDES_PIN_MODE", 4u}};
+const enum_info enum_kavo_serdes_pin_mode_t = {"kavo_serdes_pin_mode_t", "KAVO_SERDES_PIN_MODE_", values_kavo_serdes_pin_mode_t, 5};
+const enum_value values_kavo_serdes_rate_t[] = {{"KAVO_SERDES_RATE_10P3125G", 0u}, {"KAVO_SERDES_RATE_25P78125G", 1u}, {"KAVO_SERDES_RATE_53P125G", 2u}, {"KAVO_SERDES_RATE_106P25G", 3u}, {"LAST_KAVO_SERDES_RATE", 4u}};
+const enum_info enum_kavo_serdes_rate_t = {"kavo_serdes_rate_t", "KAVO_SERDES_RATE_", values_kavo_serdes_rate_t, 5};
+const enum_value values_kavo_serdes_prbs_t[] = {{"KAVO_SERDES_PRBS_7", 0u}, {"KAVO_SERDES_PRBS_9", 1u}, {"KAVO_SERDES_PRBS_11", 2u}, {"KAVO_SERDES_PRBS_13", 3u}, {"KAVO_SERDES_PRBS_15", 4u}, {"KAVO_SERDES_PRBS_23", 5u}, {"KAVO_SERDES_PRBS_31", 6u}, {"KAVO_SERDES_PRBS_13Q", 7u}, {"KAVO_SERDES_PRBS_31Q", 8u}, {"KAVO_SERDES_PRBS_SSPRQ", 9u}, {"KAVO_SERDES_PRBS_USER", 10u}, {"KAVO_SERDES_PRBS_NONE", 21u}, {"LAST_KAVO_SERDES_PRBS", 22u}};
+const enum_info enum_kavo_serdes_prbs_t = {"kavo_serdes_prbs_t", "KAVO_SERDES_PRBS_", values_kavo_serdes_prbs_t, 13};
+const enum_value values_kavo_serdes_cfg_act_t[] = {{"KAVO_SERDES_CFG_ACT_STORE", 0u}, {"KAVO_SERDES_CFG_ACT_APPLY", 1u}, {"KAVO_SERDES_CFG_ACT_STORE_AND_APPLY", 2u}, {"LAST_KAVO_SERDES_CFG_ACT", 3u}};
+const enum_info enum_kavo_serdes_cfg_act_t = {"kavo_serdes_cfg_act_t", "KAVO_SERDES_CFG_ACT_", values_kavo_serdes_cfg_act_t, 4};
+const enum_value values_kavo_serdes_tx_src_t[] = {{"KAVO_SERDES_TX_SRC_MISSION", 0u}, {"KAVO_SERDES_TX_SRC_PRBS", 1u}, {"KAVO_SERDES_TX_SRC_FIXED_PATTERN", 2u}, {"KAVO_SERDES_TX_SRC_SQUELCH", 3u}, {"LAST_KAVO_SERDES_TX_SRC", 4u}};
+const enum_info enum_kavo_serdes_tx_src_t = {"kavo_serdes_tx_src_t", "KAVO_SERDES_TX_SRC_", values_kavo_serdes_tx_src_t, 5};
+const enum_value values_kavo_serdes_rx_src_t[] = {{"KAVO_SERDES_RX_SRC_MISSION", 0u}, {"KAVO_SERDES_RX_SRC_PRBS", 1u}, {"KAVO_SERDES_RX_SRC_FIXED_PATTERN", 2u}, {"KAVO_SERDES_RX_SRC_SQUELCH", 3u}, {"LAST_KAVO_SERDES_RX_SRC", 4u}};
+const enum_info enum_kavo_serdes_rx_src_t = {"kavo_serdes_rx_src_t", "KAVO_SERDES_RX_SRC_", values_kavo_serdes_rx_src_t, 5};
 
 extern const record_info record_kavo_config_t;
 extern const record_info record_kavo_device_status_info_t;
@@ -124,6 +136,21 @@ extern const record_info record_kavo_pe_config_t;
 extern const record_info record_kavo_pgmrclk_cfg_t;
 extern const record_info record_kavo_pgmrclk_cfg_get_t;
 extern const record_info record_kavo_pmon_cfg_t;
+extern const record_info record_kavo_serdes_squelch_data_t;
+extern const record_info record_kavo_serdes_eq_taps_cfg_t;
+extern const record_info record_kavo_serdes_ffe_wt_t;
+extern const record_info record_kavo_serdes_prbs_cfg_t;
+extern const record_info record_kavo_serdes_polarity_cfg_t;
+extern const record_info record_kavo_serdes_pre_code_cfg_t;
+extern const record_info record_kavo_serdes_prbs_ber_t;
+extern const record_info record_kavo_serdes_status_t;
+extern const record_info record_kavo_serdes_cfg_t;
+extern const record_info record_kavo_serdes_pin_status_t;
+extern const record_info record_kavo_serdes_pin_cfg_t;
+extern const record_info record_kavo_serdes_1d_eye_data_t;
+extern const record_info record_kavo_serdes_2d_eye_data_t;
+extern const record_info record_kavo_serdes_fec_mon_data_t;
+extern const record_info record_kavo_serdes_pin_adapt_objects_t;
 
 const member_info members_kavo_config_t[] = {
     {"ilkn_intf", offsetof(kavo_config_t, ilkn_intf), sizeof(((kavo_config_t*)nullptr)->ilkn_intf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_ilkn_intf_cfg_t, false},
@@ -527,6 +554,163 @@ const member_info members_kavo_pmon_cfg_t[] = {
     {"debug_counter_enable", offsetof(kavo_pmon_cfg_t, debug_counter_enable), sizeof(((kavo_pmon_cfg_t*)nullptr)->debug_counter_enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
 };
 const record_info record_kavo_pmon_cfg_t = {"kavo_pmon_cfg_t", sizeof(kavo_pmon_cfg_t), false, members_kavo_pmon_cfg_t, sizeof(members_kavo_pmon_cfg_t) / sizeof(members_kavo_pmon_cfg_t[0]), [](void* p) { kavo_pmon_cfg_t_init((kavo_pmon_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_pmon_cfg_t_print((const kavo_pmon_cfg_t*)p, f); }};
+const member_info members_kavo_serdes_squelch_data_t[] = {
+    {"squelch_data_msw", offsetof(kavo_serdes_squelch_data_t, squelch_data_msw), sizeof(((kavo_serdes_squelch_data_t*)nullptr)->squelch_data_msw) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"squelch_data_lsw", offsetof(kavo_serdes_squelch_data_t, squelch_data_lsw), sizeof(((kavo_serdes_squelch_data_t*)nullptr)->squelch_data_lsw) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_serdes_squelch_data_t = {"kavo_serdes_squelch_data_t", sizeof(kavo_serdes_squelch_data_t), false, members_kavo_serdes_squelch_data_t, sizeof(members_kavo_serdes_squelch_data_t) / sizeof(members_kavo_serdes_squelch_data_t[0]), [](void* p) { kavo_serdes_squelch_data_t_init((kavo_serdes_squelch_data_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_squelch_data_t_print((const kavo_serdes_squelch_data_t*)p, f); }};
+const member_info members_kavo_serdes_eq_taps_cfg_t[] = {
+    {"cm2", offsetof(kavo_serdes_eq_taps_cfg_t, cm2), sizeof(((kavo_serdes_eq_taps_cfg_t*)nullptr)->cm2) / 1, 1, 1, value_kind::I32, nullptr, nullptr, false},
+    {"cm1", offsetof(kavo_serdes_eq_taps_cfg_t, cm1), sizeof(((kavo_serdes_eq_taps_cfg_t*)nullptr)->cm1) / 1, 1, 1, value_kind::I32, nullptr, nullptr, false},
+    {"c2", offsetof(kavo_serdes_eq_taps_cfg_t, c2), sizeof(((kavo_serdes_eq_taps_cfg_t*)nullptr)->c2) / 1, 1, 1, value_kind::I32, nullptr, nullptr, false},
+    {"c1", offsetof(kavo_serdes_eq_taps_cfg_t, c1), sizeof(((kavo_serdes_eq_taps_cfg_t*)nullptr)->c1) / 1, 1, 1, value_kind::I32, nullptr, nullptr, false},
+    {"c0", offsetof(kavo_serdes_eq_taps_cfg_t, c0), sizeof(((kavo_serdes_eq_taps_cfg_t*)nullptr)->c0) / 1, 1, 1, value_kind::I32, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_eq_taps_cfg_t = {"kavo_serdes_eq_taps_cfg_t", sizeof(kavo_serdes_eq_taps_cfg_t), false, members_kavo_serdes_eq_taps_cfg_t, sizeof(members_kavo_serdes_eq_taps_cfg_t) / sizeof(members_kavo_serdes_eq_taps_cfg_t[0]), [](void* p) { kavo_serdes_eq_taps_cfg_t_init((kavo_serdes_eq_taps_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_eq_taps_cfg_t_print((const kavo_serdes_eq_taps_cfg_t*)p, f); }};
+const member_info members_kavo_serdes_ffe_wt_t[] = {
+    {"weight", offsetof(kavo_serdes_ffe_wt_t, weight), sizeof(((kavo_serdes_ffe_wt_t*)nullptr)->weight) / 5, 5, 1, value_kind::I32, nullptr, nullptr, false},
+    {"main_tap", offsetof(kavo_serdes_ffe_wt_t, main_tap), sizeof(((kavo_serdes_ffe_wt_t*)nullptr)->main_tap) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_ffe_wt_t = {"kavo_serdes_ffe_wt_t", sizeof(kavo_serdes_ffe_wt_t), false, members_kavo_serdes_ffe_wt_t, sizeof(members_kavo_serdes_ffe_wt_t) / sizeof(members_kavo_serdes_ffe_wt_t[0]), [](void* p) { kavo_serdes_ffe_wt_t_init((kavo_serdes_ffe_wt_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_ffe_wt_t_print((const kavo_serdes_ffe_wt_t*)p, f); }};
+const member_info members_kavo_serdes_prbs_cfg_t[] = {
+    {"gen_mon_b", offsetof(kavo_serdes_prbs_cfg_t, gen_mon_b), sizeof(((kavo_serdes_prbs_cfg_t*)nullptr)->gen_mon_b) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"port_pin_b", offsetof(kavo_serdes_prbs_cfg_t, port_pin_b), sizeof(((kavo_serdes_prbs_cfg_t*)nullptr)->port_pin_b) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"prbs_mode", offsetof(kavo_serdes_prbs_cfg_t, prbs_mode), sizeof(((kavo_serdes_prbs_cfg_t*)nullptr)->prbs_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_prbs_t, nullptr, false},
+    {"pattern", offsetof(kavo_serdes_prbs_cfg_t, pattern), sizeof(((kavo_serdes_prbs_cfg_t*)nullptr)->pattern) / 10, 10, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_serdes_prbs_cfg_t = {"kavo_serdes_prbs_cfg_t", sizeof(kavo_serdes_prbs_cfg_t), false, members_kavo_serdes_prbs_cfg_t, sizeof(members_kavo_serdes_prbs_cfg_t) / sizeof(members_kavo_serdes_prbs_cfg_t[0]), [](void* p) { kavo_serdes_prbs_cfg_t_init((kavo_serdes_prbs_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_prbs_cfg_t_print((const kavo_serdes_prbs_cfg_t*)p, f); }};
+const member_info members_kavo_serdes_polarity_cfg_t[] = {
+    {"port_pin_b", offsetof(kavo_serdes_polarity_cfg_t, port_pin_b), sizeof(((kavo_serdes_polarity_cfg_t*)nullptr)->port_pin_b) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"dir_tx_rx_b", offsetof(kavo_serdes_polarity_cfg_t, dir_tx_rx_b), sizeof(((kavo_serdes_polarity_cfg_t*)nullptr)->dir_tx_rx_b) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"action", offsetof(kavo_serdes_polarity_cfg_t, action), sizeof(((kavo_serdes_polarity_cfg_t*)nullptr)->action) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_cfg_act_t, nullptr, false},
+    {"invert", offsetof(kavo_serdes_polarity_cfg_t, invert), sizeof(((kavo_serdes_polarity_cfg_t*)nullptr)->invert) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_polarity_cfg_t = {"kavo_serdes_polarity_cfg_t", sizeof(kavo_serdes_polarity_cfg_t), false, members_kavo_serdes_polarity_cfg_t, sizeof(members_kavo_serdes_polarity_cfg_t) / sizeof(members_kavo_serdes_polarity_cfg_t[0]), [](void* p) { kavo_serdes_polarity_cfg_t_init((kavo_serdes_polarity_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_polarity_cfg_t_print((const kavo_serdes_polarity_cfg_t*)p, f); }};
+const member_info members_kavo_serdes_pre_code_cfg_t[] = {
+    {"port_pin_b", offsetof(kavo_serdes_pre_code_cfg_t, port_pin_b), sizeof(((kavo_serdes_pre_code_cfg_t*)nullptr)->port_pin_b) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"dir_tx_rx_b", offsetof(kavo_serdes_pre_code_cfg_t, dir_tx_rx_b), sizeof(((kavo_serdes_pre_code_cfg_t*)nullptr)->dir_tx_rx_b) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"action", offsetof(kavo_serdes_pre_code_cfg_t, action), sizeof(((kavo_serdes_pre_code_cfg_t*)nullptr)->action) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_cfg_act_t, nullptr, false},
+    {"enable", offsetof(kavo_serdes_pre_code_cfg_t, enable), sizeof(((kavo_serdes_pre_code_cfg_t*)nullptr)->enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_pre_code_cfg_t = {"kavo_serdes_pre_code_cfg_t", sizeof(kavo_serdes_pre_code_cfg_t), false, members_kavo_serdes_pre_code_cfg_t, sizeof(members_kavo_serdes_pre_code_cfg_t) / sizeof(members_kavo_serdes_pre_code_cfg_t[0]), [](void* p) { kavo_serdes_pre_code_cfg_t_init((kavo_serdes_pre_code_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_pre_code_cfg_t_print((const kavo_serdes_pre_code_cfg_t*)p, f); }};
+const member_info members_kavo_serdes_prbs_ber_t[] = {
+    {"lock", offsetof(kavo_serdes_prbs_ber_t, lock), sizeof(((kavo_serdes_prbs_ber_t*)nullptr)->lock) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"prbs_mode", offsetof(kavo_serdes_prbs_ber_t, prbs_mode), sizeof(((kavo_serdes_prbs_ber_t*)nullptr)->prbs_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_prbs_t, nullptr, false},
+    {"bit_count", offsetof(kavo_serdes_prbs_ber_t, bit_count), sizeof(((kavo_serdes_prbs_ber_t*)nullptr)->bit_count) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"error_count", offsetof(kavo_serdes_prbs_ber_t, error_count), sizeof(((kavo_serdes_prbs_ber_t*)nullptr)->error_count) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"ber", offsetof(kavo_serdes_prbs_ber_t, ber), sizeof(((kavo_serdes_prbs_ber_t*)nullptr)->ber) / 1, 1, 1, value_kind::F64, nullptr, nullptr, false},
+    {"lock_loss_count", offsetof(kavo_serdes_prbs_ber_t, lock_loss_count), sizeof(((kavo_serdes_prbs_ber_t*)nullptr)->lock_loss_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pad", offsetof(kavo_serdes_prbs_ber_t, pad), sizeof(((kavo_serdes_prbs_ber_t*)nullptr)->pad) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_prbs_ber_t = {"kavo_serdes_prbs_ber_t", sizeof(kavo_serdes_prbs_ber_t), false, members_kavo_serdes_prbs_ber_t, sizeof(members_kavo_serdes_prbs_ber_t) / sizeof(members_kavo_serdes_prbs_ber_t[0]), [](void* p) { kavo_serdes_prbs_ber_t_init((kavo_serdes_prbs_ber_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_prbs_ber_t_print((const kavo_serdes_prbs_ber_t*)p, f); }};
+const member_info members_kavo_serdes_status_t[] = {
+    {"microcode_version", offsetof(kavo_serdes_status_t, microcode_version), sizeof(((kavo_serdes_status_t*)nullptr)->microcode_version) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"microcode_loaded", offsetof(kavo_serdes_status_t, microcode_loaded), sizeof(((kavo_serdes_status_t*)nullptr)->microcode_loaded) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"num_ports", offsetof(kavo_serdes_status_t, num_ports), sizeof(((kavo_serdes_status_t*)nullptr)->num_ports) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"serdes_port_ids", offsetof(kavo_serdes_status_t, serdes_port_ids), sizeof(((kavo_serdes_status_t*)nullptr)->serdes_port_ids) / 8, 8, 1, value_kind::U32, nullptr, nullptr, false},
+    {"signal_detect_mask", offsetof(kavo_serdes_status_t, signal_detect_mask), sizeof(((kavo_serdes_status_t*)nullptr)->signal_detect_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"cdr_lock_mask", offsetof(kavo_serdes_status_t, cdr_lock_mask), sizeof(((kavo_serdes_status_t*)nullptr)->cdr_lock_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"adapt_done_mask", offsetof(kavo_serdes_status_t, adapt_done_mask), sizeof(((kavo_serdes_status_t*)nullptr)->adapt_done_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"prbs_lock_mask", offsetof(kavo_serdes_status_t, prbs_lock_mask), sizeof(((kavo_serdes_status_t*)nullptr)->prbs_lock_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"tx_enabled_mask", offsetof(kavo_serdes_status_t, tx_enabled_mask), sizeof(((kavo_serdes_status_t*)nullptr)->tx_enabled_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_serdes_status_t = {"kavo_serdes_status_t", sizeof(kavo_serdes_status_t), false, members_kavo_serdes_status_t, sizeof(members_kavo_serdes_status_t) / sizeof(members_kavo_serdes_status_t[0]), [](void* p) { kavo_serdes_status_t_init((kavo_serdes_status_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_status_t_print((const kavo_serdes_status_t*)p, f); }};
+const member_info members_kavo_serdes_cfg_t[] = {
+    {"num_ports", offsetof(kavo_serdes_cfg_t, num_ports), sizeof(((kavo_serdes_cfg_t*)nullptr)->num_ports) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"serdes_port_ids", offsetof(kavo_serdes_cfg_t, serdes_port_ids), sizeof(((kavo_serdes_cfg_t*)nullptr)->serdes_port_ids) / 8, 8, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pin_mode", offsetof(kavo_serdes_cfg_t, pin_mode), sizeof(((kavo_serdes_cfg_t*)nullptr)->pin_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_pin_mode_t, nullptr, false},
+    {"rate", offsetof(kavo_serdes_cfg_t, rate), sizeof(((kavo_serdes_cfg_t*)nullptr)->rate) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_rate_t, nullptr, false},
+    {"optical_mode_mask", offsetof(kavo_serdes_cfg_t, optical_mode_mask), sizeof(((kavo_serdes_cfg_t*)nullptr)->optical_mode_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"lt_only_mask", offsetof(kavo_serdes_cfg_t, lt_only_mask), sizeof(((kavo_serdes_cfg_t*)nullptr)->lt_only_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"single_step_mask", offsetof(kavo_serdes_cfg_t, single_step_mask), sizeof(((kavo_serdes_cfg_t*)nullptr)->single_step_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_serdes_cfg_t = {"kavo_serdes_cfg_t", sizeof(kavo_serdes_cfg_t), false, members_kavo_serdes_cfg_t, sizeof(members_kavo_serdes_cfg_t) / sizeof(members_kavo_serdes_cfg_t[0]), [](void* p) { kavo_serdes_cfg_t_init((kavo_serdes_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_cfg_t_print((const kavo_serdes_cfg_t*)p, f); }};
+const member_info members_kavo_serdes_pin_status_t[] = {
+    {"signal_detect", offsetof(kavo_serdes_pin_status_t, signal_detect), sizeof(((kavo_serdes_pin_status_t*)nullptr)->signal_detect) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"cdr_lock", offsetof(kavo_serdes_pin_status_t, cdr_lock), sizeof(((kavo_serdes_pin_status_t*)nullptr)->cdr_lock) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_enabled", offsetof(kavo_serdes_pin_status_t, tx_enabled), sizeof(((kavo_serdes_pin_status_t*)nullptr)->tx_enabled) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"prbs_lock", offsetof(kavo_serdes_pin_status_t, prbs_lock), sizeof(((kavo_serdes_pin_status_t*)nullptr)->prbs_lock) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_invert", offsetof(kavo_serdes_pin_status_t, tx_invert), sizeof(((kavo_serdes_pin_status_t*)nullptr)->tx_invert) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_invert", offsetof(kavo_serdes_pin_status_t, rx_invert), sizeof(((kavo_serdes_pin_status_t*)nullptr)->rx_invert) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_pre_code", offsetof(kavo_serdes_pin_status_t, tx_pre_code), sizeof(((kavo_serdes_pin_status_t*)nullptr)->tx_pre_code) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_pre_code", offsetof(kavo_serdes_pin_status_t, rx_pre_code), sizeof(((kavo_serdes_pin_status_t*)nullptr)->rx_pre_code) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"adapt_state", offsetof(kavo_serdes_pin_status_t, adapt_state), sizeof(((kavo_serdes_pin_status_t*)nullptr)->adapt_state) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"eye_height_mv", offsetof(kavo_serdes_pin_status_t, eye_height_mv), sizeof(((kavo_serdes_pin_status_t*)nullptr)->eye_height_mv) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"eye_width_mui", offsetof(kavo_serdes_pin_status_t, eye_width_mui), sizeof(((kavo_serdes_pin_status_t*)nullptr)->eye_width_mui) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"ppm_offset", offsetof(kavo_serdes_pin_status_t, ppm_offset), sizeof(((kavo_serdes_pin_status_t*)nullptr)->ppm_offset) / 1, 1, 1, value_kind::I32, nullptr, nullptr, false},
+    {"microcode_version", offsetof(kavo_serdes_pin_status_t, microcode_version), sizeof(((kavo_serdes_pin_status_t*)nullptr)->microcode_version) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"los_count", offsetof(kavo_serdes_pin_status_t, los_count), sizeof(((kavo_serdes_pin_status_t*)nullptr)->los_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"reset_count", offsetof(kavo_serdes_pin_status_t, reset_count), sizeof(((kavo_serdes_pin_status_t*)nullptr)->reset_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fifo_reset_count", offsetof(kavo_serdes_pin_status_t, fifo_reset_count), sizeof(((kavo_serdes_pin_status_t*)nullptr)->fifo_reset_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_pin_status_t = {"kavo_serdes_pin_status_t", sizeof(kavo_serdes_pin_status_t), false, members_kavo_serdes_pin_status_t, sizeof(members_kavo_serdes_pin_status_t) / sizeof(members_kavo_serdes_pin_status_t[0]), [](void* p) { kavo_serdes_pin_status_t_init((kavo_serdes_pin_status_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_pin_status_t_print((const kavo_serdes_pin_status_t*)p, f); }};
+const member_info members_kavo_serdes_pin_cfg_t[] = {
+    {"owner_chnl_id", offsetof(kavo_serdes_pin_cfg_t, owner_chnl_id), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->owner_chnl_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pin_mode", offsetof(kavo_serdes_pin_cfg_t, pin_mode), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->pin_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_pin_mode_t, nullptr, false},
+    {"rate", offsetof(kavo_serdes_pin_cfg_t, rate), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->rate) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_rate_t, nullptr, false},
+    {"tx_source", offsetof(kavo_serdes_pin_cfg_t, tx_source), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->tx_source) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_tx_src_t, nullptr, false},
+    {"rx_source", offsetof(kavo_serdes_pin_cfg_t, rx_source), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->rx_source) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_rx_src_t, nullptr, false},
+    {"tx_fixed", offsetof(kavo_serdes_pin_cfg_t, tx_fixed), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->tx_fixed) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_serdes_squelch_data_t, false},
+    {"rx_fixed", offsetof(kavo_serdes_pin_cfg_t, rx_fixed), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->rx_fixed) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_serdes_squelch_data_t, false},
+    {"tx_disable", offsetof(kavo_serdes_pin_cfg_t, tx_disable), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->tx_disable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"taps", offsetof(kavo_serdes_pin_cfg_t, taps), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->taps) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_serdes_eq_taps_cfg_t, false},
+    {"tx_invert", offsetof(kavo_serdes_pin_cfg_t, tx_invert), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->tx_invert) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_invert", offsetof(kavo_serdes_pin_cfg_t, rx_invert), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->rx_invert) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_pre_code", offsetof(kavo_serdes_pin_cfg_t, tx_pre_code), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->tx_pre_code) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_pre_code", offsetof(kavo_serdes_pin_cfg_t, rx_pre_code), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->rx_pre_code) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"prbs_generator", offsetof(kavo_serdes_pin_cfg_t, prbs_generator), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->prbs_generator) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_prbs_t, nullptr, false},
+    {"prbs_monitor", offsetof(kavo_serdes_pin_cfg_t, prbs_monitor), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->prbs_monitor) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_prbs_t, nullptr, false},
+    {"los_recovery_ms", offsetof(kavo_serdes_pin_cfg_t, los_recovery_ms), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->los_recovery_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"optical_mode", offsetof(kavo_serdes_pin_cfg_t, optical_mode), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->optical_mode) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lt_only_mode", offsetof(kavo_serdes_pin_cfg_t, lt_only_mode), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->lt_only_mode) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"single_step_mode", offsetof(kavo_serdes_pin_cfg_t, single_step_mode), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->single_step_mode) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"user_pattern_crc", offsetof(kavo_serdes_pin_cfg_t, user_pattern_crc), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->user_pattern_crc) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"eye_1d_depth", offsetof(kavo_serdes_pin_cfg_t, eye_1d_depth), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->eye_1d_depth) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"eye_2d_depth", offsetof(kavo_serdes_pin_cfg_t, eye_2d_depth), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->eye_2d_depth) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_dwell_ms", offsetof(kavo_serdes_pin_cfg_t, fec_dwell_ms), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->fec_dwell_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pad", offsetof(kavo_serdes_pin_cfg_t, pad), sizeof(((kavo_serdes_pin_cfg_t*)nullptr)->pad) / 2, 2, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_pin_cfg_t = {"kavo_serdes_pin_cfg_t", sizeof(kavo_serdes_pin_cfg_t), false, members_kavo_serdes_pin_cfg_t, sizeof(members_kavo_serdes_pin_cfg_t) / sizeof(members_kavo_serdes_pin_cfg_t[0]), [](void* p) { kavo_serdes_pin_cfg_t_init((kavo_serdes_pin_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_pin_cfg_t_print((const kavo_serdes_pin_cfg_t*)p, f); }};
+const member_info members_kavo_serdes_1d_eye_data_t[] = {
+    {"valid", offsetof(kavo_serdes_1d_eye_data_t, valid), sizeof(((kavo_serdes_1d_eye_data_t*)nullptr)->valid) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"depth", offsetof(kavo_serdes_1d_eye_data_t, depth), sizeof(((kavo_serdes_1d_eye_data_t*)nullptr)->depth) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"mv_per_step", offsetof(kavo_serdes_1d_eye_data_t, mv_per_step), sizeof(((kavo_serdes_1d_eye_data_t*)nullptr)->mv_per_step) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"eye_height_mv", offsetof(kavo_serdes_1d_eye_data_t, eye_height_mv), sizeof(((kavo_serdes_1d_eye_data_t*)nullptr)->eye_height_mv) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"ber_decade", offsetof(kavo_serdes_1d_eye_data_t, ber_decade), sizeof(((kavo_serdes_1d_eye_data_t*)nullptr)->ber_decade) / 32, 32, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_1d_eye_data_t = {"kavo_serdes_1d_eye_data_t", sizeof(kavo_serdes_1d_eye_data_t), false, members_kavo_serdes_1d_eye_data_t, sizeof(members_kavo_serdes_1d_eye_data_t) / sizeof(members_kavo_serdes_1d_eye_data_t[0]), [](void* p) { kavo_serdes_1d_eye_data_t_init((kavo_serdes_1d_eye_data_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_1d_eye_data_t_print((const kavo_serdes_1d_eye_data_t*)p, f); }};
+const member_info members_kavo_serdes_2d_eye_data_t[] = {
+    {"valid", offsetof(kavo_serdes_2d_eye_data_t, valid), sizeof(((kavo_serdes_2d_eye_data_t*)nullptr)->valid) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"depth", offsetof(kavo_serdes_2d_eye_data_t, depth), sizeof(((kavo_serdes_2d_eye_data_t*)nullptr)->depth) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"mv_per_step", offsetof(kavo_serdes_2d_eye_data_t, mv_per_step), sizeof(((kavo_serdes_2d_eye_data_t*)nullptr)->mv_per_step) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"mui_per_step", offsetof(kavo_serdes_2d_eye_data_t, mui_per_step), sizeof(((kavo_serdes_2d_eye_data_t*)nullptr)->mui_per_step) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"eye_height_mv", offsetof(kavo_serdes_2d_eye_data_t, eye_height_mv), sizeof(((kavo_serdes_2d_eye_data_t*)nullptr)->eye_height_mv) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"eye_width_mui", offsetof(kavo_serdes_2d_eye_data_t, eye_width_mui), sizeof(((kavo_serdes_2d_eye_data_t*)nullptr)->eye_width_mui) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"ber_decade", offsetof(kavo_serdes_2d_eye_data_t, ber_decade), sizeof(((kavo_serdes_2d_eye_data_t*)nullptr)->ber_decade) / 1024, 32, 32, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_2d_eye_data_t = {"kavo_serdes_2d_eye_data_t", sizeof(kavo_serdes_2d_eye_data_t), false, members_kavo_serdes_2d_eye_data_t, sizeof(members_kavo_serdes_2d_eye_data_t) / sizeof(members_kavo_serdes_2d_eye_data_t[0]), [](void* p) { kavo_serdes_2d_eye_data_t_init((kavo_serdes_2d_eye_data_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_2d_eye_data_t_print((const kavo_serdes_2d_eye_data_t*)p, f); }};
+const member_info members_kavo_serdes_fec_mon_data_t[] = {
+    {"done", offsetof(kavo_serdes_fec_mon_data_t, done), sizeof(((kavo_serdes_fec_mon_data_t*)nullptr)->done) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"dwell_ms", offsetof(kavo_serdes_fec_mon_data_t, dwell_ms), sizeof(((kavo_serdes_fec_mon_data_t*)nullptr)->dwell_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"elapsed_ms", offsetof(kavo_serdes_fec_mon_data_t, elapsed_ms), sizeof(((kavo_serdes_fec_mon_data_t*)nullptr)->elapsed_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pad", offsetof(kavo_serdes_fec_mon_data_t, pad), sizeof(((kavo_serdes_fec_mon_data_t*)nullptr)->pad) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"codewords", offsetof(kavo_serdes_fec_mon_data_t, codewords), sizeof(((kavo_serdes_fec_mon_data_t*)nullptr)->codewords) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"symbol_errors", offsetof(kavo_serdes_fec_mon_data_t, symbol_errors), sizeof(((kavo_serdes_fec_mon_data_t*)nullptr)->symbol_errors) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"corrected_codewords", offsetof(kavo_serdes_fec_mon_data_t, corrected_codewords), sizeof(((kavo_serdes_fec_mon_data_t*)nullptr)->corrected_codewords) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+    {"uncorrectable_codewords", offsetof(kavo_serdes_fec_mon_data_t, uncorrectable_codewords), sizeof(((kavo_serdes_fec_mon_data_t*)nullptr)->uncorrectable_codewords) / 1, 1, 1, value_kind::U64, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_fec_mon_data_t = {"kavo_serdes_fec_mon_data_t", sizeof(kavo_serdes_fec_mon_data_t), false, members_kavo_serdes_fec_mon_data_t, sizeof(members_kavo_serdes_fec_mon_data_t) / sizeof(members_kavo_serdes_fec_mon_data_t[0]), [](void* p) { kavo_serdes_fec_mon_data_t_init((kavo_serdes_fec_mon_data_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_fec_mon_data_t_print((const kavo_serdes_fec_mon_data_t*)p, f); }};
+const member_info members_kavo_serdes_pin_adapt_objects_t[] = {
+    {"state", offsetof(kavo_serdes_pin_adapt_objects_t, state), sizeof(((kavo_serdes_pin_adapt_objects_t*)nullptr)->state) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"iterations", offsetof(kavo_serdes_pin_adapt_objects_t, iterations), sizeof(((kavo_serdes_pin_adapt_objects_t*)nullptr)->iterations) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"single_step_mode", offsetof(kavo_serdes_pin_adapt_objects_t, single_step_mode), sizeof(((kavo_serdes_pin_adapt_objects_t*)nullptr)->single_step_mode) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"ctle_peaking_db10", offsetof(kavo_serdes_pin_adapt_objects_t, ctle_peaking_db10), sizeof(((kavo_serdes_pin_adapt_objects_t*)nullptr)->ctle_peaking_db10) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"isi_ppm", offsetof(kavo_serdes_pin_adapt_objects_t, isi_ppm), sizeof(((kavo_serdes_pin_adapt_objects_t*)nullptr)->isi_ppm) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"eye_height_mv", offsetof(kavo_serdes_pin_adapt_objects_t, eye_height_mv), sizeof(((kavo_serdes_pin_adapt_objects_t*)nullptr)->eye_height_mv) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"eye_width_mui", offsetof(kavo_serdes_pin_adapt_objects_t, eye_width_mui), sizeof(((kavo_serdes_pin_adapt_objects_t*)nullptr)->eye_width_mui) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pad", offsetof(kavo_serdes_pin_adapt_objects_t, pad), sizeof(((kavo_serdes_pin_adapt_objects_t*)nullptr)->pad) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_serdes_pin_adapt_objects_t = {"kavo_serdes_pin_adapt_objects_t", sizeof(kavo_serdes_pin_adapt_objects_t), false, members_kavo_serdes_pin_adapt_objects_t, sizeof(members_kavo_serdes_pin_adapt_objects_t) / sizeof(members_kavo_serdes_pin_adapt_objects_t[0]), [](void* p) { kavo_serdes_pin_adapt_objects_t_init((kavo_serdes_pin_adapt_objects_t*)p); }, [](const void* p, FILE* f) { kavo_serdes_pin_adapt_objects_t_print((const kavo_serdes_pin_adapt_objects_t*)p, f); }};
 
 const arg_info args_kavo_sdk_init[] = {
     {"context", "void*", true, 1, value_kind::PTR, 0, nullptr, nullptr},
@@ -931,6 +1115,214 @@ const arg_info args_kavo_pgmrclk_squelch_enable[] = {
     {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
 };
 VELT_ERROR call_kavo_pgmrclk_squelch_enable(void* const* a) { return kavo_pgmrclk_squelch_enable(*(const UINT32*)a[0], *(const kavo_pgmrclk_id_t*)a[1], *(const UINT32*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_serdes_tx_source_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"source", "const kavo_serdes_tx_src_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_tx_src_t), &enum_kavo_serdes_tx_src_t, nullptr},
+    {"squelch_data_msw", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"squelch_data_lsw", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_tx_source_set(void* const* a) { return kavo_serdes_tx_source_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_serdes_tx_src_t*)a[2], *(const UINT32*)a[3], *(const UINT32*)a[4]); }
+const arg_info args_kavo_serdes_rx_source_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"source", "const kavo_serdes_rx_src_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_rx_src_t), &enum_kavo_serdes_rx_src_t, nullptr},
+    {"squelch_data_msw", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"squelch_data_lsw", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_rx_source_set(void* const* a) { return kavo_serdes_rx_source_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_serdes_rx_src_t*)a[2], *(const UINT32*)a[3], *(const UINT32*)a[4]); }
+const arg_info args_kavo_serdes_prbs_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"gen_mon_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"port_pin_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"prbs_mode", "const kavo_serdes_prbs_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_prbs_t), &enum_kavo_serdes_prbs_t, nullptr},
+    {"pattern", "const UINT32*", false, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_prbs_set(void* const* a) { return kavo_serdes_prbs_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], *(const BOOL32*)a[3], *(const kavo_serdes_prbs_t*)a[4], (const UINT32*)a[5]); }
+const arg_info args_kavo_serdes_tx_ctrl_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"port_pin_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"action", "const kavo_serdes_cfg_act_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_cfg_act_t), &enum_kavo_serdes_cfg_act_t, nullptr},
+    {"tx_disable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_tx_ctrl_set(void* const* a) { return kavo_serdes_tx_ctrl_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], *(const kavo_serdes_cfg_act_t*)a[3], *(const BOOL32*)a[4]); }
+const arg_info args_kavo_serdes_tx_eq_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"cm2", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"cm1", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"c2", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"c1", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"c0", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_tx_eq_set(void* const* a) { return kavo_serdes_tx_eq_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], *(const UINT32*)a[3], *(const UINT32*)a[4], *(const UINT32*)a[5], *(const UINT32*)a[6]); }
+const arg_info args_kavo_serdes_polarity_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"port_pin_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"dir_tx_rx_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"action", "const kavo_serdes_cfg_act_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_cfg_act_t), &enum_kavo_serdes_cfg_act_t, nullptr},
+    {"invert", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_polarity_set(void* const* a) { return kavo_serdes_polarity_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], *(const BOOL32*)a[3], *(const kavo_serdes_cfg_act_t*)a[4], *(const BOOL32*)a[5]); }
+const arg_info args_kavo_serdes_pre_code_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"port_pin_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"dir_tx_rx_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"action", "const kavo_serdes_cfg_act_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_cfg_act_t), &enum_kavo_serdes_cfg_act_t, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_pre_code_set(void* const* a) { return kavo_serdes_pre_code_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], *(const BOOL32*)a[3], *(const kavo_serdes_cfg_act_t*)a[4], *(const BOOL32*)a[5]); }
+const arg_info args_kavo_serdes_status_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"status_ptr", "kavo_serdes_status_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_status_t), nullptr, &record_kavo_serdes_status_t},
+};
+VELT_ERROR call_kavo_serdes_status_get(void* const* a) { return kavo_serdes_status_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_status_t*)a[2]); }
+const arg_info args_kavo_serdes_cfg_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"cfg_ptr", "kavo_serdes_cfg_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_cfg_t), nullptr, &record_kavo_serdes_cfg_t},
+};
+VELT_ERROR call_kavo_serdes_cfg_get(void* const* a) { return kavo_serdes_cfg_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_cfg_t*)a[2]); }
+const arg_info args_kavo_serdes_pin_status_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"pin_status_ptr", "kavo_serdes_pin_status_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_pin_status_t), nullptr, &record_kavo_serdes_pin_status_t},
+};
+VELT_ERROR call_kavo_serdes_pin_status_get(void* const* a) { return kavo_serdes_pin_status_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_pin_status_t*)a[2]); }
+const arg_info args_kavo_serdes_pin_prbs_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"resync", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"prbs_ber_ptr", "kavo_serdes_prbs_ber_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_prbs_ber_t), nullptr, &record_kavo_serdes_prbs_ber_t},
+};
+VELT_ERROR call_kavo_serdes_pin_prbs_get(void* const* a) { return kavo_serdes_pin_prbs_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_serdes_prbs_ber_t*)a[3]); }
+const arg_info args_kavo_serdes_pin_cfg_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"pin_cfg_ptr", "kavo_serdes_pin_cfg_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_pin_cfg_t), nullptr, &record_kavo_serdes_pin_cfg_t},
+};
+VELT_ERROR call_kavo_serdes_pin_cfg_get(void* const* a) { return kavo_serdes_pin_cfg_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_pin_cfg_t*)a[2]); }
+const arg_info args_kavo_serdes_pin_adaptation_objects_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"pin_adpt_objects_ptr", "kavo_serdes_pin_adapt_objects_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_pin_adapt_objects_t), nullptr, &record_kavo_serdes_pin_adapt_objects_t},
+};
+VELT_ERROR call_kavo_serdes_pin_adaptation_objects_get(void* const* a) { return kavo_serdes_pin_adaptation_objects_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_pin_adapt_objects_t*)a[2]); }
+const arg_info args_kavo_serdes_pin_ffe_wt_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"ffe_wt_ptr", "kavo_serdes_ffe_wt_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_ffe_wt_t), nullptr, &record_kavo_serdes_ffe_wt_t},
+};
+VELT_ERROR call_kavo_serdes_pin_ffe_wt_get(void* const* a) { return kavo_serdes_pin_ffe_wt_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_ffe_wt_t*)a[2]); }
+const arg_info args_kavo_serdes_pin_tx_err_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_pin_tx_err_set(void* const* a) { return kavo_serdes_pin_tx_err_set(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_serdes_port_reset[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"lane_only", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_port_reset(void* const* a) { return kavo_serdes_port_reset(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2]); }
+const arg_info args_kavo_serdes_port_fifo_reset[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"lane_only", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_port_fifo_reset(void* const* a) { return kavo_serdes_port_fifo_reset(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2]); }
+const arg_info args_kavo_serdes_adaptation_trigger[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"port_pin_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_adaptation_trigger(void* const* a) { return kavo_serdes_adaptation_trigger(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2]); }
+const arg_info args_kavo_serdes_2d_eye_mon_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"depth", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_2d_eye_mon_enable(void* const* a) { return kavo_serdes_2d_eye_mon_enable(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_serdes_2d_eye_mon_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"eye_data", "kavo_serdes_2d_eye_data_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_2d_eye_data_t), nullptr, &record_kavo_serdes_2d_eye_data_t},
+};
+VELT_ERROR call_kavo_serdes_2d_eye_mon_get(void* const* a) { return kavo_serdes_2d_eye_mon_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_2d_eye_data_t*)a[2]); }
+const arg_info args_kavo_serdes_1d_eye_mon_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"depth", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_1d_eye_mon_enable(void* const* a) { return kavo_serdes_1d_eye_mon_enable(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_serdes_1d_eye_mon_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"eye_data", "kavo_serdes_1d_eye_data_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_1d_eye_data_t), nullptr, &record_kavo_serdes_1d_eye_data_t},
+};
+VELT_ERROR call_kavo_serdes_1d_eye_mon_get(void* const* a) { return kavo_serdes_1d_eye_mon_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_1d_eye_data_t*)a[2]); }
+const arg_info args_kavo_serdes_los_holdoff_cfg[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"port_pin_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"los_recovery_ms", "UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_los_holdoff_cfg(void* const* a) { return kavo_serdes_los_holdoff_cfg(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_serdes_single_step_mode_en[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_single_step_mode_en(void* const* a) { return kavo_serdes_single_step_mode_en(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2]); }
+const arg_info args_kavo_serdes_single_step_start[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_single_step_start(void* const* a) { return kavo_serdes_single_step_start(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_serdes_optical_mode_en[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"port_pin_b", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"action", "const kavo_serdes_cfg_act_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_cfg_act_t), &enum_kavo_serdes_cfg_act_t, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_optical_mode_en(void* const* a) { return kavo_serdes_optical_mode_en(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], *(const kavo_serdes_cfg_act_t*)a[3], *(const BOOL32*)a[4]); }
+const arg_info args_kavo_serdes_link_training_only_mode_en[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_link_training_only_mode_en(void* const* a) { return kavo_serdes_link_training_only_mode_en(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2]); }
+const arg_info args_kavo_serdes_fec_mon_trigger[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"dwell", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_fec_mon_trigger(void* const* a) { return kavo_serdes_fec_mon_trigger(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_serdes_fec_mon_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"fec_data", "kavo_serdes_fec_mon_data_t*", true, 1, value_kind::RECORD, sizeof(kavo_serdes_fec_mon_data_t), nullptr, &record_kavo_serdes_fec_mon_data_t},
+};
+VELT_ERROR call_kavo_serdes_fec_mon_get(void* const* a) { return kavo_serdes_fec_mon_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_serdes_fec_mon_data_t*)a[2]); }
+const arg_info args_kavo_serdes_ppm_offset_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"ppm_offset", "INT32*", true, 1, value_kind::I32, sizeof(INT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_serdes_ppm_offset_get(void* const* a) { return kavo_serdes_ppm_offset_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (INT32*)a[2]); }
+const arg_info args_kavo_debug_serdes_load[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_binary_filename", "char*", false, 1, value_kind::CHAR, sizeof(char), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_debug_serdes_load(void* const* a) { return kavo_debug_serdes_load(*(const UINT32*)a[0], (char*)a[1]); }
 
 }  // namespace
 
@@ -1004,6 +1396,37 @@ const command_info COMMANDS[] = {
     {"kavo_pgmrclk_cfg_get", "pgmrclk", "An output's configuration, the frequency its divider achieves, the divider and its squelch.", "VELT_ERROR kavo_pgmrclk_cfg_get(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, kavo_pgmrclk_cfg_get_t* cfg)", args_kavo_pgmrclk_cfg_get, 3, call_kavo_pgmrclk_cfg_get},
     {"kavo_pgmrclk_enable", "pgmrclk", "Turns a configured output on or off.", "VELT_ERROR kavo_pgmrclk_enable(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, const BOOL32 enable)", args_kavo_pgmrclk_enable, 3, call_kavo_pgmrclk_enable},
     {"kavo_pgmrclk_squelch_enable", "pgmrclk", "Holds the output while SerDes port dlos_serdes_id has no signal or Ethernet\nchannel enet_chnl_id has no link (0xFFFFFFFF: not that cause; both: no squelch).", "VELT_ERROR kavo_pgmrclk_squelch_enable(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, const UINT32 dlos_serdes_id, const UINT32 enet_chnl_id)", args_kavo_pgmrclk_squelch_enable, 4, call_kavo_pgmrclk_squelch_enable},
+    {"kavo_serdes_tx_source_set", "serdes", "What the transmitter sends: mission data, the PRBS generator, the fixed pattern msw:lsw repeated, or nothing.", "VELT_ERROR kavo_serdes_tx_source_set(const UINT32 device_id, const UINT32 serdes_port_id, const kavo_serdes_tx_src_t source, const UINT32 squelch_data_msw, const UINT32 squelch_data_lsw)", args_kavo_serdes_tx_source_set, 5, call_kavo_serdes_tx_source_set},
+    {"kavo_serdes_rx_source_set", "serdes", "What the receiver hands to the datapath: received data, nothing (PRBS monitor only), the fixed pattern, or zeros.", "VELT_ERROR kavo_serdes_rx_source_set(const UINT32 device_id, const UINT32 serdes_port_id, const kavo_serdes_rx_src_t source, const UINT32 squelch_data_msw, const UINT32 squelch_data_lsw)", args_kavo_serdes_rx_source_set, 5, call_kavo_serdes_rx_source_set},
+    {"kavo_serdes_prbs_set", "serdes", "Sets up the PRBS generator (which then feeds the transmitter) or the monitor;\npattern gives the ten words of the user pattern (may be null otherwise);\nKAVO_SERDES_PRBS_NONE turns it off.", "VELT_ERROR kavo_serdes_prbs_set(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 gen_mon_b, const BOOL32 port_pin_b, const kavo_serdes_prbs_t prbs_mode, const UINT32* pattern)", args_kavo_serdes_prbs_set, 6, call_kavo_serdes_prbs_set},
+    {"kavo_serdes_tx_ctrl_set", "serdes", "Disables (tx_disable 1) or enables the transmitter, as the action says.", "VELT_ERROR kavo_serdes_tx_ctrl_set(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 port_pin_b, const kavo_serdes_cfg_act_t action, const BOOL32 tx_disable)", args_kavo_serdes_tx_ctrl_set, 5, call_kavo_serdes_tx_ctrl_set},
+    {"kavo_serdes_tx_eq_set", "serdes", "Sets the five transmit equaliser taps (ranges and sum limits in kavo_serdes_eq_taps_cfg_t).", "VELT_ERROR kavo_serdes_tx_eq_set(const UINT32 device_id, const UINT32 serdes_port_id, const UINT32 cm2, const UINT32 cm1, const UINT32 c2, const UINT32 c1, const UINT32 c0)", args_kavo_serdes_tx_eq_set, 7, call_kavo_serdes_tx_eq_set},
+    {"kavo_serdes_polarity_set", "serdes", "Inverts (invert 1) or restores the polarity of one direction.", "VELT_ERROR kavo_serdes_polarity_set(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 port_pin_b, const BOOL32 dir_tx_rx_b, const kavo_serdes_cfg_act_t action, const BOOL32 invert)", args_kavo_serdes_polarity_set, 6, call_kavo_serdes_polarity_set},
+    {"kavo_serdes_pre_code_set", "serdes", "Turns 1/(1+D) pre-coding of one direction on or off (PAM4 lanes).", "VELT_ERROR kavo_serdes_pre_code_set(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 port_pin_b, const BOOL32 dir_tx_rx_b, const kavo_serdes_cfg_act_t action, const BOOL32 enable)", args_kavo_serdes_pre_code_set, 6, call_kavo_serdes_pre_code_set},
+    {"kavo_serdes_status_get", "serdes", "SerDes status of a channel: microcode and, per owned port, signal, clock recovery, adaptation, PRBS lock, transmitter.", "VELT_ERROR kavo_serdes_status_get(const UINT32 device_id, const UINT32 chnl_id, kavo_serdes_status_t* status_ptr)", args_kavo_serdes_status_get, 3, call_kavo_serdes_status_get},
+    {"kavo_serdes_cfg_get", "serdes", "SerDes configuration of a channel: its ports, pin mode, rate and mode masks.", "VELT_ERROR kavo_serdes_cfg_get(const UINT32 device_id, const UINT32 chnl_id, kavo_serdes_cfg_t* cfg_ptr)", args_kavo_serdes_cfg_get, 3, call_kavo_serdes_cfg_get},
+    {"kavo_serdes_pin_status_get", "serdes", "Running state of one lane: signal, clock recovery, polarity, adaptation, eye, PPM, microcode, event counts.", "VELT_ERROR kavo_serdes_pin_status_get(const UINT32 device_id, const UINT32 serdes_port_id, kavo_serdes_pin_status_t* pin_status_ptr)", args_kavo_serdes_pin_status_get, 3, call_kavo_serdes_pin_status_get},
+    {"kavo_serdes_pin_prbs_get", "serdes", "PRBS monitor of one lane: lock, bits, errors, ratio; resync 1 starts the counts again after reading them.", "VELT_ERROR kavo_serdes_pin_prbs_get(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 resync, kavo_serdes_prbs_ber_t* prbs_ber_ptr)", args_kavo_serdes_pin_prbs_get, 4, call_kavo_serdes_pin_prbs_get},
+    {"kavo_serdes_pin_cfg_get", "serdes", "Stored configuration of one lane.", "VELT_ERROR kavo_serdes_pin_cfg_get(const UINT32 device_id, const UINT32 serdes_port_id, kavo_serdes_pin_cfg_t* pin_cfg_ptr)", args_kavo_serdes_pin_cfg_get, 3, call_kavo_serdes_pin_cfg_get},
+    {"kavo_serdes_pin_adaptation_objects_get", "serdes", "Receive adaptation of one lane: state, iterations, CTLE peaking, residual interference, eye.", "VELT_ERROR kavo_serdes_pin_adaptation_objects_get(const UINT32 device_id, const UINT32 serdes_port_id, kavo_serdes_pin_adapt_objects_t* pin_adpt_objects_ptr)", args_kavo_serdes_pin_adaptation_objects_get, 3, call_kavo_serdes_pin_adaptation_objects_get},
+    {"kavo_serdes_pin_ffe_wt_get", "serdes", "Receive FFE weights of one lane.", "VELT_ERROR kavo_serdes_pin_ffe_wt_get(const UINT32 device_id, const UINT32 serdes_port_id, kavo_serdes_ffe_wt_t* ffe_wt_ptr)", args_kavo_serdes_pin_ffe_wt_get, 3, call_kavo_serdes_pin_ffe_wt_get},
+    {"kavo_serdes_pin_tx_err_set", "serdes", "Injects one bit error into the transmitted PRBS.", "VELT_ERROR kavo_serdes_pin_tx_err_set(const UINT32 device_id, const UINT32 serdes_port_id)", args_kavo_serdes_pin_tx_err_set, 2, call_kavo_serdes_pin_tx_err_set},
+    {"kavo_serdes_port_reset", "serdes", "Resets the lanes of the owning port (stored settings applied, adaptation\nrestarted), or with lane_only 1 this lane's receiver alone.", "VELT_ERROR kavo_serdes_port_reset(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 lane_only)", args_kavo_serdes_port_reset, 3, call_kavo_serdes_port_reset},
+    {"kavo_serdes_port_fifo_reset", "serdes", "Resets the transfer FIFOs of the owning port's lanes, or of this lane alone.", "VELT_ERROR kavo_serdes_port_fifo_reset(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 lane_only)", args_kavo_serdes_port_fifo_reset, 3, call_kavo_serdes_port_fifo_reset},
+    {"kavo_serdes_adaptation_trigger", "serdes", "Starts receive adaptation (in single-step mode it waits for kavo_serdes_single_step_start).", "VELT_ERROR kavo_serdes_adaptation_trigger(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 port_pin_b)", args_kavo_serdes_adaptation_trigger, 3, call_kavo_serdes_adaptation_trigger},
+    {"kavo_serdes_2d_eye_mon_enable", "serdes", "Turns the 2-D eye monitor on at a depth 1..15 (the eye is where the error ratio is below 10^-depth), or off.", "VELT_ERROR kavo_serdes_2d_eye_mon_enable(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 enable, const UINT32 depth)", args_kavo_serdes_2d_eye_mon_enable, 4, call_kavo_serdes_2d_eye_mon_enable},
+    {"kavo_serdes_2d_eye_mon_get", "serdes", "Reads the 2-D eye scan.", "VELT_ERROR kavo_serdes_2d_eye_mon_get(const UINT32 device_id, const UINT32 serdes_port_id, kavo_serdes_2d_eye_data_t* eye_data)", args_kavo_serdes_2d_eye_mon_get, 3, call_kavo_serdes_2d_eye_mon_get},
+    {"kavo_serdes_1d_eye_mon_enable", "serdes", "Turns the 1-D (vertical) eye monitor on at a depth 1..15, or off.", "VELT_ERROR kavo_serdes_1d_eye_mon_enable(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 enable, const UINT32 depth)", args_kavo_serdes_1d_eye_mon_enable, 4, call_kavo_serdes_1d_eye_mon_enable},
+    {"kavo_serdes_1d_eye_mon_get", "serdes", "Reads the 1-D eye scan.", "VELT_ERROR kavo_serdes_1d_eye_mon_get(const UINT32 device_id, const UINT32 serdes_port_id, kavo_serdes_1d_eye_data_t* eye_data)", args_kavo_serdes_1d_eye_mon_get, 3, call_kavo_serdes_1d_eye_mon_get},
+    {"kavo_serdes_los_holdoff_cfg", "serdes", "Time (0..60000 ms) a returning signal must last before loss of signal clears.", "VELT_ERROR kavo_serdes_los_holdoff_cfg(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 port_pin_b, UINT32 los_recovery_ms)", args_kavo_serdes_los_holdoff_cfg, 4, call_kavo_serdes_los_holdoff_cfg},
+    {"kavo_serdes_single_step_mode_en", "serdes", "Single-step adaptation: each kavo_serdes_single_step_start runs one step.", "VELT_ERROR kavo_serdes_single_step_mode_en(const UINT32 device_id, const UINT32 serdes_port_id, BOOL32 enable)", args_kavo_serdes_single_step_mode_en, 3, call_kavo_serdes_single_step_mode_en},
+    {"kavo_serdes_single_step_start", "serdes", "Runs one step of a triggered adaptation in single-step mode.", "VELT_ERROR kavo_serdes_single_step_start(const UINT32 device_id, const UINT32 serdes_port_id)", args_kavo_serdes_single_step_start, 2, call_kavo_serdes_single_step_start},
+    {"kavo_serdes_optical_mode_en", "serdes", "Optical module mode of the lanes, as the action says.", "VELT_ERROR kavo_serdes_optical_mode_en(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 port_pin_b, const kavo_serdes_cfg_act_t action, const BOOL32 enable)", args_kavo_serdes_optical_mode_en, 5, call_kavo_serdes_optical_mode_en},
+    {"kavo_serdes_link_training_only_mode_en", "serdes", "Link training without auto-negotiation; the training owns the transmit taps meanwhile.", "VELT_ERROR kavo_serdes_link_training_only_mode_en(const UINT32 device_id, const UINT32 serdes_port_id, const BOOL32 enable)", args_kavo_serdes_link_training_only_mode_en, 3, call_kavo_serdes_link_training_only_mode_en},
+    {"kavo_serdes_fec_mon_trigger", "serdes", "Starts the FEC monitor for dwell ms (1..60000).", "VELT_ERROR kavo_serdes_fec_mon_trigger(const UINT32 device_id, const UINT32 serdes_port_id, const UINT32 dwell)", args_kavo_serdes_fec_mon_trigger, 3, call_kavo_serdes_fec_mon_trigger},
+    {"kavo_serdes_fec_mon_get", "serdes", "Reads the FEC monitor: codewords, symbol errors, corrected and uncorrectable codewords.", "VELT_ERROR kavo_serdes_fec_mon_get(const UINT32 device_id, const UINT32 serdes_port_id, kavo_serdes_fec_mon_data_t* fec_data)", args_kavo_serdes_fec_mon_get, 3, call_kavo_serdes_fec_mon_get},
+    {"kavo_serdes_ppm_offset_get", "serdes", "The clock offset of the received signal in ppm (0 without a signal or on a loopback).", "VELT_ERROR kavo_serdes_ppm_offset_get(const UINT32 device_id, const UINT32 serdes_port_id, INT32* ppm_offset)", args_kavo_serdes_ppm_offset_get, 3, call_kavo_serdes_ppm_offset_get},
+    {"kavo_debug_serdes_load", "serdes", "Streams a SerDes microcode file to the firmware: the image after the file's\n4096-byte header in 8192-byte chunks, each with its offset, then a closing\nrequest with the total.", "VELT_ERROR kavo_debug_serdes_load(const UINT32 device_id, char* serdes_binary_filename)", args_kavo_debug_serdes_load, 2, call_kavo_debug_serdes_load},
 };
 const size_t NUM_COMMANDS = sizeof(COMMANDS) / sizeof(COMMANDS[0]);
 
@@ -1042,6 +1465,12 @@ const enum_info* const ENUMS[] = {
     &enum_kavo_pmon_print_sel_t,
     &enum_kavo_segment_type_t,
     &enum_kavo_resource_entity_t,
+    &enum_kavo_serdes_pin_mode_t,
+    &enum_kavo_serdes_rate_t,
+    &enum_kavo_serdes_prbs_t,
+    &enum_kavo_serdes_cfg_act_t,
+    &enum_kavo_serdes_tx_src_t,
+    &enum_kavo_serdes_rx_src_t,
 };
 const size_t NUM_ENUMS = sizeof(ENUMS) / sizeof(ENUMS[0]);
 
@@ -1092,6 +1521,21 @@ const record_info* const RECORDS[] = {
     &record_kavo_pgmrclk_cfg_t,
     &record_kavo_pgmrclk_cfg_get_t,
     &record_kavo_pmon_cfg_t,
+    &record_kavo_serdes_squelch_data_t,
+    &record_kavo_serdes_eq_taps_cfg_t,
+    &record_kavo_serdes_ffe_wt_t,
+    &record_kavo_serdes_prbs_cfg_t,
+    &record_kavo_serdes_polarity_cfg_t,
+    &record_kavo_serdes_pre_code_cfg_t,
+    &record_kavo_serdes_prbs_ber_t,
+    &record_kavo_serdes_status_t,
+    &record_kavo_serdes_cfg_t,
+    &record_kavo_serdes_pin_status_t,
+    &record_kavo_serdes_pin_cfg_t,
+    &record_kavo_serdes_1d_eye_data_t,
+    &record_kavo_serdes_2d_eye_data_t,
+    &record_kavo_serdes_fec_mon_data_t,
+    &record_kavo_serdes_pin_adapt_objects_t,
 };
 const size_t NUM_RECORDS = sizeof(RECORDS) / sizeof(RECORDS[0]);
 

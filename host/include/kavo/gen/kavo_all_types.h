@@ -17,5 +17,6 @@
 #include "kavo/gen/kavo_pgmrclk_types.h"
 #include "kavo/gen/kavo_pmon_types.h"
 #include "kavo/gen/kavo_segment_types.h"
+#include "kavo/gen/kavo_serdes_types.h"
 
 #endif
