@@ -6,11 +6,13 @@
 #include "kavo/gen/kavo_config_types.h"
 #include "kavo/gen/kavo_dcsu_types.h"
 #include "kavo/gen/kavo_err_types.h"
+#include "kavo/gen/kavo_flexe_types.h"
 #include "kavo/gen/kavo_fw_types.h"
 #include "kavo/gen/kavo_htl_types.h"
 #include "kavo/gen/kavo_ilkn_types.h"
 #include "kavo/gen/kavo_ipi_types.h"
 #include "kavo/gen/kavo_pmon_types.h"
+#include "kavo/gen/kavo_ptp_types.h"
 #include "kavo/gen/kavo_segment_types.h"
 #include "kavo/gen/kavo_socket_types.h"
 
