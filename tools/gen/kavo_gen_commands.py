@@ -236,6 +236,18 @@ class Generator:
             return str(size), check
         return f"(UINT32)({size})", None
 
+    def member_path(self, rec, path):
+        """The member a dotted path (a.b.c) names through nested records, or None."""
+        m = None
+        for part in path.split("."):
+            if rec is None or not hasattr(rec, "members"):
+                return None
+            m = next((x for x in rec.members if x.name == part), None)
+            if m is None:
+                return None
+            rec = self.types.get(m.type)
+        return m
+
     def body(self, c):
         lines, checks = [], []
         if c.variation == "status":
@@ -255,10 +267,9 @@ class Generator:
             rec = self.types.get(t)
             if rec is None:
                 raise CommandError(f"{c.name}: build type {t} is unknown")
-            members = {m.name: m for m in rec.members}
             lines.append(f"{t} payload;")
             for member, expr in c.build.get("set", {}).items():
-                m = members.get(member)
+                m = self.member_path(rec, member)
                 if m is None:
                     raise CommandError(f"{c.name}: {t} has no member {member}")
                 if m.dims:

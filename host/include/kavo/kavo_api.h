@@ -10,6 +10,10 @@
 #include "kavo/kavo_sdk.h"
 #include "kavo/kavo_api_config.h"
 #include "kavo/kavo_api_debug.h"
+#include "kavo/kavo_api_flexe.h"
+#include "kavo/kavo_api_flexe_ohp.h"
+#include "kavo/kavo_api_ilkn.h"
 #include "kavo/kavo_api_ipi.h"
+#include "kavo/kavo_api_ptp.h"
 
 #endif /* KAVO_API_H */
