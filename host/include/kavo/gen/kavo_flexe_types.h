@@ -406,7 +406,7 @@ KAVO_STATIC_ASSERT(offsetof(kavo_flexe_ohp_status_t, dbg_vlan_tag) == 20, "kavo_
 KAVO_STATIC_ASSERT(offsetof(kavo_flexe_ohp_status_t, dbg_strip_vlan_tag) == 24, "kavo_flexe_ohp_status_t.dbg_strip_vlan_tag at 24");
 KAVO_STATIC_ASSERT(offsetof(kavo_flexe_ohp_status_t, dbg_frames_pending) == 28, "kavo_flexe_ohp_status_t.dbg_frames_pending at 28");
 
-/* The GE interface, seen from the chip: rx from the processor's side, tx towards it. */
+/* The GE interface: tx the frames the chip sends out on it, rx those it receives (with a loopback, its own coming back); frames refused for their length. */
 typedef struct kavo_flexe_ohp_ge_pmon_t {
     UINT32 rx_frames;
     UINT32 rx_octets_lsb;
