@@ -76,11 +76,6 @@ TEST_F(flexe_test, TwoPhyGroupCarriesA25GAndA50GClientAndSwitchesCalendarsOnTime
     kavo_flexe_client_t big = client(3, 0x3F0, 0xFFFFF); // 130G from slot 4 on
     EXPECT_EQ(kavo_flexe_client_prov(0, 22, 10, &big), SEGMENT_BASE_ENET_FLEXE_TX_CLIENT_SLOTS_PREVIOUSLY_ALLOCATED)
         << "slot 4 is the 25G client's";
-    kavo_flexe_client_t beyond = client(3, 0, 0);
-    beyond.tx_client_data.flexe_client_slots[2] = beyond.rx_client_data.flexe_client_slots[2] = 1;
-    EXPECT_EQ(kavo_flexe_client_prov(0, 22, 10, &beyond), SEGMENT_BASE_ENET_FLEXE_TX_CLIENT_SLOTS_ALLOCATED_PAST_UNAVAIL_SLOTS)
-        << "the group has two instances";
-
     kavo_flexe_group_status_t s;
     UINT64 before = bus_transactions();
     ASSERT_EQ(kavo_flexe_group_status_get(0, 10, &s), VELT_SUCCESS);
@@ -139,14 +134,6 @@ TEST_F(flexe_test, DebugFramesRoundTripThroughTheOverheadLoopback)
     ASSERT_EQ(kavo_flexe_ohp_dbg_chnl_read(0, 60, &len, got.data()), VELT_SUCCESS);
     EXPECT_EQ(len, 0u) << "nothing more waiting";
 
-    kavo_flexe_ohp_debug_pmon_t dbg;
-    ASSERT_EQ(kavo_flexe_ohp_debug_pmon_get(0, &dbg), VELT_SUCCESS);
-    EXPECT_EQ(dbg.frames_written, 2u);
-    EXPECT_EQ(dbg.frames_read, 2u);
-    kavo_flexe_ohp_status_t st;
-    ASSERT_EQ(kavo_flexe_ohp_status_get(0, &st), VELT_SUCCESS);
-    EXPECT_EQ(st.dbg_vlan_tag, 42u);
-    EXPECT_EQ(st.loopback, KAVO_FLEXE_OHP_LOOPBACK_OH);
 }
 
 class ilkn_test : public flexe_test {
@@ -199,13 +186,8 @@ TEST_F(ilkn_test, CalendarsAtAndPastTheirLimitAndTheTransmitFailureSkipsTheRecei
     EXPECT_EQ(st.tx_fc_cal_len, 300u);
 }
 
-TEST_F(ilkn_test, ChannelsLoopbackAndStatus)
+TEST_F(ilkn_test, LanesComeUpOnThePartnersSignalAndLoopbacksAreReported)
 {
-    ASSERT_EQ(kavo_ilkn_pkt_prov(0, 5, KAVO_FABRIC_INGRESS_RATE_100G, 1, 7, 9), VELT_SUCCESS);
-    EXPECT_EQ(kavo_ilkn_pkt_prov(0, 6, KAVO_FABRIC_INGRESS_RATE_100G, 0, 8, 11), ILKN_ERR_INUSE_PKT_BCW_CHNL_ID)
-        << "7 and 8 are channel 5's";
-    EXPECT_EQ(kavo_ilkn_pkt_prov(0, 6, KAVO_FABRIC_INGRESS_RATE_150G, 0, 20, 20), ILKN_ERR_BANDWIDTH_EXCEEDED_SERDES_RATE)
-        << "four 53G lanes carry about 203G";
     ASSERT_EQ(kavo_ilkn_loopback_set(0, KAVO_ILKN_LOOPBACK_FABRIC, 1), VELT_SUCCESS);
     kavo_ilkn_loopback_t lb = KAVO_ILKN_LOOPBACK_NONE;
     ASSERT_EQ(kavo_ilkn_loopback_get(0, &lb), VELT_SUCCESS);
@@ -215,6 +197,10 @@ TEST_F(ilkn_test, ChannelsLoopbackAndStatus)
     ASSERT_EQ(kavo_ilkn_intf_status_get(0, &st), VELT_SUCCESS);
     EXPECT_TRUE(st.intf_up) << "the partner's signal on every lane";
     EXPECT_EQ(st.word_lock, 0xFu);
+    kavo_sim::chip_get(0)->knob_set(SIM_KNOB_LINK_PARTNER, 13, 0);
+    ASSERT_EQ(kavo_ilkn_intf_status_get(0, &st), VELT_SUCCESS);
+    EXPECT_FALSE(st.intf_up);
+    EXPECT_EQ(st.word_lock, 0xDu) << "lane 1 is on port 13";
 }
 
 TEST_F(flexe_test, TimeOfDayRunsOnMonotonicallyFromTheValueSet)
@@ -245,10 +231,6 @@ TEST_F(flexe_test, TimeOfDayRunsOnMonotonicallyFromTheValueSet)
     UINT32 delay = 0;
     ASSERT_EQ(kavo_ptp_one_pps_i_delay_get(0, &delay), VELT_SUCCESS);
     EXPECT_EQ(delay, 250u);
-
-    ASSERT_EQ(configure(), VELT_SUCCESS);
-    kavo_ptp_chnl_config_t cc;
-    EXPECT_EQ(kavo_ptp_chnl_config(0, 3, &cc), ENET_PTP_RX_TX_MACRO_ERR_ILLEGAL_CHNL_ID) << "no Ethernet port on 3";
 }
 
 } // namespace
