@@ -4,6 +4,10 @@
 // calendars, and the time of day.
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
 #include <vector>
 
 #include "kavo_test_device.h"
@@ -231,6 +235,44 @@ TEST_F(flexe_test, TimeOfDayRunsOnMonotonicallyFromTheValueSet)
     UINT32 delay = 0;
     ASSERT_EQ(kavo_ptp_one_pps_i_delay_get(0, &delay), VELT_SUCCESS);
     EXPECT_EQ(delay, 250u);
+}
+
+/* kavoctl's status and output for the given arguments; status -1 when it was not built. */
+std::pair<int, std::string> kavoctl(const std::string& args)
+{
+    const std::string tool = std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl";
+    std::pair<int, std::string> r{-1, ""};
+    FILE* pipe = std::ifstream(tool).good() ? popen((tool + " " + args + " 2>/dev/null").c_str(), "r") : nullptr;
+    if (pipe == nullptr) return r;
+    char chunk[4096];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0;) r.second.append(chunk, n);
+    const int raw = pclose(pipe);
+    r.first = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+TEST(kavoctl_flexe, ViewsShowSlotMapsAndTheTimeOfDay)
+{
+    const std::string script = ::testing::TempDir() + "kavoctl_flexe.txt";
+    std::ofstream(script) << "config set 1200G_ENET\n"
+                             "call kavo_flexe_group_prov group_chnl_id=10 group_cfg.group_info.flexe_group_number_tx=7 "
+                             "group_cfg.group_info.flexe_group_number_rx=7 group_cfg.num_phys=1 group_cfg.phys[0].phy_id=0 "
+                             "group_cfg.phys[0].serdes_port_id=0 group_cfg.phys[0].phy_data_tx.flexe_phy_number=1 "
+                             "group_cfg.phys[0].phy_data_rx.flexe_phy_number=1\n"
+                             "call kavo_flexe_client_prov client_chnl_id=20 group_chnl_id=10 "
+                             "client_data.tx_client_data.flexe_client_number=1 client_data.rx_client_data.flexe_client_number=1 "
+                             "client_data.tx_client_data.flexe_client_slots[0]=0x1F client_data.rx_client_data.flexe_client_slots[0]=0x1F\n"
+                             "flexe show\nptp tod set 12.5\n";
+    auto r = kavoctl("run " + script);
+    if (r.first == -1) GTEST_SKIP() << "kavoctl is not built";
+    EXPECT_EQ(r.first, 0) << r.second;
+    EXPECT_TRUE(has(r.second, "  tx calendar B\n    0: 20 20 20 20 20  .  .")) << r.second;
+    EXPECT_TRUE(has(r.second, "  client 20: 5 slots, 25G (after the switch)\n")) << r.second;
+    EXPECT_TRUE(has(r.second, "\n12.500")) << r.second;
+    r = kavoctl("--json run " + script);
+    EXPECT_TRUE(has(r.second, "\"clients\":{\"20\":{\"gbps\":25,\"slots\":5}}")) << r.second;
+    EXPECT_TRUE(has(r.second, "\"seconds\":12")) << r.second;
+    EXPECT_EQ(kavoctl("ptp tod set 1.2.3").first, 2);
 }
 
 } // namespace

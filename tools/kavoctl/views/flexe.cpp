@@ -109,8 +109,8 @@ int cmd_flexe(const settings& s, const args_t& args)
         print_json(doc);
         return rc == VELT_SUCCESS ? 0 : 1;
     }
-    if (rc == VELT_SUCCESS && groups.empty() && std::count(chnls.info, chnls.info + KAVO_NUM_CHANNELS,
-                                                           KAVO_SEGMENT_TYPE_FLEXE_GROUP) == 0)
+    if (rc == VELT_SUCCESS &&
+        std::count(chnls.info, chnls.info + KAVO_NUM_CHANNELS, KAVO_SEGMENT_TYPE_FLEXE_GROUP) == 0)
         std::printf("no flexe groups\n");
     return finish(rc, "flexe show");
 }
