@@ -25,6 +25,16 @@ struct chip_config {
 
 constexpr UINT32 MAX_CHIPS = 32;
 
+/* A reply the firmware gives instead of serving a request, for tests that
+   check what the host does with any answer. The header echoes the request's
+   device id, sequence number and operation. */
+struct scripted_reply {
+    VELT_ERROR result = VELT_SUCCESS;
+    UINT32 mode = 0, value = 0, value2 = 0;
+    std::vector<UINT8> data; // the reply payload; its size is the header's data_size
+    bool repeat = false;     // answers every request until the faults are cleared
+};
+
 /* Faults a chip can be given. Counted reply faults act on the next N replies. */
 struct fault_config {
     std::vector<UINT32> bus_fail_addresses; // transactions touching these fail
@@ -38,6 +48,7 @@ struct fault_config {
     UINT32 oversized_reply_bytes = 64; // added to the reply payload of an oversized reply
     UINT32 doorbell_kept = 0;          // reply written, status raised, doorbell left at 0
     bool corrupt_image = false;        // the next firmware start finds its image corrupt
+    std::vector<scripted_reply> scripted; // the next requests are answered with these, in order
 };
 
 enum class event_kind { reg_read, reg_write, burst_read, burst_write, request, reply };
