@@ -53,7 +53,13 @@ std::string take()
     return out;
 }
 
-void abort_on_assert(UINT32, const char*, int) { std::abort(); }
+/* What the library printed before halting goes to standard error, where death
+   tests look for it. */
+void abort_on_assert(UINT32, const char*, int)
+{
+    std::fwrite(captured().data(), 1, captured().size(), stderr);
+    std::abort();
+}
 
 void install_capture(qspi_callout_api_st* registers)
 {
