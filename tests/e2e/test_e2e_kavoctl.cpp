@@ -91,13 +91,45 @@ TEST(kavoctl, EveryTableCommandIsReachableByName)
     }
 }
 
+TEST(kavoctl, ScriptsGetCleanResultsAndDistinctStatuses)
+{
+    const std::string bad_image = ::testing::TempDir() + "kavoctl_bad.mem";
+    const std::string script = ::testing::TempDir() + "kavoctl_failing.txt";
+    std::ofstream(script) << "status\n# a comment\nconfig show\nstatus\n";
+    kavoctl("image create " + bad_image + " --corrupt");
+    const std::string long_text(16400, 'x');
+    struct {
+        std::string args;
+        int status;
+        const char* shows;
+    } cases[] = {
+        {"--version", 0, "kavoctl 3.0.2 (libkavo 3.0.2)\n"},
+        {"--quiet --json status 2>/dev/null", 0, "{\"result\":0,\"result_name\":\"VELT_SUCCESS\",\"status\":{"},
+        {"--quiet --verbosity=6 -trace_reg_read=1 function_stats reg read 0xF00380", 0, "0x00f00380: 0x06100000\n"},
+        {"--quiet --bogus status", 2, "kavoctl: unknown option --bogus\n"},
+        {"--quiet reg read 0x3", 1, "kavoctl: reg: the bus reported 1 failed transaction\n"},
+        {"--quiet --sim-socket /nonexistent/kavo.sock status", 3, "cannot reach kavo-simd"},
+        {"--quiet --fw " + bad_image + " status", 1, "image_crc mismatch"},
+        {"--quiet run " + script, 1, ":3: config show\n"},
+        {"--quiet call kavo_debug_cmd max_resp_data_size=64 cmd=" + long_text, 4,
+         "kavoctl: the library stopped at an assertion: "},
+        {"--quiet image create /tmp/x.mem --device-rev 1", 2, "unknown option --device-rev"},
+    };
+    for (const auto& c : cases) {
+        const run_result r = kavoctl(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args.substr(0, 120) << "\n" << r.output;
+        EXPECT_NE(r.output.find(c.shows), std::string::npos) << c.args.substr(0, 120) << "\n" << r.output;
+    }
+}
+
 TEST(kavoctl, ImagesAreWrittenAndInspected)
 {
     const std::string image = ::testing::TempDir() + "kavoctl_image.mem";
     EXPECT_EQ(kavoctl("image create " + image + " --version 3.0.9 --vcs 12").status, 0);
     const run_result inspected = kavoctl("image inspect " + image);
     EXPECT_EQ(inspected.status, 0);
-    EXPECT_NE(inspected.output.find("version: 3.0.9 (vcs 12)\n"), std::string::npos) << inspected.output;
+    EXPECT_NE(inspected.output.find("version      3_0_9_12\n"), std::string::npos) << inspected.output;
+    EXPECT_NE(inspected.output.find("status       ok\n"), std::string::npos) << inspected.output;
     const run_result booted = kavoctl("--fw " + image + " status");
     EXPECT_NE(booted.output.find("fw_version: 0x300009"), std::string::npos) << booted.output;
 }

@@ -39,7 +39,7 @@ int cmd_status(const settings& s, const args_t& args)
     kavo_status_info_t_print(&status, stdout);
     log_to(stdout);
     kavo_fw_log_dump(s.device, KAVO_FW_LOG_DUMP_CONSOLE_NEW);
-    log_to(stderr);
+    log_quiet(s.quiet);
     return finish(rc, "status");
 }
 
@@ -95,7 +95,7 @@ int cmd_reg(const settings& s, const args_t& args)
             print_json(doc);
             return rc == VELT_SUCCESS ? 0 : 1;
         }
-        if (rc == VELT_SUCCESS) std::printf("0x%08x: 0x%08x\n", address, value);
+        if (rc == VELT_SUCCESS && !bus_failed()) std::printf("0x%08x: 0x%08x\n", address, value);
         return finish(rc, "reg read");
     }
     if (args.size() == 3 && args[0] == "write" && kavo_sim::parse_u32(args[1].c_str(), address) &&
@@ -151,46 +151,53 @@ int cmd_fw_log(const settings& s, const args_t& args)
                 if (int failed = device_ready(s)) return failed;
                 log_to(stdout);
                 const VELT_ERROR rc = kavo_fw_log_dump(s.device, k.kind);
-                log_to(stderr);
+                log_quiet(s.quiet);
                 return finish(rc, "fw-log");
             }
     return usage_error("fw-log console|stats|dbg|all|new");
 }
 
-int cmd_image(const settings&, const args_t& args)
+int cmd_image(const settings& s, const args_t& args)
 {
     if (args.size() == 2 && args[0] == "inspect") {
-        FILE* f = std::fopen(args[1].c_str(), "rb");
-        kavo_fw_hdr_t header;
-        if (f == nullptr || std::fread(&header, 1, sizeof(header), f) != sizeof(header)) {
-            if (f) std::fclose(f);
-            std::fprintf(stderr, "kavoctl: %s: not a firmware image\n", args[1].c_str());
-            return 1;
+        const kavo_sim::image_info info = kavo_sim::image_inspect_file(args[1].c_str());
+        const bool good = info.readable && info.problem.empty();
+        if (s.json) {
+            nlohmann::json doc = result_json(good ? VELT_SUCCESS : VELT_ERR_FAIL);
+            doc["file"] = args[1];
+            if (info.readable) doc["header"] = record_json("kavo_fw_hdr_t", info.header);
+            doc["problem"] = info.problem;
+            print_json(doc);
+        } else {
+            std::fputs(kavo_sim::image_describe(info).c_str(), stdout);
         }
-        std::fclose(f);
-        kavo_fw_hdr_t_print(&header, stdout);
-        std::printf("version: %u.%u.%u (vcs %u)\n", header.fw_major_num, header.fw_minor_num, header.fw_build_num,
-                    header.vcs_id);
-        return 0;
+        return good ? 0 : 1;
     }
     if (args.size() >= 2 && args[0] == "create") {
+        // The same words as kavo-mkimage create.
         kavo_sim::image_version v;
         bool corrupt = false;
         for (size_t i = 2; i < args.size(); ++i) {
             const std::string& a = args[i];
             const char* next = i + 1 < args.size() ? args[i + 1].c_str() : nullptr;
+            bool ok = true;
             if (a == "--corrupt") {
                 corrupt = true;
-            } else if (a == "--version" && next &&
-                       std::sscanf(next, "%u.%u.%u", &v.major, &v.minor, &v.build) == 3) {
-                ++i;
-            } else if (a == "--vcs" && kavo_sim::parse_u32(next, v.vcs_id)) {
-                ++i;
-            } else if (a == "--device-rev" && kavo_sim::parse_u32(next, v.device_rev)) {
-                ++i;
+                continue;
+            } else if (a == "--version") {
+                ok = kavo_sim::image_version_parse(next, v);
+            } else if (a == "--vcs") {
+                ok = kavo_sim::parse_u32(next, v.vcs_id);
+            } else if (a == "--rev") {
+                ok = kavo_sim::image_rev_parse(next, v.device_rev);
+            } else if (a == "--body") {
+                ok = kavo_sim::parse_u32(next, v.body_size) && v.body_size % 4 == 0 &&
+                     v.body_size <= kavo_sim::PAYLOAD_MAX_BODY;
             } else {
-                return usage_error("image create FILE [--version M.m.b] [--vcs N] [--device-rev N] [--corrupt]");
+                return usage_error("image create FILE: unknown option " + a);
             }
+            if (!ok) return usage_error("image create FILE: bad value for " + a);
+            ++i;
         }
         if (!kavo_sim::image_write(args[1].c_str(), v, corrupt)) {
             std::fprintf(stderr, "kavoctl: cannot write %s\n", args[1].c_str());
@@ -200,7 +207,8 @@ int cmd_image(const settings&, const args_t& args)
                     corrupt ? ", corrupt" : "");
         return 0;
     }
-    return usage_error("image create FILE ... | image inspect FILE");
+    return usage_error("image create FILE [--version M.m.b] [--vcs N] [--rev any|reva|revb] [--body BYTES] "
+                       "[--corrupt] | image inspect FILE");
 }
 
 int cmd_options(const settings&, const args_t&)
@@ -218,7 +226,7 @@ const verb VERBS[] = {
     {"ping", "[WORDS]", "echo WORDS words (default 4) through the firmware", cmd_ping},
     {"cmd", "TEXT...", "run a command in the firmware's debug shell", cmd_debug},
     {"fw-log", "console|stats|dbg|all|new", "the firmware's console, statistics or debug logs", cmd_fw_log},
-    {"image", "create FILE [--version M.m.b] [--vcs N] [--device-rev N] [--corrupt] | inspect FILE",
+    {"image", "create FILE [--version M.m.b] [--vcs N] [--rev any|reva|revb] [--body BYTES] [--corrupt] | inspect FILE",
      "write or inspect a firmware image", cmd_image },
     {"options", "", "the library's options", cmd_options },
 };

@@ -20,8 +20,13 @@ struct settings {
     kavo_init_type_t init = KAVO_INIT_AUTO;
     bool revb = false;
     bool trace = false;
-    bool json = false; // results as JSON on standard output
+    bool json = false;  // results as JSON on standard output
+    bool quiet = false; // no library log lines
 };
+
+// Exit statuses: 0 success, 1 a command failed, 2 usage, and these.
+constexpr int EXIT_UNREACHABLE = 3; // the device cannot be reached
+constexpr int EXIT_ASSERTION = 4;   // the library stopped at one of its assertions
 
 using args_t = std::vector<std::string>;
 
@@ -51,10 +56,16 @@ void print_usage(FILE* out);
    Verbs call it after checking their arguments. */
 int device_ready(const settings& s);
 void close_device(const settings& s);
+/* A verb's status, made a failure (with a line saying so) when the bus
+   reported failed transactions while it ran. */
+int bus_verdict(const char* what, int status);
+/* The bus reported failed transactions since the verb began. */
+bool bus_failed();
 /* Where the library's lines go: standard error, so that results on standard
    output stay clean; the verbs that show the firmware's logs point it at
    standard output while they do. */
 void log_to(FILE* sink);
+void log_quiet(bool quiet);
 
 /* A usage error: one line on standard error, status 2. */
 int usage_error(const std::string& what);

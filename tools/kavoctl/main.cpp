@@ -8,6 +8,9 @@
 #include <sstream>
 
 #include <CLI/CLI.hpp>
+#include <editline/readline.h>
+
+#include "catalogue.h"
 
 #include "kavoctl.h"
 
@@ -50,7 +53,13 @@ const char* const OPTIONS =
     "  --revb              a new virtual chip is revision b (default a)\n"
     "  --trace             print the library's call trace\n"
     "  --json              results as JSON documents on standard output\n"
-    "  name=value          a library option, e.g. verbosity=6 (also VELT_<name> variables)\n"
+    "  --quiet             no library log lines\n"
+    "  --version           the versions of kavoctl and the library\n"
+    "  name=value          a library option, e.g. verbosity=6, also -name=value, --name=value\n"
+    "                      and a lone name for a switch (also VELT_<name> variables)\n"
+    "\n"
+    "exit status: 0 success, 1 a command failed, 2 usage, 3 device unreachable,\n"
+    "4 the library stopped at an assertion\n"
     "\n"
     "commands:\n";
 
@@ -58,7 +67,7 @@ int run_verb(const settings& s, const std::string& name, const args_t& args)
 {
     const verb* v = find_verb(name);
     if (v == nullptr) return usage_error("unknown command " + name);
-    return v->run(s, args);
+    return bus_verdict(v->name, v->run(s, args));
 }
 
 /* Words of a script line; # starts a comment. */
@@ -70,31 +79,93 @@ args_t split_line(const std::string& line)
     return out;
 }
 
-/* run FILE and shell: one command a line on the open device; a file stops at its first failure. */
-int run_script(const settings& s, std::istream& in, const std::string& source, bool interactive)
+/* Completion of the shell: verbs first, command names after call and help. */
+char* complete_word(const char* text, int state)
 {
-    int status = 0;
+    static std::vector<std::string> matches;
+    static size_t next = 0;
+    if (state == 0) {
+        matches.clear();
+        next = 0;
+        const std::string prefix = text;
+        const std::string line(rl_line_buffer, size_t(rl_point));
+        const bool first = line.find_first_not_of(' ') == std::string::npos ||
+                           line.find(' ', line.find_first_not_of(' ')) == std::string::npos;
+        auto offer = [&](const char* name) {
+            if (std::strncmp(name, prefix.c_str(), prefix.size()) == 0) matches.emplace_back(name);
+        };
+        if (first) {
+            for (auto area : AREAS)
+                for (const verb& v : area) offer(v.name);
+            offer("help");
+            offer("quit");
+        } else {
+            for (size_t i = 0; i < NUM_COMMANDS; ++i) offer(COMMANDS[i].name);
+        }
+    }
+    return next < matches.size() ? strdup(matches[next++].c_str()) : nullptr;
+}
+
+char** complete(const char* text, int, int)
+{
+    rl_attempted_completion_over = 1;
+    return rl_completion_matches(text, complete_word);
+}
+
+/* One line of a script or the shell; -1 asks the shell to end. */
+int run_line(const settings& s, const std::string& line)
+{
+    args_t words = split_line(line);
+    if (words.empty()) return 0;
+    const std::string name = words[0];
+    words.erase(words.begin());
+    if (name == "quit" || name == "exit") return -1;
+    if (name == "help" && words.empty()) {
+        print_usage(stdout);
+        return 0;
+    }
+    const verb* v = find_verb(name);
+    if (v == nullptr || name == "run" || name == "shell") return usage_error("unknown command " + name);
+    return bus_verdict(v->name, v->run(s, words));
+}
+
+/* run FILE: one command a line on the open device; stops at its first failure. */
+int run_script(const settings& s, std::istream& in, const std::string& source)
+{
     std::string line;
-    for (unsigned number = 1;; ++number) {
-        if (interactive) {
-            std::printf("kavo> ");
-            std::fflush(stdout);
-        }
-        if (!std::getline(in, line)) break;
-        args_t words = split_line(line);
-        if (words.empty()) continue;
-        const std::string name = words[0];
-        words.erase(words.begin());
-        const verb* v = find_verb(name);
-        const int one = v == nullptr || name == "run" || name == "shell"
-                            ? usage_error("unknown command " + name)
-                            : v->run(s, words);
+    for (unsigned number = 1; std::getline(in, line); ++number) {
+        const int one = run_line(s, line);
+        if (one < 0) return 0;
         if (one == 0) continue;
-        status = one;
-        if (!interactive) {
-            std::fprintf(stderr, "kavoctl: %s:%u: %s failed\n", source.c_str(), number, name.c_str());
-            break;
+        std::fprintf(stderr, "kavoctl: %s:%u: %s\n", source.c_str(), number, line.c_str());
+        return one;
+    }
+    return 0;
+}
+
+/* shell: commands from standard input, with history and completion on a terminal. */
+int run_shell(const settings& s)
+{
+    if (isatty(0) == 0) {
+        int status = 0;
+        for (std::string line; std::getline(std::cin, line);) {
+            const int one = run_line(s, line);
+            if (one < 0) break;
+            if (one != 0) status = one;
         }
+        return status;
+    }
+    rl_attempted_completion_function = complete;
+    int status = 0;
+    for (;;) {
+        char* text = readline("kavo> ");
+        if (text == nullptr) break;
+        const std::string line = text;
+        std::free(text);
+        if (line.find_first_not_of(' ') != std::string::npos) add_history(line.c_str());
+        const int one = run_line(s, line);
+        if (one < 0) break;
+        status = one;
     }
     return status;
 }
@@ -121,7 +192,7 @@ void print_usage(FILE* out)
                 std::fprintf(out, "  %s\n  %-28s%s\n", head.c_str(), "", v.summary);
         }
     std::fprintf(out, "  %-28s%s\n  %-28s%s\n", "run FILE", "run the commands of FILE (one a line, # comments)",
-                 "shell", "read commands from standard input on one device");
+                 "shell", "commands from standard input on one device (help, quit, history, completion)");
 }
 
 } // namespace kavoctl
@@ -144,7 +215,11 @@ int main(int argc, char** argv)
     app.add_flag("--revb", s.revb);
     app.add_flag("--trace", s.trace);
     app.add_flag("--json", s.json);
+    app.add_flag("--quiet", s.quiet);
+    bool version = false;
+    app.add_flag("--version", version);
     app.prefix_command();
+    app.allow_extras();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -154,16 +229,29 @@ int main(int argc, char** argv)
         print_usage(stdout);
         return 0;
     }
+    if (version) {
+        std::printf("kavoctl %s (libkavo %s)\n", KAVO_VERSION_STRING, kavo_version_string());
+        return 0;
+    }
     if (sim) s.socket_path.clear();
     s.init = init == "cold" ? KAVO_INIT_COLD : init == "attach" ? KAVO_INIT_DEBUG_ATTACH : KAVO_INIT_AUTO;
 
     args_t rest = app.remaining();
     size_t i = 0;
-    // Library options, name=value, before the command.
-    for (; i < rest.size() && rest[i].find('=') != std::string::npos; ++i) {
-        const size_t eq = rest[i].find('=');
-        if (kavo_option_set(rest[i].substr(0, eq).c_str(), rest[i].substr(eq + 1).c_str()) != VELT_SUCCESS)
-            return usage_error("bad option " + rest[i]);
+    // Library options before the command: name=value, -name=value,
+    // --name=value, or a lone name (with or without dashes) for a switch.
+    for (; i < rest.size(); ++i) {
+        std::string word = rest[i];
+        const bool dashed = word[0] == '-';
+        word.erase(0, word.find_first_not_of('-'));
+        const size_t eq = word.find('=');
+        const std::string name = word.substr(0, eq);
+        if (eq == std::string::npos && !kavo_option_is_known(name.c_str())) {
+            if (dashed) return usage_error("unknown option " + rest[i]);
+            break; // the command
+        }
+        const std::string value = eq == std::string::npos ? "1" : word.substr(eq + 1);
+        if (kavo_option_set(name.c_str(), value.c_str()) != VELT_SUCCESS) return usage_error("bad option " + rest[i]);
     }
     if (i >= rest.size()) return usage_error("no command (kavoctl --help lists them)");
     const std::string command = rest[i++];
@@ -190,9 +278,9 @@ int main(int argc, char** argv)
 
     int status = 0;
     if (command == "run")
-        status = run_script(s, file, args[0], false);
+        status = run_script(s, file, args[0]);
     else if (command == "shell")
-        status = run_script(s, std::cin, "stdin", isatty(0) != 0);
+        status = run_shell(s);
     else
         status = run_verb(s, command, args);
     close_device(s);
