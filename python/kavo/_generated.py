@@ -547,6 +547,39 @@ class kavo_err_t(IntEnum):
     ANLT_ERR_CHNL_NOT_UNDER_MGMT = 13585
     ANLT_ERR_UNSUPPORTED_PORT_MODE_IN_LT_ONLY_MODE = 13586
 
+class kavo_flexe_pin_mode_t(IntEnum):
+    KAVO_FLEXE_PIN_MODE_50G_1_LANE = 0
+    KAVO_FLEXE_PIN_MODE_100G_4_LANES = 1
+    KAVO_FLEXE_PIN_MODE_100G_2_LANES = 2
+    KAVO_FLEXE_PIN_MODE_200G_4_LANES = 3
+    KAVO_FLEXE_PIN_MODE_400G_8_LANES = 4
+    LAST_KAVO_FLEXE_PIN_MODE = 5
+
+class kavo_flexe_calendar_mode_t(IntEnum):
+    KAVO_FLEXE_CALENDAR_MODE_A = 0
+    KAVO_FLEXE_CALENDAR_MODE_B = 1
+    LAST_KAVO_FLEXE_CALENDAR_MODE = 2
+
+class kavo_flexe_calendar_update_mode_t(IntEnum):
+    KAVO_FLEXE_CALENDAR_UPDATE_MODE_TX = 0
+    KAVO_FLEXE_CALENDAR_UPDATE_MODE_RX = 1
+    KAVO_FLEXE_CALENDAR_UPDATE_MODE_TX_RX = 2
+    KAVO_FLEXE_CALENDAR_UPDATE_MODE_NONE = 3
+    KAVO_FLEXE_CALENDAR_UPDATE_MODE_ANY = 4
+    LAST_KAVO_FLEXE_CALENDAR_UPDATE_MODE = 5
+
+class kavo_flexe_ohp_interface_mode_t(IntEnum):
+    KAVO_FLEXE_OHP_INTERFACE_MODE_1000BASE_X = 0
+    KAVO_FLEXE_OHP_INTERFACE_MODE_SGMII = 1
+    KAVO_FLEXE_OHP_INTERFACE_MODE_INTERNAL = 2
+    LAST_KAVO_FLEXE_OHP_INTERFACE_MODE = 3
+
+class kavo_flexe_ohp_loopback_t(IntEnum):
+    KAVO_FLEXE_OHP_LOOPBACK_NONE = 0
+    KAVO_FLEXE_OHP_LOOPBACK_GE = 1
+    KAVO_FLEXE_OHP_LOOPBACK_OH = 2
+    LAST_KAVO_FLEXE_OHP_LOOPBACK = 3
+
 class VELT_POLL_COMPARISON_TYPE(IntEnum):
     VELT_POLL_EQUAL = 0
     VELT_POLL_NOT_EQUAL = 1
@@ -812,6 +845,61 @@ class kavo_htl_operation_t(IntEnum):
     KAVO_HTL_OPERATION_PE_HOST_PROV = 4097
     LAST_KAVO_HTL_OPERATION = 4098
 
+class kavo_ilkn_rate_mode_t(IntEnum):
+    KAVO_ILKN_RATE_MODE_6G25 = 0
+    KAVO_ILKN_RATE_MODE_10G3125 = 1
+    KAVO_ILKN_RATE_MODE_12G5 = 2
+    KAVO_ILKN_RATE_MODE_25G78125 = 3
+    KAVO_ILKN_RATE_MODE_28G125 = 4
+    KAVO_ILKN_RATE_MODE_51G5625 = 5
+    KAVO_ILKN_RATE_MODE_53G125 = 6
+    LAST_KAVO_ILKN_RATE_MODE = 7
+
+class kavo_ilkn_mf_t(IntEnum):
+    KAVO_ILKN_MF_256 = 0
+    KAVO_ILKN_MF_512 = 1
+    KAVO_ILKN_MF_1024 = 2
+    KAVO_ILKN_MF_2048 = 3
+    KAVO_ILKN_MF_4096 = 4
+    KAVO_ILKN_MF_8192 = 5
+    KAVO_ILKN_MF_16384 = 6
+    LAST_KAVO_ILKN_MF = 7
+
+class kavo_ilkn_burst_max_t(IntEnum):
+    KAVO_ILKN_BURST_MAX_64 = 2
+    KAVO_ILKN_BURST_MAX_128 = 4
+    KAVO_ILKN_BURST_MAX_192 = 6
+    KAVO_ILKN_BURST_MAX_256 = 8
+    LAST_KAVO_ILKN_BURST_MAX = 9
+
+class kavo_ilkn_burst_min_t(IntEnum):
+    KAVO_ILKN_BURST_MIN_32 = 1
+    KAVO_ILKN_BURST_MIN_64 = 2
+    KAVO_ILKN_BURST_MIN_96 = 3
+    KAVO_ILKN_BURST_MIN_128 = 4
+    KAVO_ILKN_BURST_MIN_NONE = 10
+    LAST_KAVO_ILKN_BURST_MIN = 11
+
+class kavo_fabric_ingress_rate_t(IntEnum):
+    KAVO_FABRIC_INGRESS_RATE_10G = 0
+    KAVO_FABRIC_INGRESS_RATE_25G = 1
+    KAVO_FABRIC_INGRESS_RATE_40G = 2
+    KAVO_FABRIC_INGRESS_RATE_50G = 3
+    KAVO_FABRIC_INGRESS_RATE_100G = 4
+    KAVO_FABRIC_INGRESS_RATE_150G = 5
+    KAVO_FABRIC_INGRESS_RATE_200G = 6
+    KAVO_FABRIC_INGRESS_RATE_300G = 7
+    KAVO_FABRIC_INGRESS_RATE_400G = 8
+    KAVO_FABRIC_INGRESS_RATE_600G = 9
+    LAST_KAVO_FABRIC_INGRESS_RATE = 10
+
+class kavo_ilkn_loopback_t(IntEnum):
+    KAVO_ILKN_LOOPBACK_NONE = 0
+    KAVO_ILKN_LOOPBACK_SERDES = 1
+    KAVO_ILKN_LOOPBACK_CORE = 2
+    KAVO_ILKN_LOOPBACK_FABRIC = 3
+    LAST_KAVO_ILKN_LOOPBACK = 4
+
 class kavo_ipi_type_t(IntEnum):
     VELT_IPI_HTL_DTL_MESSAGE = 0
     VELT_IPI_DEFECTS_ENABLED = 1
@@ -936,6 +1024,60 @@ class kavo_pmon_print_sel_t(IntEnum):
     KAVO_PMON_PRINT_ALL_NON_ZERO = 1
     KAVO_PMON_PRINT_ALL = 2
     LAST_KAVO_PMON_PRINT_SEL = 3
+
+class kavo_ptp_mts_format_t(IntEnum):
+    KAVO_PTP_MTS_FORMAT_TOD_80BIT = 0
+    KAVO_PTP_MTS_FORMAT_TOD_64BIT = 1
+    KAVO_PTP_MTS_FORMAT_CORRECTION_FIELD = 2
+    LAST_KAVO_PTP_MTS_FORMAT = 3
+
+class kavo_ptp_ts_operation_mode_t(IntEnum):
+    KAVO_PTP_TS_OPERATION_MODE_NONE = 0
+    KAVO_PTP_TS_OPERATION_MODE_ONE_STEP = 1
+    KAVO_PTP_TS_OPERATION_MODE_TWO_STEP = 2
+    KAVO_PTP_TS_OPERATION_MODE_TRANSPARENT = 3
+    LAST_KAVO_PTP_TS_OPERATION_MODE = 4
+
+class kavo_ptp_pkt_operation_mode_t(IntEnum):
+    KAVO_PTP_PKT_OPERATION_MODE_TERMINATE = 0
+    KAVO_PTP_PKT_OPERATION_MODE_FORWARD = 1
+    KAVO_PTP_PKT_OPERATION_MODE_TERMINATE_AND_FORWARD = 2
+    LAST_KAVO_PTP_PKT_OPERATION_MODE = 3
+
+class kavo_ptp_da_sa_match_mode_t(IntEnum):
+    KAVO_PTP_DA_SA_MATCH_MODE_NONE = 0
+    KAVO_PTP_DA_SA_MATCH_MODE_DA = 1
+    KAVO_PTP_DA_SA_MATCH_MODE_SA = 2
+    KAVO_PTP_DA_SA_MATCH_MODE_DA_SA = 3
+    LAST_KAVO_PTP_DA_SA_MATCH_MODE = 4
+
+class kavo_ptp_protocol_encap_t(IntEnum):
+    KAVO_PTP_PROTOCOL_ENCAP_NONE = 0
+    KAVO_PTP_PROTOCOL_ENCAP_ETH = 1
+    KAVO_PTP_PROTOCOL_ENCAP_IPV4 = 2
+    KAVO_PTP_PROTOCOL_ENCAP_ETH_IPV4 = 3
+    KAVO_PTP_PROTOCOL_ENCAP_IPV6 = 4
+    KAVO_PTP_PROTOCOL_ENCAP_ETH_IPV6 = 5
+    KAVO_PTP_PROTOCOL_ENCAP_IPV4_IPV6 = 6
+    KAVO_PTP_PROTOCOL_ENCAP_ALL = 7
+    LAST_KAVO_PTP_PROTOCOL_ENCAP = 8
+
+class kavo_ptp_vlan_tpid_t(IntEnum):
+    KAVO_PTP_VLAN_TPID_OUTER = 0
+    KAVO_PTP_VLAN_TPID_INNER = 1
+    LAST_KAVO_PTP_VLAN_TPID = 2
+
+class kavo_ptp_vlan_tag_num_t(IntEnum):
+    KAVO_PTP_VLAN_TAG_NUM_NONE = 0
+    KAVO_PTP_VLAN_TAG_NUM_ONE = 1
+    KAVO_PTP_VLAN_TAG_NUM_TWO = 2
+    LAST_KAVO_PTP_VLAN_TAG_NUM = 3
+
+class kavo_ptp_one_pps_tod_src_t(IntEnum):
+    KAVO_PTP_ONE_PPS_TOD_SRC_INTERNAL = 0
+    KAVO_PTP_ONE_PPS_TOD_SRC_EXTERNAL_1PPS = 1
+    KAVO_PTP_ONE_PPS_TOD_SRC_EXTERNAL_1PPS_TOD = 2
+    LAST_KAVO_PTP_ONE_PPS_TOD_SRC = 3
 
 class kavo_segment_type_t(IntEnum):
     KAVO_SEGMENT_TYPE_UNUSED = 0
@@ -1102,6 +1244,54 @@ class kavo_debug_macsec_tcam_scrub_stats_t(Record):
     _init_ = "kavo_debug_macsec_tcam_scrub_stats_t_init"
     _fields_ = [("scrub_passes", ctypes.c_uint32), ("errors_corrected", ctypes.c_uint32), ("last_error_pass", ctypes.c_uint32), ("scrub_period_ms", ctypes.c_uint32)]
 
+class kavo_flexe_phy_info_t(Record):
+    _init_ = "kavo_flexe_phy_info_t_init"
+    _fields_ = [("flexe_phy_number", ctypes.c_uint32), ("num_unavailable_slots", ctypes.c_uint32)]
+
+class kavo_flexe_phy_t(Record):
+    _init_ = "kavo_flexe_phy_t_init"
+    _fields_ = [("phy_data_tx", kavo_flexe_phy_info_t), ("phy_data_rx", kavo_flexe_phy_info_t), ("pin_mode", ctypes.c_uint32), ("fec", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32), ("phy_id", ctypes.c_uint32)]
+
+class kavo_flexe_group_info_t(Record):
+    _init_ = "kavo_flexe_group_info_t_init"
+    _fields_ = [("flexe_group_number_tx", ctypes.c_uint32), ("flexe_group_number_rx", ctypes.c_uint32), ("calendar_update_mode", ctypes.c_uint32)]
+
+class kavo_flexe_group_cfg_t(Record):
+    _init_ = "kavo_flexe_group_cfg_t_init"
+    _fields_ = [("group_info", kavo_flexe_group_info_t), ("num_phys", ctypes.c_uint32), ("phys", (kavo_flexe_phy_t * 4)), ("initial_calendar", ctypes.c_uint32), ("reserved", (ctypes.c_uint32 * 3))]
+
+class kavo_flexe_client_data_t(Record):
+    _init_ = "kavo_flexe_client_data_t_init"
+    _fields_ = [("flexe_client_number", ctypes.c_uint32), ("flexe_client_slots", (ctypes.c_uint32 * 4))]
+
+class kavo_flexe_client_t(Record):
+    _init_ = "kavo_flexe_client_t_init"
+    _fields_ = [("tx_client_data", kavo_flexe_client_data_t), ("rx_client_data", kavo_flexe_client_data_t)]
+
+class kavo_flexe_phy_status_t(Record):
+    _init_ = "kavo_flexe_phy_status_t_init"
+    _fields_ = [("phy_id", ctypes.c_uint32), ("flexe_phy_number", ctypes.c_uint32), ("signal_present", ctypes.c_uint32), ("aligned", ctypes.c_uint32)]
+
+class kavo_flexe_group_status_t(Record):
+    _init_ = "kavo_flexe_group_status_t_init"
+    _fields_ = [("group_aligned", ctypes.c_uint32), ("num_phys", ctypes.c_uint32), ("tx_calendar_in_use", ctypes.c_uint32), ("rx_calendar_in_use", ctypes.c_uint32), ("switch_pending", ctypes.c_uint32), ("switch_remaining_ms", ctypes.c_uint32), ("num_clients", ctypes.c_uint32), ("num_slots", ctypes.c_uint32), ("phy_status", (kavo_flexe_phy_status_t * 4)), ("tx_slot_client", ((ctypes.c_uint8 * 80) * 2)), ("rx_slot_client", ((ctypes.c_uint8 * 80) * 2))]
+
+class kavo_flexe_ohp_chnl_cfg_data_t(Record):
+    _init_ = "kavo_flexe_ohp_chnl_cfg_data_t_init"
+    _fields_ = [("shim_vlan_tag", ctypes.c_uint32), ("section_vlan_tag", ctypes.c_uint32)]
+
+class kavo_flexe_ohp_status_t(Record):
+    _init_ = "kavo_flexe_ohp_status_t_init"
+    _fields_ = [("provisioned", ctypes.c_uint32), ("interface_mode", ctypes.c_uint32), ("loopback", ctypes.c_uint32), ("num_oh_chnls", ctypes.c_uint32), ("dbg_chnl_provisioned", ctypes.c_uint32), ("dbg_vlan_tag", ctypes.c_uint32), ("dbg_strip_vlan_tag", ctypes.c_uint32), ("dbg_frames_pending", ctypes.c_uint32)]
+
+class kavo_flexe_ohp_ge_pmon_t(Record):
+    _init_ = "kavo_flexe_ohp_ge_pmon_t_init"
+    _fields_ = [("rx_frames", ctypes.c_uint32), ("rx_octets_lsb", ctypes.c_uint32), ("rx_octets_msb", ctypes.c_uint32), ("tx_frames", ctypes.c_uint32), ("tx_octets_lsb", ctypes.c_uint32), ("tx_octets_msb", ctypes.c_uint32), ("rx_length_errors", ctypes.c_uint32)]
+
+class kavo_flexe_ohp_debug_pmon_t(Record):
+    _init_ = "kavo_flexe_ohp_debug_pmon_t_init"
+    _fields_ = [("frames_written", ctypes.c_uint32), ("frames_looped_back", ctypes.c_uint32), ("frames_read", ctypes.c_uint32), ("frames_dropped", ctypes.c_uint32)]
+
 class kavo_fw_hdr_t(Record):
     _init_ = "kavo_fw_hdr_t_init"
     _fields_ = [("header_rev", ctypes.c_uint32), ("device_rev", ctypes.c_uint32), ("image_crc", ctypes.c_uint32), ("image_size", ctypes.c_uint32), ("vcs_id", ctypes.c_uint32), ("fw_major_num", ctypes.c_uint32), ("fw_minor_num", ctypes.c_uint32), ("fw_build_num", ctypes.c_uint32), ("pad", (ctypes.c_uint32 * 8))]
@@ -1125,6 +1315,30 @@ class kavo_htl_request_t(Record):
 class kavo_htl_response_t(Record):
     _init_ = "kavo_htl_response_t_init"
     _fields_ = [("device_id", ctypes.c_uint32), ("sequence_num", ctypes.c_uint32), ("operation", ctypes.c_uint32), ("result", ctypes.c_uint32), ("mode", ctypes.c_uint32), ("value", ctypes.c_uint32), ("value2", ctypes.c_uint32), ("data_size", ctypes.c_uint32), ("data_ptr", ctypes.c_void_p)]
+
+class kavo_ilkn_pkt_rate_t(Record):
+    _init_ = "kavo_ilkn_pkt_rate_t_init"
+    _fields_ = [("rate", ctypes.c_uint32), ("client_num_incr", ctypes.c_uint32)]
+
+class kavo_ilkn_pkt_fabric_ingress_t(Record):
+    _init_ = "kavo_ilkn_pkt_fabric_ingress_t_init"
+    _fields_ = [("rate_info", kavo_ilkn_pkt_rate_t), ("bcw_chnl", ctypes.c_uint32)]
+
+class kavo_ilkn_pkt_fabric_egress_t(Record):
+    _init_ = "kavo_ilkn_pkt_fabric_egress_t_init"
+    _fields_ = [("bcw_chnl", ctypes.c_uint32)]
+
+class kavo_traffic_ilkn_pkt_t(Record):
+    _init_ = "kavo_traffic_ilkn_pkt_t_init"
+    _fields_ = [("fabric_ingress_data", kavo_ilkn_pkt_fabric_ingress_t), ("fabric_egress_data", kavo_ilkn_pkt_fabric_egress_t)]
+
+class kavo_ilkn_fc_cal_t(Record):
+    _init_ = "kavo_ilkn_fc_cal_t_init"
+    _fields_ = [("entry", (ctypes.c_uint32 * 300))]
+
+class kavo_ilkn_intf_status_t(Record):
+    _init_ = "kavo_ilkn_intf_status_t_init"
+    _fields_ = [("intf_up", ctypes.c_uint32), ("lane_aligned", ctypes.c_uint32), ("word_lock", ctypes.c_uint32), ("metaframe_lock", ctypes.c_uint32), ("num_lanes", ctypes.c_uint32), ("loopback", ctypes.c_uint32), ("tx_fc_cal_len", ctypes.c_uint32), ("rx_fc_cal_len", ctypes.c_uint32)]
 
 class kavo_macsec_vport_config_t(Record):
     _init_ = "kavo_macsec_vport_config_t_init"
@@ -1250,6 +1464,34 @@ class kavo_pgmrclk_cfg_get_t(Record):
     _init_ = "kavo_pgmrclk_cfg_get_t_init"
     _fields_ = [("clk_id", ctypes.c_uint32), ("clk_source", ctypes.c_uint32), ("clk_source_idx", ctypes.c_uint32), ("enable", ctypes.c_uint32), ("input_clk_freq", ctypes.c_double), ("output_clk_freq", ctypes.c_double), ("achieved_clk_freq", ctypes.c_double), ("divider", ctypes.c_uint32), ("squelch_serdes_id", ctypes.c_uint32), ("squelch_enet_chnl_id", ctypes.c_uint32), ("squelched", ctypes.c_uint32)]
 
+class kavo_enet_vlan_chnl_config_t(Record):
+    _init_ = "kavo_enet_vlan_chnl_config_t_init"
+    _fields_ = [("vlan_tag_num", ctypes.c_uint32), ("tpid", (ctypes.c_uint32 * 2))]
+
+class kavo_ptp_config_t(Record):
+    _init_ = "kavo_ptp_config_t_init"
+    _fields_ = [("mts_format", ctypes.c_uint32), ("pkt_operation_mode", ctypes.c_uint32), ("da_sa_match_mode", ctypes.c_uint32)]
+
+class kavo_ptp_chnl_config_t(Record):
+    _init_ = "kavo_ptp_chnl_config_t_init"
+    _fields_ = [("enable", ctypes.c_uint32), ("encapsulation", ctypes.c_uint32), ("ts_operation_mode", ctypes.c_uint32), ("p2p_link_delay", ctypes.c_uint32), ("tx_ts_compensation", ctypes.c_int32), ("rx_ts_compensation", ctypes.c_int32), ("vlan_cfg", kavo_enet_vlan_chnl_config_t), ("check_ptp_version", ctypes.c_uint32)]
+
+class kavo_ptp_addr_t(Record):
+    _init_ = "kavo_ptp_addr_t_init"
+    _fields_ = [("addr", (ctypes.c_uint8 * 16))]
+
+class kavo_ptp_bidirectional_addr_t(Record):
+    _init_ = "kavo_ptp_bidirectional_addr_t_init"
+    _fields_ = [("sa", kavo_ptp_addr_t), ("da", kavo_ptp_addr_t)]
+
+class kavo_ptp_tod_t(Record):
+    _init_ = "kavo_ptp_tod_t_init"
+    _fields_ = [("sec_hi", ctypes.c_uint32), ("sec_lo", ctypes.c_uint32), ("nsec", ctypes.c_uint32), ("frac_nsec", ctypes.c_uint32)]
+
+class kavo_ptp_latency_t(Record):
+    _init_ = "kavo_ptp_latency_t_init"
+    _fields_ = [("dynamic_measure", ctypes.c_uint32), ("latency", ctypes.c_uint32)]
+
 class kavo_serdes_squelch_data_t(Record):
     _init_ = "kavo_serdes_squelch_data_t_init"
     _fields_ = [("squelch_data_msw", ctypes.c_uint32), ("squelch_data_lsw", ctypes.c_uint32)]
@@ -1321,12 +1563,28 @@ SIZES = {
     "kavo_chnl_info_t": 192,
     "kavo_dcsu_cfg_get_t": 268,
     "kavo_debug_macsec_tcam_scrub_stats_t": 16,
+    "kavo_flexe_phy_info_t": 8,
+    "kavo_flexe_phy_t": 32,
+    "kavo_flexe_group_info_t": 12,
+    "kavo_flexe_group_cfg_t": 160,
+    "kavo_flexe_client_data_t": 20,
+    "kavo_flexe_client_t": 40,
+    "kavo_flexe_phy_status_t": 16,
+    "kavo_flexe_group_status_t": 416,
+    "kavo_flexe_ohp_chnl_cfg_data_t": 8,
+    "kavo_flexe_ohp_status_t": 32,
     "kavo_fw_hdr_t": 64,
     "velt_fw_fixed_version_info_t": 8,
     "velt_sys_fw_stats_t": 80,
     "kavo_htl_general_struct_t": 16,
     "kavo_htl_request_t": 40,
     "kavo_htl_response_t": 40,
+    "kavo_ilkn_pkt_rate_t": 8,
+    "kavo_ilkn_pkt_fabric_ingress_t": 12,
+    "kavo_ilkn_pkt_fabric_egress_t": 4,
+    "kavo_traffic_ilkn_pkt_t": 16,
+    "kavo_ilkn_fc_cal_t": 1200,
+    "kavo_ilkn_intf_status_t": 32,
     "kavo_macsec_vport_config_t": 8,
     "kavo_macsec_vport_read_params_t": 32,
     "kavo_macsec_rule_config_others_t": 24,
@@ -1358,6 +1616,13 @@ SIZES = {
     "kavo_pe_config_t": 48,
     "kavo_pgmrclk_cfg_t": 32,
     "kavo_pgmrclk_cfg_get_t": 56,
+    "kavo_enet_vlan_chnl_config_t": 12,
+    "kavo_ptp_config_t": 12,
+    "kavo_ptp_chnl_config_t": 40,
+    "kavo_ptp_addr_t": 16,
+    "kavo_ptp_bidirectional_addr_t": 32,
+    "kavo_ptp_tod_t": 16,
+    "kavo_ptp_latency_t": 8,
     "kavo_serdes_squelch_data_t": 8,
     "kavo_serdes_eq_taps_cfg_t": 20,
     "kavo_serdes_ffe_wt_t": 24,
@@ -1426,6 +1691,51 @@ OFFSETS = [
     ("kavo_debug_macsec_tcam_scrub_stats_t", "errors_corrected", 4),
     ("kavo_debug_macsec_tcam_scrub_stats_t", "last_error_pass", 8),
     ("kavo_debug_macsec_tcam_scrub_stats_t", "scrub_period_ms", 12),
+    ("kavo_flexe_phy_info_t", "flexe_phy_number", 0),
+    ("kavo_flexe_phy_info_t", "num_unavailable_slots", 4),
+    ("kavo_flexe_phy_t", "phy_data_tx", 0),
+    ("kavo_flexe_phy_t", "phy_data_rx", 8),
+    ("kavo_flexe_phy_t", "pin_mode", 16),
+    ("kavo_flexe_phy_t", "fec", 20),
+    ("kavo_flexe_phy_t", "serdes_port_id", 24),
+    ("kavo_flexe_phy_t", "phy_id", 28),
+    ("kavo_flexe_group_info_t", "flexe_group_number_tx", 0),
+    ("kavo_flexe_group_info_t", "flexe_group_number_rx", 4),
+    ("kavo_flexe_group_info_t", "calendar_update_mode", 8),
+    ("kavo_flexe_group_cfg_t", "group_info", 0),
+    ("kavo_flexe_group_cfg_t", "num_phys", 12),
+    ("kavo_flexe_group_cfg_t", "phys", 16),
+    ("kavo_flexe_group_cfg_t", "initial_calendar", 144),
+    ("kavo_flexe_group_cfg_t", "reserved", 148),
+    ("kavo_flexe_client_data_t", "flexe_client_number", 0),
+    ("kavo_flexe_client_data_t", "flexe_client_slots", 4),
+    ("kavo_flexe_client_t", "tx_client_data", 0),
+    ("kavo_flexe_client_t", "rx_client_data", 20),
+    ("kavo_flexe_phy_status_t", "phy_id", 0),
+    ("kavo_flexe_phy_status_t", "flexe_phy_number", 4),
+    ("kavo_flexe_phy_status_t", "signal_present", 8),
+    ("kavo_flexe_phy_status_t", "aligned", 12),
+    ("kavo_flexe_group_status_t", "group_aligned", 0),
+    ("kavo_flexe_group_status_t", "num_phys", 4),
+    ("kavo_flexe_group_status_t", "tx_calendar_in_use", 8),
+    ("kavo_flexe_group_status_t", "rx_calendar_in_use", 12),
+    ("kavo_flexe_group_status_t", "switch_pending", 16),
+    ("kavo_flexe_group_status_t", "switch_remaining_ms", 20),
+    ("kavo_flexe_group_status_t", "num_clients", 24),
+    ("kavo_flexe_group_status_t", "num_slots", 28),
+    ("kavo_flexe_group_status_t", "phy_status", 32),
+    ("kavo_flexe_group_status_t", "tx_slot_client", 96),
+    ("kavo_flexe_group_status_t", "rx_slot_client", 256),
+    ("kavo_flexe_ohp_chnl_cfg_data_t", "shim_vlan_tag", 0),
+    ("kavo_flexe_ohp_chnl_cfg_data_t", "section_vlan_tag", 4),
+    ("kavo_flexe_ohp_status_t", "provisioned", 0),
+    ("kavo_flexe_ohp_status_t", "interface_mode", 4),
+    ("kavo_flexe_ohp_status_t", "loopback", 8),
+    ("kavo_flexe_ohp_status_t", "num_oh_chnls", 12),
+    ("kavo_flexe_ohp_status_t", "dbg_chnl_provisioned", 16),
+    ("kavo_flexe_ohp_status_t", "dbg_vlan_tag", 20),
+    ("kavo_flexe_ohp_status_t", "dbg_strip_vlan_tag", 24),
+    ("kavo_flexe_ohp_status_t", "dbg_frames_pending", 28),
     ("kavo_fw_hdr_t", "header_rev", 0),
     ("kavo_fw_hdr_t", "device_rev", 4),
     ("kavo_fw_hdr_t", "image_crc", 8),
@@ -1470,6 +1780,22 @@ OFFSETS = [
     ("kavo_htl_response_t", "value2", 24),
     ("kavo_htl_response_t", "data_size", 28),
     ("kavo_htl_response_t", "data_ptr", 32),
+    ("kavo_ilkn_pkt_rate_t", "rate", 0),
+    ("kavo_ilkn_pkt_rate_t", "client_num_incr", 4),
+    ("kavo_ilkn_pkt_fabric_ingress_t", "rate_info", 0),
+    ("kavo_ilkn_pkt_fabric_ingress_t", "bcw_chnl", 8),
+    ("kavo_ilkn_pkt_fabric_egress_t", "bcw_chnl", 0),
+    ("kavo_traffic_ilkn_pkt_t", "fabric_ingress_data", 0),
+    ("kavo_traffic_ilkn_pkt_t", "fabric_egress_data", 12),
+    ("kavo_ilkn_fc_cal_t", "entry", 0),
+    ("kavo_ilkn_intf_status_t", "intf_up", 0),
+    ("kavo_ilkn_intf_status_t", "lane_aligned", 4),
+    ("kavo_ilkn_intf_status_t", "word_lock", 8),
+    ("kavo_ilkn_intf_status_t", "metaframe_lock", 12),
+    ("kavo_ilkn_intf_status_t", "num_lanes", 16),
+    ("kavo_ilkn_intf_status_t", "loopback", 20),
+    ("kavo_ilkn_intf_status_t", "tx_fc_cal_len", 24),
+    ("kavo_ilkn_intf_status_t", "rx_fc_cal_len", 28),
     ("kavo_macsec_vport_config_t", "sec_tag_offset", 0),
     ("kavo_macsec_vport_config_t", "flags", 4),
     ("kavo_macsec_vport_read_params_t", "chnl_id", 0),
@@ -1617,6 +1943,28 @@ OFFSETS = [
     ("kavo_pgmrclk_cfg_get_t", "squelch_serdes_id", 44),
     ("kavo_pgmrclk_cfg_get_t", "squelch_enet_chnl_id", 48),
     ("kavo_pgmrclk_cfg_get_t", "squelched", 52),
+    ("kavo_enet_vlan_chnl_config_t", "vlan_tag_num", 0),
+    ("kavo_enet_vlan_chnl_config_t", "tpid", 4),
+    ("kavo_ptp_config_t", "mts_format", 0),
+    ("kavo_ptp_config_t", "pkt_operation_mode", 4),
+    ("kavo_ptp_config_t", "da_sa_match_mode", 8),
+    ("kavo_ptp_chnl_config_t", "enable", 0),
+    ("kavo_ptp_chnl_config_t", "encapsulation", 4),
+    ("kavo_ptp_chnl_config_t", "ts_operation_mode", 8),
+    ("kavo_ptp_chnl_config_t", "p2p_link_delay", 12),
+    ("kavo_ptp_chnl_config_t", "tx_ts_compensation", 16),
+    ("kavo_ptp_chnl_config_t", "rx_ts_compensation", 20),
+    ("kavo_ptp_chnl_config_t", "vlan_cfg", 24),
+    ("kavo_ptp_chnl_config_t", "check_ptp_version", 36),
+    ("kavo_ptp_addr_t", "addr", 0),
+    ("kavo_ptp_bidirectional_addr_t", "sa", 0),
+    ("kavo_ptp_bidirectional_addr_t", "da", 16),
+    ("kavo_ptp_tod_t", "sec_hi", 0),
+    ("kavo_ptp_tod_t", "sec_lo", 4),
+    ("kavo_ptp_tod_t", "nsec", 8),
+    ("kavo_ptp_tod_t", "frac_nsec", 12),
+    ("kavo_ptp_latency_t", "dynamic_measure", 0),
+    ("kavo_ptp_latency_t", "latency", 4),
     ("kavo_serdes_squelch_data_t", "squelch_data_msw", 0),
     ("kavo_serdes_squelch_data_t", "squelch_data_lsw", 4),
     ("kavo_serdes_eq_taps_cfg_t", "cm2", 0),
@@ -1769,6 +2117,50 @@ kavo_status_logging_set = command("kavo_status_logging_set", None, [("enable", c
     "Turns the call trace of the status-polling commands on or off (off at load).")
 kavo_debug_tcam_scrubbing_stats_get = command("kavo_debug_tcam_scrubbing_stats_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("stats_ptr", ctypes.POINTER(kavo_debug_macsec_tcam_scrub_stats_t), "out_record", kavo_debug_macsec_tcam_scrub_stats_t)],
     "Scrub passes and corrected memory errors since the last reset; reset clears them after the read.")
+kavo_flexe_group_prov = command("kavo_flexe_group_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_cfg", ctypes.POINTER(kavo_flexe_group_cfg_t), "in_record", kavo_flexe_group_cfg_t)],
+    "Provisions channel group_chnl_id as a FlexE group of the PHYs in group_cfg, which take their SerDes lanes.")
+kavo_flexe_client_prov = command("kavo_flexe_client_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("client_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("client_data", ctypes.POINTER(kavo_flexe_client_t), "in_record", kavo_flexe_client_t)],
+    "Provisions channel client_chnl_id as a client of group group_chnl_id on the slots in client_data (into the calendars not in use).")
+kavo_flexe_calendar_update = command("kavo_flexe_calendar_update", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cal_update_scope", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ms_timer", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Switches the group's calendars of the given scope to the ones not in use after ms_timer milliseconds.")
+kavo_flexe_group_config_get = command("kavo_flexe_group_config_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_cfg", ctypes.POINTER(kavo_flexe_group_cfg_t), "out_record", kavo_flexe_group_cfg_t)],
+    "Reads back the group's configuration as provisioned.")
+kavo_flexe_group_status_get = command("kavo_flexe_group_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_status", ctypes.POINTER(kavo_flexe_group_status_t), "out_record", kavo_flexe_group_status_t)],
+    "PHY alignment, the calendars in use and both calendars' slot maps of the group.")
+kavo_flexe_ohp_prov = command("kavo_flexe_ohp_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("flexe_ohp_interface_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Provisions the overhead processor with its GE interface in the given mode.")
+kavo_flexe_ohp_deprov = command("kavo_flexe_ohp_deprov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Deprovisions the overhead processor; its overhead and debug channels must be deprovisioned first.")
+kavo_flexe_ohp_chnl_prov = command("kavo_flexe_ohp_chnl_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("section_vlan_tag", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("shim_vlan_tag", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Carries the management channels of PHY phy_id of group group_chnl_id on the GE interface under the two VLANs.")
+kavo_flexe_ohp_chnl_deprov = command("kavo_flexe_ohp_chnl_deprov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Stops carrying the management channels of PHY phy_id of group group_chnl_id.")
+kavo_flexe_ohp_loopback_set = command("kavo_flexe_ohp_loopback_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("loopback", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the overhead processor's loopback (KAVO_FLEXE_OHP_LOOPBACK_NONE to end it).")
+kavo_flexe_ohp_ge_pmon_get = command("kavo_flexe_ohp_ge_pmon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pmon_ptr", ctypes.POINTER(kavo_flexe_ohp_ge_pmon_t), "out_record", kavo_flexe_ohp_ge_pmon_t)],
+    "The GE interface's counters; reset clears them once read.")
+kavo_flexe_ohp_debug_pmon_get = command("kavo_flexe_ohp_debug_pmon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pmon_ptr", ctypes.POINTER(kavo_flexe_ohp_debug_pmon_t), "out_record", kavo_flexe_ohp_debug_pmon_t)],
+    "The debug channel's counters.")
+kavo_flexe_ohp_status_get = command("kavo_flexe_ohp_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("status_ptr", ctypes.POINTER(kavo_flexe_ohp_status_t), "out_record", kavo_flexe_ohp_status_t)],
+    "The overhead processor's provisioning, loopback and debug channel.")
+kavo_flexe_ohp_dbg_chnl_prov = command("kavo_flexe_ohp_dbg_chnl_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vlan_tag", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("strip_vlan_tag", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Provisions the debug channel on VLAN vlan_tag (1..4094); strip_vlan_tag: frames are read without the tag.")
+kavo_flexe_ohp_dbg_chnl_deprov = command("kavo_flexe_ohp_dbg_chnl_deprov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Deprovisions the debug channel; frames not read are dropped.")
+kavo_flexe_ohp_dbg_chnl_read = command("kavo_flexe_ohp_dbg_chnl_read", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("max_eth_frm_len", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("recv_eth_frm_len", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32), ("eth_frm_buffer", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Reads the next debug frame into eth_frm_buffer (max_eth_frm_len bytes) and its\nlength into recv_eth_frm_len, 0 when none is waiting. A longer frame is refused\nand stays queued.")
+kavo_flexe_ohp_dbg_chnl_write = command("kavo_flexe_ohp_dbg_chnl_write", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("eth_frm_len", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("eth_frm_buffer", ctypes.POINTER(ctypes.c_uint32), "in_array", ctypes.c_uint32)],
+    "Sends an Ethernet frame of eth_frm_len bytes (14..1518, whole words travel) on the debug channel.")
+kavo_ilkn_pkt_prov = command("kavo_ilkn_pkt_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ilkn_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fabric_ingress_rate", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fabric_ingress_client_num_incr", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fabric_ingress_bcw_chnl", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fabric_egress_bcw_chnl", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Provisions channel ilkn_chnl_id as an Interlaken packet channel with its fabric rate and channel numbers.")
+kavo_ilkn_fc_set = command("kavo_ilkn_fc_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("tx_fc_cal", ctypes.POINTER(kavo_ilkn_fc_cal_t), "in_record", kavo_ilkn_fc_cal_t), ("rx_fc_cal", ctypes.POINTER(kavo_ilkn_fc_cal_t), "in_record", kavo_ilkn_fc_cal_t), ("tx_fc_cal_size", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rx_fc_cal_size", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Programs the transmit and receive flow-control calendars (sizes in entries, at\nmost 300 and the configured calendar length); a null calendar is left as it\nis, and a refused transmit calendar skips the receive one.")
+kavo_ilkn_loopback_set = command("kavo_ilkn_loopback_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("loopback", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
+    "Turns one kind of Interlaken loopback on or off.")
+kavo_ilkn_intf_status_get = command("kavo_ilkn_intf_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("status_ptr", ctypes.POINTER(kavo_ilkn_intf_status_t), "out_record", kavo_ilkn_intf_status_t)],
+    "Lane word and metaframe lock, alignment, loopback and calendar lengths of the interface.")
+kavo_ilkn_loopback_get = command("kavo_ilkn_loopback_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("loopback", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "The Interlaken loopback in force.")
 kavo_ipi_interrupt_enable_set = command("kavo_ipi_interrupt_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
     "Enables or disables one interrupt group towards the host.")
 kavo_ipi_interrupt_status_get = command("kavo_ipi_interrupt_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("status", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
@@ -1869,6 +2261,30 @@ kavo_pgmrclk_enable = command("kavo_pgmrclk_enable", "code", [("device_id", ctyp
     "Turns a configured output on or off.")
 kavo_pgmrclk_squelch_enable = command("kavo_pgmrclk_squelch_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dlos_serdes_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
     "Holds the output while SerDes port dlos_serdes_id has no signal or Ethernet\nchannel enet_chnl_id has no link (0xFFFFFFFF: not that cause; both: no squelch).")
+kavo_ptp_config = command("kavo_ptp_config", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ptp_cfg", ctypes.POINTER(kavo_ptp_config_t), "in_record", kavo_ptp_config_t)],
+    "Sets the time-stamp format and what happens to received PTP messages.")
+kavo_ptp_chnl_config = command("kavo_ptp_chnl_config", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ptp_chnl_cfg", ctypes.POINTER(kavo_ptp_chnl_config_t), "in_record", kavo_ptp_chnl_config_t)],
+    "Configures time stamping on Ethernet channel enet_chnl_id.")
+kavo_ptp_chnl_config_get = command("kavo_ptp_chnl_config_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ptp_chnl_cfg_ptr", ctypes.POINTER(kavo_ptp_chnl_config_t), "out_record", kavo_ptp_chnl_config_t)],
+    "Reads back the channel's time-stamping configuration (the defaults until configured).")
+kavo_ptp_chnl_custom_vlan_id_set = command("kavo_ptp_chnl_custom_vlan_id_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vlan_idx", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("custom_vlan", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the TPID (custom_vlan, up to 0xFFFF; 0 the standard one) of the channel's outer or inner VLAN tag.")
+kavo_ptp_chnl_local_sa_set = command("kavo_ptp_chnl_local_sa_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("sa", ctypes.POINTER(kavo_ptp_addr_t), "in_record", kavo_ptp_addr_t)],
+    "Sets the channel's local source address, which address matching compares with.")
+kavo_ptp_tod_get = command("kavo_ptp_tod_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("tstmp_tod", ctypes.POINTER(kavo_ptp_tod_t), "out_record", kavo_ptp_tod_t)],
+    "The chip's time of day now.")
+kavo_ptp_tod_set = command("kavo_ptp_tod_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("tod", ctypes.POINTER(kavo_ptp_tod_t), "in_record", kavo_ptp_tod_t)],
+    "Sets the chip's time of day, which runs on from there.")
+kavo_ptp_latency_get = command("kavo_ptp_latency_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("src_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dst_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ptp_latency", ctypes.POINTER(kavo_ptp_latency_t), "out_record", kavo_ptp_latency_t)],
+    "The latency through the chip from Ethernet channel src_chnl_id to dst_chnl_id.")
+kavo_ptp_one_pps_tod_src_set = command("kavo_ptp_one_pps_tod_src_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("one_pps_tod_src", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("loopback_enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "What the time of day follows, and whether the 1PPS output loops back to the input.")
+kavo_ptp_one_pps_tod_src_get = command("kavo_ptp_one_pps_tod_src_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("one_pps_tod_src", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32), ("loopback_enable", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "What the time of day follows, and the 1PPS loopback.")
+kavo_ptp_one_pps_i_delay_set = command("kavo_ptp_one_pps_i_delay_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("one_pps_i_delay", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "The delay of the 1PPS input, ns (below 10^9), compensated when the time of day follows it.")
+kavo_ptp_one_pps_i_delay_get = command("kavo_ptp_one_pps_i_delay_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("one_pps_i_delay_ptr", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "The delay of the 1PPS input, ns.")
 kavo_serdes_tx_source_set = command("kavo_serdes_tx_source_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("source", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("squelch_data_msw", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("squelch_data_lsw", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
     "What the transmitter sends: mission data, the PRBS generator, the fixed pattern msw:lsw repeated, or nothing.")
 kavo_serdes_rx_source_set = command("kavo_serdes_rx_source_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("source", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("squelch_data_msw", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("squelch_data_lsw", ctypes.c_uint32, "scalar", ctypes.c_uint32)],

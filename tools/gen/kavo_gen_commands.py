@@ -239,6 +239,18 @@ class Generator:
             return str(size), check
         return f"(UINT32)({size})", None
 
+    def member_path(self, rec, path):
+        """The member a dotted path (a.b.c) names through nested records, or None."""
+        m = None
+        for part in path.split("."):
+            if rec is None or not hasattr(rec, "members"):
+                return None
+            m = next((x for x in rec.members if x.name == part), None)
+            if m is None:
+                return None
+            rec = self.types.get(m.type)
+        return m
+
     def body(self, c):
         lines, checks = [], []
         if c.variation == "status":
@@ -258,10 +270,9 @@ class Generator:
             rec = self.types.get(t)
             if rec is None:
                 raise CommandError(f"{c.name}: build type {t} is unknown")
-            members = {m.name: m for m in rec.members}
             lines.append(f"{t} payload;")
             for member, expr in c.build.get("set", {}).items():
-                m = members.get(member)
+                m = self.member_path(rec, member)
                 if m is None:
                     raise CommandError(f"{c.name}: {t} has no member {member}")
                 if m.dims:
@@ -500,6 +511,11 @@ class Generator:
                 lines.append(f"wire_input<{a.base}> in_{a.name}({i});")
                 null = f"r.null_inputs ? nullptr : " if a.name in null_in else ""
                 lines.append(f"{a.type} {a.name} = {null}in_{a.name}.get();")
+            elif c.reply == a.name and kind not in ("Struct", "Union"):
+                # A reply into a buffer of words: as much room as the size the case derives.
+                lines.append(f"wire_output<std::array<UINT8, WIRE_BUFFER>> out_{a.name};")
+                lines.append(f"{a.type} {a.name} = reinterpret_cast<{a.type}>(out_{a.name}.get());")
+                checks.append((a, None))
             else:
                 lines.append(f"wire_output<{a.base}> out_{a.name};")
                 # Output records checked before sending are null with the inputs.
@@ -520,9 +536,8 @@ class Generator:
         if c.build:
             t = c.build["type"]
             lines.append(f"{t} payload;")
-            members = {m.name: m for m in self.types[t].members}
             for member, expr in c.build.get("set", {}).items():
-                if members[member].dims:
+                if self.member_path(self.types[t], member).dims:
                     lines.append(f"std::memcpy(payload.{member}, {expr}, sizeof(payload.{member}));")
                 else:
                     lines.append(f"payload.{member} = static_cast<decltype(payload.{member})>({expr});")
@@ -544,6 +559,10 @@ class Generator:
         reply = "0"
         if c.reply:
             reply, _ = self.size_expr(c, c.reply, c.reply_size)
+            # A size computed from the arguments takes the values the case passes.
+            for i, a in enumerate(c.args):
+                if not a.pointer and a.name != "device_id":
+                    reply = re.sub(rf"\b{a.name}\b", f"wire_value({i})", reply)
         null_result = c.null_checks[0]["result"] if c.null_checks else "VELT_SUCCESS"
         fn = f"VELT_ERROR run_{c.name}(wire_run& r)\n{{\n" + "".join(f"    {line}\n" for line in lines) + "}\n"
         entry = (f"    {{\"{c.name}\", \"{c.family.name}\", {c.op_name()}, \"{c.variation}\", "
@@ -555,7 +574,7 @@ class Generator:
         out = [self.banner.format(src="host/commands").rstrip(),
                "/* One case per regular command of the tables: a caller with distinct arguments,",
                "   the request it must produce and what its outputs must hold after a reply. */",
-               "#include <cstring>", "", "#include \"kavo_command_cases.h\"", "",
+               "#include <array>", "#include <cstring>", "", "#include \"kavo_command_cases.h\"", "",
                "namespace kavo_test {", "namespace {", ""]
         entries = []
         for fam in self.families:

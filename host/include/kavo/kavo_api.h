@@ -11,11 +11,15 @@
 #include "kavo/kavo_api_config.h"
 #include "kavo/kavo_api_debug.h"
 #include "kavo/kavo_api_debug_tcam.h"
+#include "kavo/kavo_api_flexe.h"
+#include "kavo/kavo_api_flexe_ohp.h"
+#include "kavo/kavo_api_ilkn.h"
 #include "kavo/kavo_api_ipi.h"
 #include "kavo/kavo_api_macsec.h"
 #include "kavo/kavo_api_mux.h"
 #include "kavo/kavo_api_pe.h"
 #include "kavo/kavo_api_pgmrclk.h"
+#include "kavo/kavo_api_ptp.h"
 #include "kavo/kavo_api_serdes.h"
 
 #endif /* KAVO_API_H */

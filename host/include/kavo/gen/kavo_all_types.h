@@ -7,6 +7,7 @@
 #include "kavo/gen/kavo_dcsu_types.h"
 #include "kavo/gen/kavo_debug_types.h"
 #include "kavo/gen/kavo_err_types.h"
+#include "kavo/gen/kavo_flexe_types.h"
 #include "kavo/gen/kavo_fw_types.h"
 #include "kavo/gen/kavo_htl_types.h"
 #include "kavo/gen/kavo_ilkn_types.h"
@@ -16,6 +17,7 @@
 #include "kavo/gen/kavo_pe_types.h"
 #include "kavo/gen/kavo_pgmrclk_types.h"
 #include "kavo/gen/kavo_pmon_types.h"
+#include "kavo/gen/kavo_ptp_types.h"
 #include "kavo/gen/kavo_segment_types.h"
 #include "kavo/gen/kavo_serdes_types.h"
 

@@ -12,8 +12,126 @@ extern "C" {
 
 /* Interlaken interface and lane configuration. */
 
+#define KAVO_ILKN_MAX_FC_CAL_ENTRIES 300
+#define KAVO_ILKN_MAX_CHNLS 8
+
+/* The lane rate, in Gbaud. */
+#ifdef __cplusplus
+typedef enum kavo_ilkn_rate_mode_t : int {
+#else
+typedef enum kavo_ilkn_rate_mode_t {
+#endif
+    KAVO_ILKN_RATE_MODE_6G25 = 0,
+    KAVO_ILKN_RATE_MODE_10G3125 = 1,
+    KAVO_ILKN_RATE_MODE_12G5 = 2,
+    KAVO_ILKN_RATE_MODE_25G78125 = 3,
+    KAVO_ILKN_RATE_MODE_28G125 = 4,
+    KAVO_ILKN_RATE_MODE_51G5625 = 5,
+    KAVO_ILKN_RATE_MODE_53G125 = 6,
+    LAST_KAVO_ILKN_RATE_MODE = 7,
+} kavo_ilkn_rate_mode_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_rate_mode_t) == 4, "kavo_ilkn_rate_mode_t is 32 bits");
+KAVO_API const char* kavo_ilkn_rate_mode_t_print(kavo_ilkn_rate_mode_t value, char* buffer, UINT32 length);
+KAVO_API const char* kavo_ilkn_rate_mode_t_suffix_print(kavo_ilkn_rate_mode_t value, char* buffer, UINT32 length);
+
+/* The metaframe length in words. */
+#ifdef __cplusplus
+typedef enum kavo_ilkn_mf_t : int {
+#else
+typedef enum kavo_ilkn_mf_t {
+#endif
+    KAVO_ILKN_MF_256 = 0,
+    KAVO_ILKN_MF_512 = 1,
+    KAVO_ILKN_MF_1024 = 2,
+    KAVO_ILKN_MF_2048 = 3,
+    KAVO_ILKN_MF_4096 = 4,
+    KAVO_ILKN_MF_8192 = 5,
+    KAVO_ILKN_MF_16384 = 6,
+    LAST_KAVO_ILKN_MF = 7,
+} kavo_ilkn_mf_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_mf_t) == 4, "kavo_ilkn_mf_t is 32 bits");
+KAVO_API const char* kavo_ilkn_mf_t_print(kavo_ilkn_mf_t value, char* buffer, UINT32 length);
+KAVO_API const char* kavo_ilkn_mf_t_suffix_print(kavo_ilkn_mf_t value, char* buffer, UINT32 length);
+
+/* BurstMax in bytes (the value is the size in 32-byte units). */
+#ifdef __cplusplus
+typedef enum kavo_ilkn_burst_max_t : int {
+#else
+typedef enum kavo_ilkn_burst_max_t {
+#endif
+    KAVO_ILKN_BURST_MAX_64 = 2,
+    KAVO_ILKN_BURST_MAX_128 = 4,
+    KAVO_ILKN_BURST_MAX_192 = 6,
+    KAVO_ILKN_BURST_MAX_256 = 8,
+    LAST_KAVO_ILKN_BURST_MAX = 9,
+} kavo_ilkn_burst_max_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_burst_max_t) == 4, "kavo_ilkn_burst_max_t is 32 bits");
+KAVO_API const char* kavo_ilkn_burst_max_t_print(kavo_ilkn_burst_max_t value, char* buffer, UINT32 length);
+KAVO_API const char* kavo_ilkn_burst_max_t_suffix_print(kavo_ilkn_burst_max_t value, char* buffer, UINT32 length);
+
+/* BurstMin in bytes (32-byte units), at most half of BurstMax; NONE: bursts end where packets end. */
+#ifdef __cplusplus
+typedef enum kavo_ilkn_burst_min_t : int {
+#else
+typedef enum kavo_ilkn_burst_min_t {
+#endif
+    KAVO_ILKN_BURST_MIN_32 = 1,
+    KAVO_ILKN_BURST_MIN_64 = 2,
+    KAVO_ILKN_BURST_MIN_96 = 3,
+    KAVO_ILKN_BURST_MIN_128 = 4,
+    KAVO_ILKN_BURST_MIN_NONE = 10,
+    LAST_KAVO_ILKN_BURST_MIN = 11,
+} kavo_ilkn_burst_min_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_burst_min_t) == 4, "kavo_ilkn_burst_min_t is 32 bits");
+KAVO_API const char* kavo_ilkn_burst_min_t_print(kavo_ilkn_burst_min_t value, char* buffer, UINT32 length);
+KAVO_API const char* kavo_ilkn_burst_min_t_suffix_print(kavo_ilkn_burst_min_t value, char* buffer, UINT32 length);
+
+/* The rate of a packet channel towards the fabric. */
+#ifdef __cplusplus
+typedef enum kavo_fabric_ingress_rate_t : int {
+#else
+typedef enum kavo_fabric_ingress_rate_t {
+#endif
+    KAVO_FABRIC_INGRESS_RATE_10G = 0,
+    KAVO_FABRIC_INGRESS_RATE_25G = 1,
+    KAVO_FABRIC_INGRESS_RATE_40G = 2,
+    KAVO_FABRIC_INGRESS_RATE_50G = 3,
+    KAVO_FABRIC_INGRESS_RATE_100G = 4,
+    KAVO_FABRIC_INGRESS_RATE_150G = 5,
+    KAVO_FABRIC_INGRESS_RATE_200G = 6,
+    KAVO_FABRIC_INGRESS_RATE_300G = 7,
+    KAVO_FABRIC_INGRESS_RATE_400G = 8,
+    KAVO_FABRIC_INGRESS_RATE_600G = 9,
+    LAST_KAVO_FABRIC_INGRESS_RATE = 10,
+} kavo_fabric_ingress_rate_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_fabric_ingress_rate_t) == 4, "kavo_fabric_ingress_rate_t is 32 bits");
+KAVO_API const char* kavo_fabric_ingress_rate_t_print(kavo_fabric_ingress_rate_t value, char* buffer, UINT32 length);
+KAVO_API const char* kavo_fabric_ingress_rate_t_suffix_print(kavo_fabric_ingress_rate_t value, char* buffer, UINT32 length);
+
+/* SERDES: the lanes' transmit returns to their receivers; CORE: inside the Interlaken core; FABRIC: what the partner sends goes back to it. */
+#ifdef __cplusplus
+typedef enum kavo_ilkn_loopback_t : int {
+#else
+typedef enum kavo_ilkn_loopback_t {
+#endif
+    KAVO_ILKN_LOOPBACK_NONE = 0,
+    KAVO_ILKN_LOOPBACK_SERDES = 1,
+    KAVO_ILKN_LOOPBACK_CORE = 2,
+    KAVO_ILKN_LOOPBACK_FABRIC = 3,
+    LAST_KAVO_ILKN_LOOPBACK = 4,
+} kavo_ilkn_loopback_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_loopback_t) == 4, "kavo_ilkn_loopback_t is 32 bits");
+KAVO_API const char* kavo_ilkn_loopback_t_print(kavo_ilkn_loopback_t value, char* buffer, UINT32 length);
+KAVO_API const char* kavo_ilkn_loopback_t_suffix_print(kavo_ilkn_loopback_t value, char* buffer, UINT32 length);
+
 typedef struct kavo_ilkn_intf_cfg_t kavo_ilkn_intf_cfg_t;
 typedef struct kavo_ilkn_lane_cfg_t kavo_ilkn_lane_cfg_t;
+typedef struct kavo_ilkn_pkt_rate_t kavo_ilkn_pkt_rate_t;
+typedef struct kavo_ilkn_pkt_fabric_ingress_t kavo_ilkn_pkt_fabric_ingress_t;
+typedef struct kavo_ilkn_pkt_fabric_egress_t kavo_ilkn_pkt_fabric_egress_t;
+typedef struct kavo_traffic_ilkn_pkt_t kavo_traffic_ilkn_pkt_t;
+typedef struct kavo_ilkn_fc_cal_t kavo_ilkn_fc_cal_t;
+typedef struct kavo_ilkn_intf_status_t kavo_ilkn_intf_status_t;
 
 KAVO_API void kavo_ilkn_intf_cfg_t_init(kavo_ilkn_intf_cfg_t* value);
 KAVO_API void kavo_ilkn_intf_cfg_t_print_at(const kavo_ilkn_intf_cfg_t* value, const char* name, FILE* file, int indent, int index);
@@ -21,6 +139,24 @@ KAVO_API void kavo_ilkn_intf_cfg_t_print(const kavo_ilkn_intf_cfg_t* value, FILE
 KAVO_API void kavo_ilkn_lane_cfg_t_init(kavo_ilkn_lane_cfg_t* value);
 KAVO_API void kavo_ilkn_lane_cfg_t_print_at(const kavo_ilkn_lane_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ilkn_lane_cfg_t_print(const kavo_ilkn_lane_cfg_t* value, FILE* file);
+KAVO_API void kavo_ilkn_pkt_rate_t_init(kavo_ilkn_pkt_rate_t* value);
+KAVO_API void kavo_ilkn_pkt_rate_t_print_at(const kavo_ilkn_pkt_rate_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void kavo_ilkn_pkt_rate_t_print(const kavo_ilkn_pkt_rate_t* value, FILE* file);
+KAVO_API void kavo_ilkn_pkt_fabric_ingress_t_init(kavo_ilkn_pkt_fabric_ingress_t* value);
+KAVO_API void kavo_ilkn_pkt_fabric_ingress_t_print_at(const kavo_ilkn_pkt_fabric_ingress_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void kavo_ilkn_pkt_fabric_ingress_t_print(const kavo_ilkn_pkt_fabric_ingress_t* value, FILE* file);
+KAVO_API void kavo_ilkn_pkt_fabric_egress_t_init(kavo_ilkn_pkt_fabric_egress_t* value);
+KAVO_API void kavo_ilkn_pkt_fabric_egress_t_print_at(const kavo_ilkn_pkt_fabric_egress_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void kavo_ilkn_pkt_fabric_egress_t_print(const kavo_ilkn_pkt_fabric_egress_t* value, FILE* file);
+KAVO_API void kavo_traffic_ilkn_pkt_t_init(kavo_traffic_ilkn_pkt_t* value);
+KAVO_API void kavo_traffic_ilkn_pkt_t_print_at(const kavo_traffic_ilkn_pkt_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void kavo_traffic_ilkn_pkt_t_print(const kavo_traffic_ilkn_pkt_t* value, FILE* file);
+KAVO_API void kavo_ilkn_fc_cal_t_init(kavo_ilkn_fc_cal_t* value);
+KAVO_API void kavo_ilkn_fc_cal_t_print_at(const kavo_ilkn_fc_cal_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void kavo_ilkn_fc_cal_t_print(const kavo_ilkn_fc_cal_t* value, FILE* file);
+KAVO_API void kavo_ilkn_intf_status_t_init(kavo_ilkn_intf_status_t* value);
+KAVO_API void kavo_ilkn_intf_status_t_print_at(const kavo_ilkn_intf_status_t* value, const char* name, FILE* file, int indent, int index);
+KAVO_API void kavo_ilkn_intf_status_t_print(const kavo_ilkn_intf_status_t* value, FILE* file);
 
 #ifdef __cplusplus
 } /* extern "C" */
@@ -80,5 +216,141 @@ KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_lane_cfg_t) == 196, "kavo_ilkn_lane_cfg_t is
 KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_lane_cfg_t, rate_mode) == 0, "kavo_ilkn_lane_cfg_t.rate_mode at 0");
 KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_lane_cfg_t, serdes_port_ids_tx) == 4, "kavo_ilkn_lane_cfg_t.serdes_port_ids_tx at 4");
 KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_lane_cfg_t, serdes_port_ids_rx) == 100, "kavo_ilkn_lane_cfg_t.serdes_port_ids_rx at 100");
+
+/* client_num_incr: further channel numbers (0..15) after bcw_chnl that the channel also carries. */
+typedef struct kavo_ilkn_pkt_rate_t {
+    kavo_fabric_ingress_rate_t rate;
+    UINT32 client_num_incr;
+#ifdef __cplusplus
+    kavo_ilkn_pkt_rate_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+        this->rate = (kavo_fabric_ingress_rate_t)(8);
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { kavo_ilkn_pkt_rate_t_print_at(this, name, file, indent, index); }
+#endif
+} kavo_ilkn_pkt_rate_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_pkt_rate_t) == 8, "kavo_ilkn_pkt_rate_t is 8 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_pkt_rate_t, rate) == 0, "kavo_ilkn_pkt_rate_t.rate at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_pkt_rate_t, client_num_incr) == 4, "kavo_ilkn_pkt_rate_t.client_num_incr at 4");
+
+/* bcw_chnl: the channel number (0..255) in the burst control words; 0xFFFFFFFF: not given. */
+typedef struct kavo_ilkn_pkt_fabric_ingress_t {
+    kavo_ilkn_pkt_rate_t rate_info;
+    UINT32 bcw_chnl;
+#ifdef __cplusplus
+    kavo_ilkn_pkt_fabric_ingress_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+        this->rate_info.init();
+        this->bcw_chnl = 0xFFFFFFFF;
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { kavo_ilkn_pkt_fabric_ingress_t_print_at(this, name, file, indent, index); }
+#endif
+} kavo_ilkn_pkt_fabric_ingress_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_pkt_fabric_ingress_t) == 12, "kavo_ilkn_pkt_fabric_ingress_t is 12 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_pkt_fabric_ingress_t, rate_info) == 0, "kavo_ilkn_pkt_fabric_ingress_t.rate_info at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_pkt_fabric_ingress_t, bcw_chnl) == 8, "kavo_ilkn_pkt_fabric_ingress_t.bcw_chnl at 8");
+
+typedef struct kavo_ilkn_pkt_fabric_egress_t {
+    UINT32 bcw_chnl;
+#ifdef __cplusplus
+    kavo_ilkn_pkt_fabric_egress_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+        this->bcw_chnl = 0xFFFFFFFF;
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { kavo_ilkn_pkt_fabric_egress_t_print_at(this, name, file, indent, index); }
+#endif
+} kavo_ilkn_pkt_fabric_egress_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_pkt_fabric_egress_t) == 4, "kavo_ilkn_pkt_fabric_egress_t is 4 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_pkt_fabric_egress_t, bcw_chnl) == 0, "kavo_ilkn_pkt_fabric_egress_t.bcw_chnl at 0");
+
+/* An Interlaken packet channel, built by kavo_ilkn_pkt_prov from its arguments. */
+typedef struct kavo_traffic_ilkn_pkt_t {
+    kavo_ilkn_pkt_fabric_ingress_t fabric_ingress_data;
+    kavo_ilkn_pkt_fabric_egress_t fabric_egress_data;
+#ifdef __cplusplus
+    kavo_traffic_ilkn_pkt_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+        this->fabric_ingress_data.init();
+        this->fabric_egress_data.init();
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { kavo_traffic_ilkn_pkt_t_print_at(this, name, file, indent, index); }
+#endif
+} kavo_traffic_ilkn_pkt_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_traffic_ilkn_pkt_t) == 16, "kavo_traffic_ilkn_pkt_t is 16 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_traffic_ilkn_pkt_t, fabric_ingress_data) == 0, "kavo_traffic_ilkn_pkt_t.fabric_ingress_data at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_traffic_ilkn_pkt_t, fabric_egress_data) == 12, "kavo_traffic_ilkn_pkt_t.fabric_egress_data at 12");
+
+/* A flow-control calendar: per entry a channel number (0..255) or 0xFFFFFFFF for an idle entry. */
+typedef struct kavo_ilkn_fc_cal_t {
+    UINT32 entry[300];
+#ifdef __cplusplus
+    kavo_ilkn_fc_cal_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { kavo_ilkn_fc_cal_t_print_at(this, name, file, indent, index); }
+#endif
+} kavo_ilkn_fc_cal_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_fc_cal_t) == 1200, "kavo_ilkn_fc_cal_t is 1200 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_fc_cal_t, entry) == 0, "kavo_ilkn_fc_cal_t.entry at 0");
+
+/* The interface: per lane (bit n: lane n) word and metaframe lock; up when every lane is locked and aligned. */
+typedef struct kavo_ilkn_intf_status_t {
+    BOOL32 intf_up;
+    BOOL32 lane_aligned;
+    UINT32 word_lock;
+    UINT32 metaframe_lock;
+    UINT32 num_lanes;
+    kavo_ilkn_loopback_t loopback;
+    UINT32 tx_fc_cal_len;
+    UINT32 rx_fc_cal_len;
+#ifdef __cplusplus
+    kavo_ilkn_intf_status_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, FILE* file, int indent, int index) const
+    { kavo_ilkn_intf_status_t_print_at(this, name, file, indent, index); }
+#endif
+} kavo_ilkn_intf_status_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_intf_status_t) == 32, "kavo_ilkn_intf_status_t is 32 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_intf_status_t, intf_up) == 0, "kavo_ilkn_intf_status_t.intf_up at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_intf_status_t, lane_aligned) == 4, "kavo_ilkn_intf_status_t.lane_aligned at 4");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_intf_status_t, word_lock) == 8, "kavo_ilkn_intf_status_t.word_lock at 8");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_intf_status_t, metaframe_lock) == 12, "kavo_ilkn_intf_status_t.metaframe_lock at 12");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_intf_status_t, num_lanes) == 16, "kavo_ilkn_intf_status_t.num_lanes at 16");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_intf_status_t, loopback) == 20, "kavo_ilkn_intf_status_t.loopback at 20");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_intf_status_t, tx_fc_cal_len) == 24, "kavo_ilkn_intf_status_t.tx_fc_cal_len at 24");
+KAVO_STATIC_ASSERT(offsetof(kavo_ilkn_intf_status_t, rx_fc_cal_len) == 28, "kavo_ilkn_intf_status_t.rx_fc_cal_len at 28");
+
+#ifdef __cplusplus
+inline const char* kavo_ilkn_rate_mode_t_print(kavo_ilkn_rate_mode_t value) { return kavo_ilkn_rate_mode_t_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_rate_mode_t_suffix_print(kavo_ilkn_rate_mode_t value) { return kavo_ilkn_rate_mode_t_suffix_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_mf_t_print(kavo_ilkn_mf_t value) { return kavo_ilkn_mf_t_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_mf_t_suffix_print(kavo_ilkn_mf_t value) { return kavo_ilkn_mf_t_suffix_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_burst_max_t_print(kavo_ilkn_burst_max_t value) { return kavo_ilkn_burst_max_t_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_burst_max_t_suffix_print(kavo_ilkn_burst_max_t value) { return kavo_ilkn_burst_max_t_suffix_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_burst_min_t_print(kavo_ilkn_burst_min_t value) { return kavo_ilkn_burst_min_t_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_burst_min_t_suffix_print(kavo_ilkn_burst_min_t value) { return kavo_ilkn_burst_min_t_suffix_print(value, nullptr, 0); }
+inline const char* kavo_fabric_ingress_rate_t_print(kavo_fabric_ingress_rate_t value) { return kavo_fabric_ingress_rate_t_print(value, nullptr, 0); }
+inline const char* kavo_fabric_ingress_rate_t_suffix_print(kavo_fabric_ingress_rate_t value) { return kavo_fabric_ingress_rate_t_suffix_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_loopback_t_print(kavo_ilkn_loopback_t value) { return kavo_ilkn_loopback_t_print(value, nullptr, 0); }
+inline const char* kavo_ilkn_loopback_t_suffix_print(kavo_ilkn_loopback_t value) { return kavo_ilkn_loopback_t_suffix_print(value, nullptr, 0); }
+#endif
 
 #endif /* KAVO_GEN_ILKN_TYPES_H */

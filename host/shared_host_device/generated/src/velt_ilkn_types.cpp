@@ -7,6 +7,268 @@
 #include "velt_type_print.h"
 
 extern "C" {
+extern const velt_enum_table_t kavo_ilkn_rate_mode_t_table;
+extern const velt_enum_table_t kavo_ilkn_mf_t_table;
+extern const velt_enum_table_t kavo_ilkn_burst_max_t_table;
+extern const velt_enum_table_t kavo_ilkn_burst_min_t_table;
+extern const velt_enum_table_t kavo_fabric_ingress_rate_t_table;
+extern const velt_enum_table_t kavo_ilkn_loopback_t_table;
+}
+extern "C" {
+
+static const char* kavo_ilkn_rate_mode_t_name(UINT32 value)
+{
+    switch (value) {
+    case 0: return "KAVO_ILKN_RATE_MODE_6G25";
+    case 1: return "KAVO_ILKN_RATE_MODE_10G3125";
+    case 2: return "KAVO_ILKN_RATE_MODE_12G5";
+    case 3: return "KAVO_ILKN_RATE_MODE_25G78125";
+    case 4: return "KAVO_ILKN_RATE_MODE_28G125";
+    case 5: return "KAVO_ILKN_RATE_MODE_51G5625";
+    case 6: return "KAVO_ILKN_RATE_MODE_53G125";
+    case 7: return "LAST_KAVO_ILKN_RATE_MODE";
+    default: return nullptr;
+    }
+}
+
+const char* kavo_ilkn_rate_mode_t_print(kavo_ilkn_rate_mode_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_rate_mode_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("kavo_ilkn_rate_mode_t", "illegal kavo_ilkn_rate_mode_t", (int)value, buffer, length);
+}
+
+const char* kavo_ilkn_rate_mode_t_suffix_print(kavo_ilkn_rate_mode_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_rate_mode_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("kavo_ilkn_rate_mode_t", "illegal kavo_ilkn_rate_mode_t", (int)value, buffer, length);
+    if (std::strncmp(name, "KAVO_ILKN_RATE_MODE_", 20) == 0) return name + 20;
+    return name;
+}
+
+static const velt_enum_entry_t kavo_ilkn_rate_mode_t_entries[] = {
+    {"KAVO_ILKN_RATE_MODE_6G25", 0},
+    {"KAVO_ILKN_RATE_MODE_10G3125", 1},
+    {"KAVO_ILKN_RATE_MODE_12G5", 2},
+    {"KAVO_ILKN_RATE_MODE_25G78125", 3},
+    {"KAVO_ILKN_RATE_MODE_28G125", 4},
+    {"KAVO_ILKN_RATE_MODE_51G5625", 5},
+    {"KAVO_ILKN_RATE_MODE_53G125", 6},
+    {"LAST_KAVO_ILKN_RATE_MODE", 7}
+};
+const velt_enum_table_t kavo_ilkn_rate_mode_t_table = {"kavo_ilkn_rate_mode_t", "KAVO_ILKN_RATE_MODE_", kavo_ilkn_rate_mode_t_entries,
+    (UINT32)(sizeof(kavo_ilkn_rate_mode_t_entries) / sizeof(kavo_ilkn_rate_mode_t_entries[0]))};
+
+
+static const char* kavo_ilkn_mf_t_name(UINT32 value)
+{
+    switch (value) {
+    case 0: return "KAVO_ILKN_MF_256";
+    case 1: return "KAVO_ILKN_MF_512";
+    case 2: return "KAVO_ILKN_MF_1024";
+    case 3: return "KAVO_ILKN_MF_2048";
+    case 4: return "KAVO_ILKN_MF_4096";
+    case 5: return "KAVO_ILKN_MF_8192";
+    case 6: return "KAVO_ILKN_MF_16384";
+    case 7: return "LAST_KAVO_ILKN_MF";
+    default: return nullptr;
+    }
+}
+
+const char* kavo_ilkn_mf_t_print(kavo_ilkn_mf_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_mf_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("kavo_ilkn_mf_t", "illegal kavo_ilkn_mf_t", (int)value, buffer, length);
+}
+
+const char* kavo_ilkn_mf_t_suffix_print(kavo_ilkn_mf_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_mf_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("kavo_ilkn_mf_t", "illegal kavo_ilkn_mf_t", (int)value, buffer, length);
+    if (std::strncmp(name, "KAVO_ILKN_MF_", 13) == 0) return name + 13;
+    return name;
+}
+
+static const velt_enum_entry_t kavo_ilkn_mf_t_entries[] = {
+    {"KAVO_ILKN_MF_256", 0},
+    {"KAVO_ILKN_MF_512", 1},
+    {"KAVO_ILKN_MF_1024", 2},
+    {"KAVO_ILKN_MF_2048", 3},
+    {"KAVO_ILKN_MF_4096", 4},
+    {"KAVO_ILKN_MF_8192", 5},
+    {"KAVO_ILKN_MF_16384", 6},
+    {"LAST_KAVO_ILKN_MF", 7}
+};
+const velt_enum_table_t kavo_ilkn_mf_t_table = {"kavo_ilkn_mf_t", "KAVO_ILKN_MF_", kavo_ilkn_mf_t_entries,
+    (UINT32)(sizeof(kavo_ilkn_mf_t_entries) / sizeof(kavo_ilkn_mf_t_entries[0]))};
+
+
+static const char* kavo_ilkn_burst_max_t_name(UINT32 value)
+{
+    switch (value) {
+    case 2: return "KAVO_ILKN_BURST_MAX_64";
+    case 4: return "KAVO_ILKN_BURST_MAX_128";
+    case 6: return "KAVO_ILKN_BURST_MAX_192";
+    case 8: return "KAVO_ILKN_BURST_MAX_256";
+    case 9: return "LAST_KAVO_ILKN_BURST_MAX";
+    default: return nullptr;
+    }
+}
+
+const char* kavo_ilkn_burst_max_t_print(kavo_ilkn_burst_max_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_burst_max_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("kavo_ilkn_burst_max_t", "illegal kavo_ilkn_burst_max_t", (int)value, buffer, length);
+}
+
+const char* kavo_ilkn_burst_max_t_suffix_print(kavo_ilkn_burst_max_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_burst_max_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("kavo_ilkn_burst_max_t", "illegal kavo_ilkn_burst_max_t", (int)value, buffer, length);
+    if (std::strncmp(name, "KAVO_ILKN_BURST_MAX_", 20) == 0) return name + 20;
+    return name;
+}
+
+static const velt_enum_entry_t kavo_ilkn_burst_max_t_entries[] = {
+    {"KAVO_ILKN_BURST_MAX_64", 2},
+    {"KAVO_ILKN_BURST_MAX_128", 4},
+    {"KAVO_ILKN_BURST_MAX_192", 6},
+    {"KAVO_ILKN_BURST_MAX_256", 8},
+    {"LAST_KAVO_ILKN_BURST_MAX", 9}
+};
+const velt_enum_table_t kavo_ilkn_burst_max_t_table = {"kavo_ilkn_burst_max_t", "KAVO_ILKN_BURST_MAX_", kavo_ilkn_burst_max_t_entries,
+    (UINT32)(sizeof(kavo_ilkn_burst_max_t_entries) / sizeof(kavo_ilkn_burst_max_t_entries[0]))};
+
+
+static const char* kavo_ilkn_burst_min_t_name(UINT32 value)
+{
+    switch (value) {
+    case 1: return "KAVO_ILKN_BURST_MIN_32";
+    case 2: return "KAVO_ILKN_BURST_MIN_64";
+    case 3: return "KAVO_ILKN_BURST_MIN_96";
+    case 4: return "KAVO_ILKN_BURST_MIN_128";
+    case 10: return "KAVO_ILKN_BURST_MIN_NONE";
+    case 11: return "LAST_KAVO_ILKN_BURST_MIN";
+    default: return nullptr;
+    }
+}
+
+const char* kavo_ilkn_burst_min_t_print(kavo_ilkn_burst_min_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_burst_min_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("kavo_ilkn_burst_min_t", "illegal kavo_ilkn_burst_min_t", (int)value, buffer, length);
+}
+
+const char* kavo_ilkn_burst_min_t_suffix_print(kavo_ilkn_burst_min_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_burst_min_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("kavo_ilkn_burst_min_t", "illegal kavo_ilkn_burst_min_t", (int)value, buffer, length);
+    if (std::strncmp(name, "KAVO_ILKN_BURST_MIN_", 20) == 0) return name + 20;
+    return name;
+}
+
+static const velt_enum_entry_t kavo_ilkn_burst_min_t_entries[] = {
+    {"KAVO_ILKN_BURST_MIN_32", 1},
+    {"KAVO_ILKN_BURST_MIN_64", 2},
+    {"KAVO_ILKN_BURST_MIN_96", 3},
+    {"KAVO_ILKN_BURST_MIN_128", 4},
+    {"KAVO_ILKN_BURST_MIN_NONE", 10},
+    {"LAST_KAVO_ILKN_BURST_MIN", 11}
+};
+const velt_enum_table_t kavo_ilkn_burst_min_t_table = {"kavo_ilkn_burst_min_t", "KAVO_ILKN_BURST_MIN_", kavo_ilkn_burst_min_t_entries,
+    (UINT32)(sizeof(kavo_ilkn_burst_min_t_entries) / sizeof(kavo_ilkn_burst_min_t_entries[0]))};
+
+
+static const char* kavo_fabric_ingress_rate_t_name(UINT32 value)
+{
+    switch (value) {
+    case 0: return "KAVO_FABRIC_INGRESS_RATE_10G";
+    case 1: return "KAVO_FABRIC_INGRESS_RATE_25G";
+    case 2: return "KAVO_FABRIC_INGRESS_RATE_40G";
+    case 3: return "KAVO_FABRIC_INGRESS_RATE_50G";
+    case 4: return "KAVO_FABRIC_INGRESS_RATE_100G";
+    case 5: return "KAVO_FABRIC_INGRESS_RATE_150G";
+    case 6: return "KAVO_FABRIC_INGRESS_RATE_200G";
+    case 7: return "KAVO_FABRIC_INGRESS_RATE_300G";
+    case 8: return "KAVO_FABRIC_INGRESS_RATE_400G";
+    case 9: return "KAVO_FABRIC_INGRESS_RATE_600G";
+    case 10: return "LAST_KAVO_FABRIC_INGRESS_RATE";
+    default: return nullptr;
+    }
+}
+
+const char* kavo_fabric_ingress_rate_t_print(kavo_fabric_ingress_rate_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_fabric_ingress_rate_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("kavo_fabric_ingress_rate_t", "illegal kavo_fabric_ingress_rate_t", (int)value, buffer, length);
+}
+
+const char* kavo_fabric_ingress_rate_t_suffix_print(kavo_fabric_ingress_rate_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_fabric_ingress_rate_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("kavo_fabric_ingress_rate_t", "illegal kavo_fabric_ingress_rate_t", (int)value, buffer, length);
+    if (std::strncmp(name, "KAVO_FABRIC_INGRESS_RATE_", 25) == 0) return name + 25;
+    return name;
+}
+
+static const velt_enum_entry_t kavo_fabric_ingress_rate_t_entries[] = {
+    {"KAVO_FABRIC_INGRESS_RATE_10G", 0},
+    {"KAVO_FABRIC_INGRESS_RATE_25G", 1},
+    {"KAVO_FABRIC_INGRESS_RATE_40G", 2},
+    {"KAVO_FABRIC_INGRESS_RATE_50G", 3},
+    {"KAVO_FABRIC_INGRESS_RATE_100G", 4},
+    {"KAVO_FABRIC_INGRESS_RATE_150G", 5},
+    {"KAVO_FABRIC_INGRESS_RATE_200G", 6},
+    {"KAVO_FABRIC_INGRESS_RATE_300G", 7},
+    {"KAVO_FABRIC_INGRESS_RATE_400G", 8},
+    {"KAVO_FABRIC_INGRESS_RATE_600G", 9},
+    {"LAST_KAVO_FABRIC_INGRESS_RATE", 10}
+};
+const velt_enum_table_t kavo_fabric_ingress_rate_t_table = {"kavo_fabric_ingress_rate_t", "KAVO_FABRIC_INGRESS_RATE_", kavo_fabric_ingress_rate_t_entries,
+    (UINT32)(sizeof(kavo_fabric_ingress_rate_t_entries) / sizeof(kavo_fabric_ingress_rate_t_entries[0]))};
+
+
+static const char* kavo_ilkn_loopback_t_name(UINT32 value)
+{
+    switch (value) {
+    case 0: return "KAVO_ILKN_LOOPBACK_NONE";
+    case 1: return "KAVO_ILKN_LOOPBACK_SERDES";
+    case 2: return "KAVO_ILKN_LOOPBACK_CORE";
+    case 3: return "KAVO_ILKN_LOOPBACK_FABRIC";
+    case 4: return "LAST_KAVO_ILKN_LOOPBACK";
+    default: return nullptr;
+    }
+}
+
+const char* kavo_ilkn_loopback_t_print(kavo_ilkn_loopback_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_loopback_t_name((UINT32)value);
+    if (name) return name;
+    return velt_enum_illegal_text("kavo_ilkn_loopback_t", "illegal kavo_ilkn_loopback_t", (int)value, buffer, length);
+}
+
+const char* kavo_ilkn_loopback_t_suffix_print(kavo_ilkn_loopback_t value, char* buffer, UINT32 length)
+{
+    const char* name = kavo_ilkn_loopback_t_name((UINT32)value);
+    if (!name) return velt_enum_illegal_text("kavo_ilkn_loopback_t", "illegal kavo_ilkn_loopback_t", (int)value, buffer, length);
+    if (std::strncmp(name, "KAVO_ILKN_LOOPBACK_", 19) == 0) return name + 19;
+    return name;
+}
+
+static const velt_enum_entry_t kavo_ilkn_loopback_t_entries[] = {
+    {"KAVO_ILKN_LOOPBACK_NONE", 0},
+    {"KAVO_ILKN_LOOPBACK_SERDES", 1},
+    {"KAVO_ILKN_LOOPBACK_CORE", 2},
+    {"KAVO_ILKN_LOOPBACK_FABRIC", 3},
+    {"LAST_KAVO_ILKN_LOOPBACK", 4}
+};
+const velt_enum_table_t kavo_ilkn_loopback_t_table = {"kavo_ilkn_loopback_t", "KAVO_ILKN_LOOPBACK_", kavo_ilkn_loopback_t_entries,
+    (UINT32)(sizeof(kavo_ilkn_loopback_t_entries) / sizeof(kavo_ilkn_loopback_t_entries[0]))};
+
 
 void kavo_ilkn_intf_cfg_t_init(kavo_ilkn_intf_cfg_t* value) { value->init(); }
 
@@ -43,5 +305,94 @@ void kavo_ilkn_lane_cfg_t_print_at(const kavo_ilkn_lane_cfg_t* value, const char
 }
 
 void kavo_ilkn_lane_cfg_t_print(const kavo_ilkn_lane_cfg_t* value, FILE* file) { kavo_ilkn_lane_cfg_t_print_at(value, "kavo_ilkn_lane_cfg_t", file, 0, -1); }
+
+
+void kavo_ilkn_pkt_rate_t_init(kavo_ilkn_pkt_rate_t* value) { value->init(); }
+
+void kavo_ilkn_pkt_rate_t_print_at(const kavo_ilkn_pkt_rate_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    VELT_PRINTF(file, "%*s%s: %s\n", pad, "", "rate", kavo_fabric_ingress_rate_t_print(value->rate, nullptr, 0));
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "client_num_incr", (unsigned)value->client_num_incr);
+}
+
+void kavo_ilkn_pkt_rate_t_print(const kavo_ilkn_pkt_rate_t* value, FILE* file) { kavo_ilkn_pkt_rate_t_print_at(value, "kavo_ilkn_pkt_rate_t", file, 0, -1); }
+
+
+void kavo_ilkn_pkt_fabric_ingress_t_init(kavo_ilkn_pkt_fabric_ingress_t* value) { value->init(); }
+
+void kavo_ilkn_pkt_fabric_ingress_t_print_at(const kavo_ilkn_pkt_fabric_ingress_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    kavo_ilkn_pkt_rate_t_print_at(&value->rate_info, "rate_info", file, indent + 1, -1);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "bcw_chnl", (unsigned)value->bcw_chnl);
+}
+
+void kavo_ilkn_pkt_fabric_ingress_t_print(const kavo_ilkn_pkt_fabric_ingress_t* value, FILE* file) { kavo_ilkn_pkt_fabric_ingress_t_print_at(value, "kavo_ilkn_pkt_fabric_ingress_t", file, 0, -1); }
+
+
+void kavo_ilkn_pkt_fabric_egress_t_init(kavo_ilkn_pkt_fabric_egress_t* value) { value->init(); }
+
+void kavo_ilkn_pkt_fabric_egress_t_print_at(const kavo_ilkn_pkt_fabric_egress_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "bcw_chnl", (unsigned)value->bcw_chnl);
+}
+
+void kavo_ilkn_pkt_fabric_egress_t_print(const kavo_ilkn_pkt_fabric_egress_t* value, FILE* file) { kavo_ilkn_pkt_fabric_egress_t_print_at(value, "kavo_ilkn_pkt_fabric_egress_t", file, 0, -1); }
+
+
+void kavo_traffic_ilkn_pkt_t_init(kavo_traffic_ilkn_pkt_t* value) { value->init(); }
+
+void kavo_traffic_ilkn_pkt_t_print_at(const kavo_traffic_ilkn_pkt_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    kavo_ilkn_pkt_fabric_ingress_t_print_at(&value->fabric_ingress_data, "fabric_ingress_data", file, indent + 1, -1);
+    kavo_ilkn_pkt_fabric_egress_t_print_at(&value->fabric_egress_data, "fabric_egress_data", file, indent + 1, -1);
+}
+
+void kavo_traffic_ilkn_pkt_t_print(const kavo_traffic_ilkn_pkt_t* value, FILE* file) { kavo_traffic_ilkn_pkt_t_print_at(value, "kavo_traffic_ilkn_pkt_t", file, 0, -1); }
+
+
+void kavo_ilkn_fc_cal_t_init(kavo_ilkn_fc_cal_t* value) { value->init(); }
+
+void kavo_ilkn_fc_cal_t_print_at(const kavo_ilkn_fc_cal_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    VELT_PRINTF(file, "%*s%s:\n", pad, "", "entry");
+    for (int i = 0; i < 300; ++i) VELT_PRINTF(file, "%*s- %u    #%s[%d]\n", pad, "", (unsigned)value->entry[i], "entry", i);
+}
+
+void kavo_ilkn_fc_cal_t_print(const kavo_ilkn_fc_cal_t* value, FILE* file) { kavo_ilkn_fc_cal_t_print_at(value, "kavo_ilkn_fc_cal_t", file, 0, -1); }
+
+
+void kavo_ilkn_intf_status_t_init(kavo_ilkn_intf_status_t* value) { value->init(); }
+
+void kavo_ilkn_intf_status_t_print_at(const kavo_ilkn_intf_status_t* value, const char* name, FILE* file, int indent, int index)
+{
+    velt_print_struct_header(file, name, indent, index);
+    const int pad = 4 * (indent + 1);
+    (void)pad;
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "intf_up", (unsigned)value->intf_up);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "lane_aligned", (unsigned)value->lane_aligned);
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "word_lock", (unsigned)value->word_lock);
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "metaframe_lock", (unsigned)value->metaframe_lock);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "num_lanes", (unsigned)value->num_lanes);
+    VELT_PRINTF(file, "%*s%s: %s\n", pad, "", "loopback", kavo_ilkn_loopback_t_print(value->loopback, nullptr, 0));
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "tx_fc_cal_len", (unsigned)value->tx_fc_cal_len);
+    VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "rx_fc_cal_len", (unsigned)value->rx_fc_cal_len);
+}
+
+void kavo_ilkn_intf_status_t_print(const kavo_ilkn_intf_status_t* value, FILE* file) { kavo_ilkn_intf_status_t_print_at(value, "kavo_ilkn_intf_status_t", file, 0, -1); }
 
 } /* extern "C" */
