@@ -5,6 +5,7 @@
 
 #include "kavo/gen/kavo_config_types.h"
 #include "kavo/gen/kavo_dcsu_types.h"
+#include "kavo/gen/kavo_defect_types.h"
 #include "kavo/gen/kavo_err_types.h"
 #include "kavo/gen/kavo_fw_types.h"
 #include "kavo/gen/kavo_htl_types.h"
