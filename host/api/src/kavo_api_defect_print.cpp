@@ -35,10 +35,6 @@ void print_ive(const kavo_defect_ive_t& d, const char* name, kavo_defect_print_f
 
 extern "C" {
 
-void kavo_defect_ive_t_init(kavo_defect_ive_t* value) { value->init(); }
-void kavo_defect_summary_ive_valid_t_init(kavo_defect_summary_ive_valid_t* value) { value->init(); }
-void kavo_defect_summary_mask_t_init(kavo_defect_summary_mask_t* value) { value->init(); }
-
 void kavo_defect_ive_t_print_at(const kavo_defect_ive_t* value, const char* name, kavo_defect_print_filter_t filter,
                                 int indent, int index)
 {

@@ -10,6 +10,8 @@
 #include "kavo/kavo_sdk.h"
 #include "kavo/kavo_api_config.h"
 #include "kavo/kavo_api_debug.h"
+#include "kavo/kavo_api_defect.h"
 #include "kavo/kavo_api_ipi.h"
+#include "kavo/kavo_api_pmon.h"
 
 #endif /* KAVO_API_H */

@@ -5,7 +5,7 @@
 #include <array>
 #include <vector>
 
-#include "fw/model_defect.h"
+#include "model_defect.h"
 #include "kavo/kavo_api.h"
 
 namespace kavo_sim::fw {
