@@ -42,7 +42,9 @@ template <class T, size_t PAD = sizeof(T)> std::vector<UINT8> valid_map()
 
 bool firmware_view::enet_port(UINT32 chnl) const
 {
-    return chnl < KAVO_NUM_CHANNELS && fw.device.channels[chnl] == KAVO_SEGMENT_TYPE_ENET_PORT;
+    // A port with auto-negotiation and link training is an Ethernet port too.
+    return chnl < KAVO_NUM_CHANNELS && (fw.device.channels[chnl] == KAVO_SEGMENT_TYPE_ENET_PORT ||
+                                        fw.device.channels[chnl] == KAVO_SEGMENT_TYPE_ENET_ANLT);
 }
 bool firmware_view::link_up(UINT32 chnl) const { return fw.model.datapath.link_up(fw, chnl); }
 bool firmware_view::signal_present(UINT32 port) const { return fw.model.serdes.signal_present(fw, port); }

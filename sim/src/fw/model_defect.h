@@ -16,7 +16,7 @@ class firmware;
    firmware answers from its models and knobs; tests drive it by hand. */
 struct chip_view {
     virtual ~chip_view() = default;
-    /* The channel is provisioned as an Ethernet port. */
+    /* The channel is provisioned as an Ethernet port (with or without AN/LT). */
     virtual bool enet_port(UINT32 chnl) const = 0;
     /* The port's link is up (PCS locked and aligned). */
     virtual bool link_up(UINT32 chnl) const = 0;
