@@ -14,7 +14,11 @@
 #include <thread>
 #include <vector>
 
+#include <algorithm>
+#include <map>
+
 #include "kavo/kavo_api.h"
+#include "kavo_command_cases.h"
 #include "kavo_device.h"
 #include "kavo_sim/kavo_sim.h"
 #include "velt_function_stats.h"
@@ -230,6 +234,76 @@ void BM_download(benchmark::State& state)
 }
 BENCHMARK(BM_download)->Name("firmware_download_3MiB")->Unit(benchmark::kMillisecond);
 
+// Every regular command of the tables, its reply scripted to the payload the
+// command takes: bus transactions and heap allocations per command, trace and
+// statistics off. The figures per family are summed up after the run.
+struct command_figures {
+    const char* family;
+    double bus, allocs;
+};
+std::map<std::string, command_figures> table_figures; // by command, the last run's
+
+void BM_table(benchmark::State& state, const kavo_test::wire_case* c)
+{
+    bring_up(1);
+    std::vector<UINT8> reply(c->reply_size, 0x5A);
+    {
+        in_device = true; // the script is the device's, not the library's
+        kavo_sim::scripted_reply script;
+        script.data = reply;
+        script.repeat = true;
+        kavo_sim::fault_config f;
+        f.scripted.push_back(script);
+        kavo_sim::chip_get(0)->faults(f);
+        in_device = false;
+    }
+    kavo_test::wire_run run;
+    run.reply = reply.data();
+    run.data_size = UINT32(reply.size());
+    run.expectations = false;
+    const UINT64 bus0 = bus_transactions(0);
+    const UINT64 alloc0 = allocations.load();
+    for (auto _ : state)
+        if (c->run(run) != VELT_SUCCESS) state.SkipWithError("command failed");
+    const double n = double(state.iterations());
+    const double bus = double(bus_transactions(0) - bus0) / n, allocs = double(allocations.load() - alloc0) / n;
+    state.counters["bus_per_cmd"] = bus;
+    state.counters["allocs_per_cmd"] = allocs;
+    in_device = true;
+    kavo_sim::chip_get(0)->faults(kavo_sim::fault_config{});
+    table_figures[c->name] = command_figures{c->family, bus, allocs};
+    in_device = false;
+}
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv)
+{
+    for (size_t i = 0; i < kavo_test::NUM_WIRE_CASES; ++i) {
+        const kavo_test::wire_case* c = &kavo_test::WIRE_CASES[i];
+        benchmark::RegisterBenchmark((std::string("table/") + c->family + "/" + c->name).c_str(), BM_table, c);
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    struct family_figures {
+        double min_bus = 1e9, max_bus = 0, max_allocs = 0;
+        int commands = 0;
+    };
+    std::map<std::string, family_figures> families;
+    for (const auto& [name, c] : table_figures) {
+        family_figures& f = families[c.family];
+        f.min_bus = std::min(f.min_bus, c.bus);
+        f.max_bus = std::max(f.max_bus, c.bus);
+        f.max_allocs = std::max(f.max_allocs, c.allocs);
+        f.commands += 1;
+    }
+    if (!families.empty()) {
+        std::printf("\n%-10s %8s %12s %12s %14s\n", "family", "commands", "min bus/cmd", "max bus/cmd",
+                    "max allocs/cmd");
+        for (const auto& [family, f] : families)
+            std::printf("%-10s %8d %12.2f %12.2f %14.4f\n", family.c_str(), f.commands, f.min_bus, f.max_bus,
+                        f.max_allocs);
+    }
+    benchmark::Shutdown();
+    return 0;
+}

@@ -57,6 +57,40 @@ TEST(kavoctl, CommandsReportTheirResultByExitStatusAndName)
     }
 }
 
+TEST(kavoctl, EveryTableCommandIsReachableByName)
+{
+    const std::string script = ::testing::TempDir() + "kavoctl_calls.txt";
+    std::ofstream(script) << "call kavo_device_config device_mode=800G_FGB ilkn_intf.burst_max=16 "
+                             "ilkn_lane.serdes_port_ids_tx[2]=7\n"
+                             "call kavo_device_config_get\n";
+    struct {
+        std::string args;
+        int status;
+        const char* shows;
+    } cases[] = {
+        {"run " + script, 0, "        burst_max: 16\n"},
+        {"run " + script, 0, "    device_mode: KAVO_DEVICE_MODE_800G_FGB\n"},
+        {"--json call kavo_dcsu_cfg_get dcsu_inst=1", 0, "\"result_name\":\"VELT_SUCCESS\""},
+        {"--json call kavo_dcsu_cfg_get dcsu_inst=KAVO_DCSU_INSTANCE_1", 0, "\"fb_int_div\":84"},
+        {"--json call kavo_device_config_get", 1, "\"result_name\":\"KAVO_ERR_FW_NOT_CONFIGURED\""},
+        {"call kavo_device_config_get", 1, "kavoctl: kavo_device_config_get: KAVO_ERR_FW_NOT_CONFIGURED (0x10)\n"},
+        {"call kavo_device_config nonsense=1", 2, "kavo_config_t has no member nonsense\n"},
+        {"call kavo_device_config device_mode=FAST", 2, "bad value FAST for device_mode\n"},
+        {"call kavo_device_config ilkn_lane.serdes_port_ids_tx[24]=1", 2, "is out of range\n"},
+        {"call kavo_dcsu_cfg_get", 2, "kavo_dcsu_cfg_get needs dcsu_inst=VALUE\n"},
+        {"call kavo_no_such_command", 2, "no command kavo_no_such_command"},
+        {"call kavo_sdk_init", 2, "cannot be called from kavoctl"},
+        {"help kavo_dcsu_cfg_get", 0, "    dcsu_inst                a kavo_dcsu_instance_t constant\n"},
+        {"list ipi", 0, "kavo_ipi_test_set"},
+        {"list nofamily", 2, "no command family nofamily"},
+    };
+    for (const auto& c : cases) {
+        const run_result r = kavoctl(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.output;
+        EXPECT_NE(r.output.find(c.shows), std::string::npos) << c.args << "\n" << r.output;
+    }
+}
+
 TEST(kavoctl, ImagesAreWrittenAndInspected)
 {
     const std::string image = ::testing::TempDir() + "kavoctl_image.mem";

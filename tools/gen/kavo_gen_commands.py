@@ -227,6 +227,9 @@ class Generator:
             rec = c.build["type"]
         elif arg is not None and arg.pointer and self.kind_of(arg.base) in ("Struct", "Union"):
             rec = arg.base
+        elif arg is not None and arg.stars == 1 and size is None and (arg.base in KINDS or
+                                                                      self.kind_of(arg.base) == "Enum"):
+            return f"sizeof({arg.base})", None
         if size is None:
             if rec is None:
                 raise CommandError(f"{c.name}: the size of {what} must be given")
@@ -472,6 +475,104 @@ class Generator:
                 "}  // namespace kavoctl", ""]
         return "\n".join(out)
 
+    # ---- the wire test's cases ---------------------------------------------------------------
+
+    def case(self, c):
+        """One generated caller: distinct arguments, the request it must produce, and
+        what the outputs must hold after a scripted reply."""
+        lines = ["const UINT32 device_id = r.device_id;"] if c.args and c.args[0].name == "device_id" else []
+        null_in = {a for nc in c.null_checks for a in nc["args"]}
+        result_outs = {o.name for o, _ in c.results}
+        checks = []
+        for i, a in enumerate(c.args):
+            if a.name == "device_id":
+                continue
+            kind = self.kind_of(a.base)
+            if not a.pointer:
+                if a.base in BOOLS:
+                    lines.append(f"const {a.base} {a.name} = 1;")
+                elif a.base in ("DOUBLE", "FLOAT"):
+                    lines.append(f"const {a.base} {a.name} = {a.base}(1.5 + {i});")
+                else:
+                    lines.append(f"const {a.base} {a.name} = static_cast<{a.base}>(wire_value({i}));")
+                continue
+            if a.stars != 1:
+                raise CommandError(f"{c.name}: the wire test takes single pointers only ({a.name})")
+            store = a.base if kind in ("Struct", "Union") or a.base in KINDS or kind == "Enum" else None
+            if store is None:
+                raise CommandError(f"{c.name}: no wire storage for {a.type}")
+            if a.direction == "in":
+                lines.append(f"wire_input<{a.base}> in_{a.name}({i});")
+                null = f"r.null_inputs ? nullptr : " if a.name in null_in else ""
+                lines.append(f"{a.type} {a.name} = {null}in_{a.name}.get();")
+            else:
+                lines.append(f"wire_output<{a.base}> out_{a.name};")
+                null = "r.null_outputs ? nullptr : " if a.name in result_outs else ""
+                lines.append(f"{a.type} {a.name} = {null}out_{a.name}.get();")
+                if c.reply == a.name:
+                    checks.append((a, None))
+                elif a.name in result_outs:
+                    checks.append((a, dict((o.name, f) for o, f in c.results)[a.name]))
+        names = ("element", "mode", "parent", "flag")
+        for k, f in enumerate(names):
+            value = f"(UINT32)({c.fields[f]})" if f in c.fields else "0xFFFFFFFFu"
+            if f == "flag" and f not in c.fields:
+                value = "0u"
+            lines.append(f"r.info[{k}] = {value};")
+        data = c.data or ("&payload" if c.build else None)
+        if c.build:
+            t = c.build["type"]
+            lines.append(f"{t} payload;")
+            members = {m.name: m for m in self.types[t].members}
+            for member, expr in c.build.get("set", {}).items():
+                if members[member].dims:
+                    lines.append(f"std::memcpy(payload.{member}, {expr}, sizeof(payload.{member}));")
+                else:
+                    lines.append(f"payload.{member} = static_cast<decltype(payload.{member})>({expr});")
+        if data:
+            size, _ = self.size_expr(c, data, c.data_size)
+            lines.append(f"r.expect_payload({data}, {size});")
+        else:
+            lines.append("r.expect_payload(nullptr, 0);")
+        call = f"{c.name}({', '.join(a.name for a in c.args)})"
+        lines.append(f"const VELT_ERROR rc = {call};")
+        for a, field in checks:
+            if field is None:
+                size, _ = self.size_expr(c, a.name, c.reply_size)
+                lines.append(f"r.observe(out_{a.name}.holds(r.reply, {size}), out_{a.name}.untouched());")
+            else:
+                lines.append(f"r.observe(out_{a.name}.value() == static_cast<{a.base}>(r.field(\"{field}\")), "
+                             f"out_{a.name}.untouched());")
+        lines.append("return rc;")
+        reply = "0"
+        if c.reply:
+            reply, _ = self.size_expr(c, c.reply, c.reply_size)
+        null_result = c.null_checks[0]["result"] if c.null_checks else "VELT_SUCCESS"
+        fn = f"VELT_ERROR run_{c.name}(wire_run& r)\n{{\n" + "".join(f"    {line}\n" for line in lines) + "}\n"
+        entry = (f"    {{\"{c.name}\", \"{c.family.name}\", {c.op_name()}, \"{c.variation}\", "
+                 f"{'true' if c.checked else 'false'}, {'true' if c.null_checks else 'false'}, {null_result}, "
+                 f"(UINT32)({reply}), run_{c.name}}},")
+        return fn, entry
+
+    def cases(self):
+        out = [self.banner.format(src="host/commands").rstrip(),
+               "/* One case per regular command of the tables: a caller with distinct arguments,",
+               "   the request it must produce and what its outputs must hold after a reply. */",
+               "#include <cstring>", "", "#include \"kavo_command_cases.h\"", "",
+               "namespace kavo_test {", "namespace {", ""]
+        entries = []
+        for fam in self.families:
+            for c in fam.commands:
+                if c.hand:
+                    continue
+                fn, entry = self.case(c)
+                out.append(fn)
+                entries.append(entry)
+        out += ["}  // namespace", "", "const wire_case WIRE_CASES[] = {"] + entries + ["};",
+                "const size_t NUM_WIRE_CASES = sizeof(WIRE_CASES) / sizeof(WIRE_CASES[0]);", "",
+                "}  // namespace kavo_test", ""]
+        return "\n".join(out)
+
     def outputs(self):
         self.check()
         files = {}
@@ -483,6 +584,7 @@ class Generator:
         files["host/include/kavo/kavo_api.h"] = self.umbrella()
         files["docs/reference/commands.md"] = self.reference()
         files["tools/kavoctl/generated/kavo_catalogue.cpp"] = self.catalogue()
+        files["tests/generated/cases/kavo_command_cases.cpp"] = self.cases()
         return files
 
 

@@ -77,4 +77,11 @@ void kavo_fw_filename_get(char** file_name)
     *file_name = kavo_firmware_filename_get();
 }
 
+static_assert(KAVO_SW_VERSION == (KAVO_VERSION_MAJOR << 20 | KAVO_VERSION_MINOR << 12 | KAVO_VERSION_PATCH),
+              "the firmware version word and the library's version agree");
+
+UINT32 kavo_version(void) { return KAVO_SW_VERSION; }
+
+const char* kavo_version_string(void) { return KAVO_VERSION_STRING; }
+
 const char* kavo_err_t_string(VELT_ERROR value) { return kavo_err_t_print(static_cast<kavo_err_t>(value), nullptr, 0); }

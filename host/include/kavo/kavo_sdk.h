@@ -57,6 +57,12 @@ KAVO_API void kavo_options_usage_print(void);
 /* Every option back to its default. */
 KAVO_API void kavo_options_reset(void);
 
+/* Extension: the library's version as the firmware words carry it
+   (0x300002 for 3.0.2) and as text ("3.0.2"), for applications that check
+   at run time the library they were linked against. */
+KAVO_API UINT32 kavo_version(void);
+KAVO_API const char* kavo_version_string(void);
+
 /* Name of a result code, e.g. "HTL_ERR_DEVICE_OFFLINE". */
 KAVO_API const char* kavo_err_t_string(VELT_ERROR value);
 

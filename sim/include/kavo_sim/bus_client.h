@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kavo/kavo_api.h"
+#include "kavo_sim/gen/kavo_sim_types.h"
 #include "kavo_sim/chip_map.h"
 
 namespace kavo_sim {

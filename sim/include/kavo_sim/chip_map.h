@@ -4,6 +4,7 @@
 #define KAVO_SIM_CHIP_MAP_H
 
 #include "kavo/kavo_types.h"
+#include "kavo_sim/gen/kavo_sim_types.h"
 
 namespace kavo_sim::map {
 

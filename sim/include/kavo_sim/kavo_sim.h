@@ -1,14 +1,68 @@
 /* The virtual kavo device: up to 32 chips per process, each with its register
    file, 4 MiB of on-chip RAM, its processor's reset state and its firmware,
-   reached through a callout table exactly as libkavo reaches a real chip. */
+   reached through a callout table exactly as libkavo reaches a real chip.
+
+   The C interface (kavo_sim_*) is what libkavo_sim.so exports, for C programs
+   and bindings; C++ programs may also use the classes of namespace kavo_sim. */
 #ifndef KAVO_SIM_KAVO_SIM_H
 #define KAVO_SIM_KAVO_SIM_H
+
+#include "kavo/kavo_api.h"
+#include "kavo_sim/gen/kavo_sim_types.h"
+
+#if defined(__GNUC__)
+#define KAVO_SIM_API __attribute__((visibility("default")))
+#else
+#define KAVO_SIM_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* How a new chip is made; zero-initialised it is a revision-a chip answering
+   inside each doorbell write. */
+typedef struct kavo_sim_chip_options_t {
+    UINT32 revision_code;   /* 0: reva, otherwise revb */
+    UINT32 threaded;        /* 1: the firmware answers from a thread of its own */
+    UINT32 service_time_us; /* time the firmware takes to answer a request */
+} kavo_sim_chip_options_t;
+
+/* Bus and request counters of a chip's journal. */
+typedef struct kavo_sim_counters_t {
+    UINT64 reads, writes, burst_reads, burst_writes, words_read, words_written, bus_errors, requests, replies;
+} kavo_sim_counters_t;
+
+/* Creates chip device_id (0..31); options may be null. KAVO_ERR_INVALID_DEVICE_ID
+   or KAVO_ERR_DEVICE_ID_IN_USE when it cannot. */
+KAVO_SIM_API VELT_ERROR kavo_sim_chip_create(UINT32 device_id, const kavo_sim_chip_options_t* options);
+KAVO_SIM_API void kavo_sim_chip_destroy(UINT32 device_id);
+KAVO_SIM_API void kavo_sim_chip_destroy_all(void);
+/* The callout table that reaches this process's chips, to give to kavo_sdk_init. */
+KAVO_SIM_API tavo_callout_api_st* kavo_sim_callouts(void);
+/* The callout table that reaches the chips of kavo-simd at socket_path; null
+   when it cannot connect. */
+KAVO_SIM_API tavo_callout_api_st* kavo_sim_socket_callouts(const char* socket_path);
+/* A fault or one-shot action (sim_fault_t with its two arguments). */
+KAVO_SIM_API VELT_ERROR kavo_sim_fault_set(UINT32 device_id, sim_fault_t fault, UINT32 a, UINT32 b);
+/* The world outside the chip (sim_knob_t), and its clock moved forward. */
+KAVO_SIM_API VELT_ERROR kavo_sim_knob_set(UINT32 device_id, sim_knob_t knob, UINT32 index, UINT32 value);
+KAVO_SIM_API VELT_ERROR kavo_sim_knob_get(UINT32 device_id, sim_knob_t knob, UINT32 index, UINT32* value);
+KAVO_SIM_API VELT_ERROR kavo_sim_advance_time(UINT32 device_id, UINT64 microseconds);
+KAVO_SIM_API VELT_ERROR kavo_sim_chip_info(UINT32 device_id, sim_chip_info_t* info);
+KAVO_SIM_API VELT_ERROR kavo_sim_counters(UINT32 device_id, kavo_sim_counters_t* counters);
+KAVO_SIM_API VELT_ERROR kavo_sim_journal_reset(UINT32 device_id);
+/* The directory of the default firmware images: KAVO_FW_DIR when set, else
+   share/kavo/fw of the installation (or the build's images). */
+KAVO_SIM_API const char* kavo_sim_firmware_dir(void);
+
+#ifdef __cplusplus
+} /* extern "C" */
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "kavo/kavo_api.h"
 #include "kavo_sim/chip_map.h"
 #include "kavo_sim/image.h"
 
@@ -25,6 +79,16 @@ struct chip_config {
 
 constexpr UINT32 MAX_CHIPS = 32;
 
+/* A reply the firmware gives instead of serving a request, for tests that
+   check what the host does with any answer. The header echoes the request's
+   device id, sequence number and operation. */
+struct scripted_reply {
+    VELT_ERROR result = VELT_SUCCESS;
+    UINT32 mode = 0, value = 0, value2 = 0;
+    std::vector<UINT8> data; // the reply payload; its size is the header's data_size
+    bool repeat = false;     // answers every request until the faults are cleared
+};
+
 /* Faults a chip can be given. Counted reply faults act on the next N replies. */
 struct fault_config {
     std::vector<UINT32> bus_fail_addresses; // transactions touching these fail
@@ -38,6 +102,7 @@ struct fault_config {
     UINT32 oversized_reply_bytes = 64; // added to the reply payload of an oversized reply
     UINT32 doorbell_kept = 0;          // reply written, status raised, doorbell left at 0
     bool corrupt_image = false;        // the next firmware start finds its image corrupt
+    std::vector<scripted_reply> scripted; // the next requests are answered with these, in order
 };
 
 enum class event_kind { reg_read, reg_write, burst_read, burst_write, request, reply };
@@ -177,5 +242,7 @@ class socket_server {
 };
 
 } // namespace kavo_sim
+
+#endif /* __cplusplus */
 
 #endif

@@ -49,14 +49,6 @@ const enum_value values_kavo_segment_type_t[] = {{"KAVO_SEGMENT_TYPE_UNUSED", 0u
 const enum_info enum_kavo_segment_type_t = {"kavo_segment_type_t", "KAVO_SEGMENT_TYPE_", values_kavo_segment_type_t, 8};
 const enum_value values_kavo_resource_entity_t[] = {{"KAVO_RESOURCE_ENTITY_CHNL", 0u}, {"KAVO_RESOURCE_ENTITY_SERDES_PORT", 1u}, {"KAVO_RESOURCE_ENTITY_ILKN_CHNL", 2u}, {"KAVO_RESOURCE_ENTITY_FLEXE_PHY", 3u}, {"KAVO_RESOURCE_ENTITY_MACSEC_VPORT", 4u}, {"KAVO_RESOURCE_ENTITY_MACSEC_SA", 5u}, {"KAVO_RESOURCE_ENTITY_MACSEC_RULE", 6u}, {"LAST_KAVO_RESOURCE_ENTITY", 7u}};
 const enum_info enum_kavo_resource_entity_t = {"kavo_resource_entity_t", "KAVO_RESOURCE_ENTITY_", values_kavo_resource_entity_t, 8};
-const enum_value values_sim_command_type_t[] = {{"SIM_COMMAND_HELLO", 0u}, {"SIM_COMMAND_REG_READ", 1u}, {"SIM_COMMAND_REG_WRITE", 2u}, {"SIM_COMMAND_BURST_READ", 3u}, {"SIM_COMMAND_BURST_WRITE", 4u}, {"SIM_COMMAND_CHIP_CREATE", 5u}, {"SIM_COMMAND_CHIP_DESTROY", 6u}, {"SIM_COMMAND_CHIP_INFO", 7u}, {"SIM_COMMAND_FAULT_SET", 8u}, {"SIM_COMMAND_REPLY", 9u}, {"SIM_COMMAND_SHUTDOWN", 10u}, {"LAST_SIM_COMMAND_TYPE", 11u}};
-const enum_info enum_sim_command_type_t = {"sim_command_type_t", "SIM_COMMAND_", values_sim_command_type_t, 12};
-const enum_value values_sim_fault_t[] = {{"SIM_FAULT_CLEAR_ALL", 0u}, {"SIM_FAULT_BUS_FAIL_ADDRESS", 1u}, {"SIM_FAULT_BUS_FAIL_NTH", 2u}, {"SIM_FAULT_FW_HANG", 3u}, {"SIM_FAULT_SLOW_REPLY", 4u}, {"SIM_FAULT_WRONG_SEQUENCE", 5u}, {"SIM_FAULT_WRONG_OPERATION", 6u}, {"SIM_FAULT_WRONG_DEVICE_ID", 7u}, {"SIM_FAULT_OVERSIZED_REPLY", 8u}, {"SIM_FAULT_DOORBELL_KEPT", 9u}, {"SIM_FAULT_CORRUPT_IMAGE", 10u}, {"SIM_FAULT_FW_RESTART", 11u}, {"SIM_FAULT_CORRUPT_CONSOLE_COOKIE", 12u}, {"SIM_FAULT_CORRUPT_STATS_COOKIE", 13u}, {"SIM_FAULT_CORRUPT_DBG_LOG_COOKIE", 14u}, {"SIM_FAULT_CORRUPT_CONSOLE_RING", 15u}, {"SIM_FAULT_CORRUPT_DBG_LOG_INDEX", 16u}, {"SIM_FAULT_KNOB", 17u}, {"SIM_FAULT_ADVANCE_TIME", 18u}, {"LAST_SIM_FAULT", 19u}};
-const enum_info enum_sim_fault_t = {"sim_fault_t", "SIM_FAULT_", values_sim_fault_t, 20};
-const enum_value values_sim_knob_t[] = {{"SIM_KNOB_LINK_PARTNER", 0u}, {"SIM_KNOB_CHANNEL_LOSS", 1u}, {"SIM_KNOB_BIT_ERRORS", 2u}, {"SIM_KNOB_PPM_OFFSET", 3u}, {"SIM_KNOB_PARTNER_PRBS", 4u}, {"SIM_KNOB_PARTNER_INVERTED", 5u}, {"SIM_KNOB_LINK_TRAINING_MS", 16u}, {"SIM_KNOB_TRAFFIC_LOAD", 32u}, {"SIM_KNOB_TRAFFIC_FRAME_SIZE", 33u}, {"SIM_KNOB_TRAFFIC_FCS_ERRORS", 34u}, {"SIM_KNOB_PATH_DELAY_NS", 35u}, {"SIM_KNOB_TCAM_ERRORS", 48u}, {"SIM_KNOB_SEED", 63u}, {"LAST_SIM_KNOB", 64u}};
-const enum_info enum_sim_knob_t = {"sim_knob_t", "SIM_KNOB_", values_sim_knob_t, 14};
-const enum_value values_sim_fw_state_t[] = {{"SIM_FW_STATE_IN_RESET", 0u}, {"SIM_FW_STATE_RUNNING", 1u}, {"SIM_FW_STATE_BAD_IMAGE", 2u}, {"SIM_FW_STATE_HUNG", 3u}, {"LAST_SIM_FW_STATE", 4u}};
-const enum_info enum_sim_fw_state_t = {"sim_fw_state_t", "SIM_FW_STATE_", values_sim_fw_state_t, 5};
 
 extern const record_info record_kavo_config_t;
 extern const record_info record_kavo_device_status_info_t;
@@ -124,9 +116,6 @@ extern const record_info record_kavo_pmon_flexe_mux_t;
 extern const record_info record_kavo_pmon_flexe_demux_t;
 extern const record_info record_kavo_pmon_flexe_client_t;
 extern const record_info record_kavo_pmon_flexe_group_t;
-extern const record_info record_sim_message_header_t;
-extern const record_info record_sim_chip_config_t;
-extern const record_info record_sim_chip_info_t;
 
 const member_info members_kavo_config_t[] = {
     {"ilkn_intf", offsetof(kavo_config_t, ilkn_intf), sizeof(((kavo_config_t*)nullptr)->ilkn_intf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_ilkn_intf_cfg_t, false},
@@ -876,35 +865,6 @@ const member_info members_kavo_pmon_flexe_group_t[] = {
     {"rpf_events_msb", offsetof(kavo_pmon_flexe_group_t, rpf_events_msb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->rpf_events_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
 };
 const record_info record_kavo_pmon_flexe_group_t = {"kavo_pmon_flexe_group_t", sizeof(kavo_pmon_flexe_group_t), false, members_kavo_pmon_flexe_group_t, sizeof(members_kavo_pmon_flexe_group_t) / sizeof(members_kavo_pmon_flexe_group_t[0]), [](void* p) { kavo_pmon_flexe_group_t_init((kavo_pmon_flexe_group_t*)p); }, [](const void* p, FILE*) { kavo_pmon_flexe_group_t_print((const kavo_pmon_flexe_group_t*)p, KAVO_PMON_PRINT_ALL); }};
-const member_info members_sim_message_header_t[] = {
-    {"length", offsetof(sim_message_header_t, length), sizeof(((sim_message_header_t*)nullptr)->length) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"command", offsetof(sim_message_header_t, command), sizeof(((sim_message_header_t*)nullptr)->command) / 1, 1, 1, value_kind::ENUM, &enum_sim_command_type_t, nullptr, false},
-    {"device_id", offsetof(sim_message_header_t, device_id), sizeof(((sim_message_header_t*)nullptr)->device_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"status", offsetof(sim_message_header_t, status), sizeof(((sim_message_header_t*)nullptr)->status) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
-    {"arg0", offsetof(sim_message_header_t, arg0), sizeof(((sim_message_header_t*)nullptr)->arg0) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
-    {"arg1", offsetof(sim_message_header_t, arg1), sizeof(((sim_message_header_t*)nullptr)->arg1) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
-};
-const record_info record_sim_message_header_t = {"sim_message_header_t", sizeof(sim_message_header_t), false, members_sim_message_header_t, sizeof(members_sim_message_header_t) / sizeof(members_sim_message_header_t[0]), [](void* p) { sim_message_header_t_init((sim_message_header_t*)p); }, [](const void* p, FILE* f) { sim_message_header_t_print((const sim_message_header_t*)p, f); }};
-const member_info members_sim_chip_config_t[] = {
-    {"device_code", offsetof(sim_chip_config_t, device_code), sizeof(((sim_chip_config_t*)nullptr)->device_code) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
-    {"revision_code", offsetof(sim_chip_config_t, revision_code), sizeof(((sim_chip_config_t*)nullptr)->revision_code) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"mode", offsetof(sim_chip_config_t, mode), sizeof(((sim_chip_config_t*)nullptr)->mode) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"service_time_us", offsetof(sim_chip_config_t, service_time_us), sizeof(((sim_chip_config_t*)nullptr)->service_time_us) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-};
-const record_info record_sim_chip_config_t = {"sim_chip_config_t", sizeof(sim_chip_config_t), false, members_sim_chip_config_t, sizeof(members_sim_chip_config_t) / sizeof(members_sim_chip_config_t[0]), [](void* p) { sim_chip_config_t_init((sim_chip_config_t*)p); }, [](const void* p, FILE* f) { sim_chip_config_t_print((const sim_chip_config_t*)p, f); }};
-const member_info members_sim_chip_info_t[] = {
-    {"device_code", offsetof(sim_chip_info_t, device_code), sizeof(((sim_chip_info_t*)nullptr)->device_code) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
-    {"revision_code", offsetof(sim_chip_info_t, revision_code), sizeof(((sim_chip_info_t*)nullptr)->revision_code) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"mode", offsetof(sim_chip_info_t, mode), sizeof(((sim_chip_info_t*)nullptr)->mode) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"service_time_us", offsetof(sim_chip_info_t, service_time_us), sizeof(((sim_chip_info_t*)nullptr)->service_time_us) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"fw_state", offsetof(sim_chip_info_t, fw_state), sizeof(((sim_chip_info_t*)nullptr)->fw_state) / 1, 1, 1, value_kind::ENUM, &enum_sim_fw_state_t, nullptr, false},
-    {"boot_count", offsetof(sim_chip_info_t, boot_count), sizeof(((sim_chip_info_t*)nullptr)->boot_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"fw_version", offsetof(sim_chip_info_t, fw_version), sizeof(((sim_chip_info_t*)nullptr)->fw_version) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
-    {"fw_revision", offsetof(sim_chip_info_t, fw_revision), sizeof(((sim_chip_info_t*)nullptr)->fw_revision) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"requests", offsetof(sim_chip_info_t, requests), sizeof(((sim_chip_info_t*)nullptr)->requests) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-    {"replies", offsetof(sim_chip_info_t, replies), sizeof(((sim_chip_info_t*)nullptr)->replies) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
-};
-const record_info record_sim_chip_info_t = {"sim_chip_info_t", sizeof(sim_chip_info_t), false, members_sim_chip_info_t, sizeof(members_sim_chip_info_t) / sizeof(members_sim_chip_info_t[0]), [](void* p) { sim_chip_info_t_init((sim_chip_info_t*)p); }, [](const void* p, FILE* f) { sim_chip_info_t_print((const sim_chip_info_t*)p, f); }};
 
 const arg_info args_kavo_sdk_init[] = {
     {"context", "void*", true, 1, value_kind::PTR, 0, nullptr, nullptr},
@@ -1306,10 +1266,6 @@ const enum_info* const ENUMS[] = {
     &enum_kavo_pmon_print_sel_t,
     &enum_kavo_segment_type_t,
     &enum_kavo_resource_entity_t,
-    &enum_sim_command_type_t,
-    &enum_sim_fault_t,
-    &enum_sim_knob_t,
-    &enum_sim_fw_state_t,
 };
 const size_t NUM_ENUMS = sizeof(ENUMS) / sizeof(ENUMS[0]);
 
@@ -1380,9 +1336,6 @@ const record_info* const RECORDS[] = {
     &record_kavo_pmon_flexe_demux_t,
     &record_kavo_pmon_flexe_client_t,
     &record_kavo_pmon_flexe_group_t,
-    &record_sim_message_header_t,
-    &record_sim_chip_config_t,
-    &record_sim_chip_info_t,
 };
 const size_t NUM_RECORDS = sizeof(RECORDS) / sizeof(RECORDS[0]);
 

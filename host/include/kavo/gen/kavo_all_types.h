@@ -13,6 +13,5 @@
 #include "kavo/gen/kavo_ipi_types.h"
 #include "kavo/gen/kavo_pmon_types.h"
 #include "kavo/gen/kavo_segment_types.h"
-#include "kavo/gen/kavo_socket_types.h"
 
 #endif

@@ -17,6 +17,10 @@ extern "C" {
 
 #define KAVO_SW_REVISION 0x16142
 #define KAVO_SW_VERSION 0x300002
+#define KAVO_VERSION_MAJOR 3
+#define KAVO_VERSION_MINOR 0
+#define KAVO_VERSION_PATCH 2
+#define KAVO_VERSION_STRING "3.0.2"
 #define KAVO_NUM_CHANNELS 48
 
 #ifdef __cplusplus
