@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kavo/kavo_api.h"
+#include "kavo_sim/gen/kavo_sim_types.h"
 
 namespace kavo_sim::fw {
 
