@@ -39,6 +39,34 @@ class kavo_dcsu_instance_t(IntEnum):
     KAVO_DCSU_INSTANCE_5 = 5
     LAST_KAVO_DCSU_INSTANCE = 6
 
+class kavo_defect_type_t(IntEnum):
+    KAVO_DEFECT_TYPE_ENET_PORT = 0
+    KAVO_DEFECT_TYPE_ILKN_PKT_CHNL = 1
+    KAVO_DEFECT_TYPE_ILKN_INTERFACE = 2
+    KAVO_DEFECT_TYPE_FLEXE_GROUP = 3
+    KAVO_DEFECT_TYPE_FLEXE_CLIENT = 4
+    KAVO_DEFECT_TYPE_UNUSED_0 = 5
+    KAVO_DEFECT_TYPE_SERDES = 6
+    KAVO_DEFECT_TYPE_MACSEC = 7
+    KAVO_DEFECT_TYPE_TLIC = 8
+    KAVO_DEFECT_TYPE_DCSU = 9
+    KAVO_DEFECT_TYPE_ANLT = 10
+    LAST_KAVO_DEFECT_TYPE = 11
+
+class kavo_defect_transfer_clear_t(IntEnum):
+    KAVO_DEFECT_CLEAR_ALL = 0
+    KAVO_DEFECT_CLEAR_ENABLED = 1
+    KAVO_DEFECT_CLEAR_DISABLED = 2
+    KAVO_DEFECT_CLEAR_NONE = 3
+    LAST_KAVO_DEFECT_CLEAR = 4
+
+class kavo_defect_print_filter_t(IntEnum):
+    KAVO_DEFECT_PRINT_FILTER_ALL = 0
+    KAVO_DEFECT_PRINT_FILTER_I_ASSERTED = 1
+    KAVO_DEFECT_PRINT_FILTER_V_ASSERTED = 2
+    KAVO_DEFECT_PRINT_FILTER_V_OR_I_ASSERTED = 3
+    LAST_KAVO_DEFECT_PRINT_FILTER = 4
+
 class kavo_module_id_t(IntEnum):
     KAVO_MID_BASE = 0
     KAVO_MID_ACB = 1
@@ -1244,6 +1272,162 @@ class kavo_debug_macsec_tcam_scrub_stats_t(Record):
     _init_ = "kavo_debug_macsec_tcam_scrub_stats_t_init"
     _fields_ = [("scrub_passes", ctypes.c_uint32), ("errors_corrected", ctypes.c_uint32), ("last_error_pass", ctypes.c_uint32), ("scrub_period_ms", ctypes.c_uint32)]
 
+class kavo_defect_ive_t(Record):
+    _init_ = "kavo_defect_ive_t_init"
+    _fields_ = [("i", ctypes.c_uint8), ("v", ctypes.c_uint8), ("e", ctypes.c_uint8), ("is_valid", ctypes.c_uint8), ("unused", ctypes.c_uint8)]
+
+class kavo_defect_summary_ive_valid_t(Record):
+    _init_ = "kavo_defect_summary_ive_valid_t_init"
+    _fields_ = [("i", ctypes.c_uint8), ("v", ctypes.c_uint8), ("e", ctypes.c_uint8), ("is_valid", ctypes.c_uint8), ("unused", ctypes.c_uint8)]
+
+class kavo_defect_summary_mask_t(Record):
+    _init_ = "kavo_defect_summary_mask_t_init"
+    _fields_ = [("active", ctypes.c_uint32)]
+
+class kavo_defect_enet_phy_chnl_t(Record):
+    _init_ = "kavo_defect_enet_phy_chnl_t_init"
+    _fields_ = [("los", kavo_defect_ive_t), ("cdr_lol", kavo_defect_ive_t), ("block_lock_lost", kavo_defect_ive_t), ("hi_ber", kavo_defect_ive_t), ("align_lost", kavo_defect_ive_t), ("deskew_err", kavo_defect_ive_t), ("local_fault", kavo_defect_ive_t), ("remote_fault", kavo_defect_ive_t), ("link_down", kavo_defect_ive_t), ("fec_align_lost", kavo_defect_ive_t), ("fec_degraded_ser", kavo_defect_ive_t), ("fec_uncorrectable", kavo_defect_ive_t), ("lane_block_lock_lost", (kavo_defect_ive_t * 20)), ("lane_am_lock_lost", (kavo_defect_ive_t * 20)), ("lane_bip_err", (kavo_defect_ive_t * 20))]
+
+class kavo_defect_enet_mac_chnl_t(Record):
+    _init_ = "kavo_defect_enet_mac_chnl_t_init"
+    _fields_ = [("rx_fcs_err", kavo_defect_ive_t), ("rx_undersize", kavo_defect_ive_t), ("rx_oversize", kavo_defect_ive_t), ("rx_jabber", kavo_defect_ive_t), ("rx_fragment", kavo_defect_ive_t), ("rx_overflow", kavo_defect_ive_t), ("tx_underflow", kavo_defect_ive_t), ("rx_pause_xoff", kavo_defect_ive_t), ("tx_pause_xoff", kavo_defect_ive_t), ("rx_pfc_xoff", (kavo_defect_ive_t * 8)), ("tx_pfc_xoff", (kavo_defect_ive_t * 8))]
+
+class kavo_defect_enet_alarms_proc_chnl_t(Record):
+    _init_ = "kavo_defect_enet_alarms_proc_chnl_t_init"
+    _fields_ = [("tx_lf_insert", kavo_defect_ive_t), ("tx_rf_insert", kavo_defect_ive_t), ("tx_idle_insert", kavo_defect_ive_t), ("rx_squelch", kavo_defect_ive_t), ("ca_los", kavo_defect_ive_t), ("ca_lf", kavo_defect_ive_t), ("ca_rf", kavo_defect_ive_t), ("ca_hi_ber", kavo_defect_ive_t), ("ca_fec_deg", kavo_defect_ive_t)]
+
+class kavo_defect_timing_chnl_t(Record):
+    _init_ = "kavo_defect_timing_chnl_t_init"
+    _fields_ = [("tod_unlocked", kavo_defect_ive_t), ("tx_ts_fifo_overflow", kavo_defect_ive_t), ("rx_ts_fifo_overflow", kavo_defect_ive_t), ("tx_ts_lost", kavo_defect_ive_t), ("rx_ts_lost", kavo_defect_ive_t), ("one_pps_lost", kavo_defect_ive_t), ("clk_squelched", kavo_defect_ive_t), ("ref_clk_lost", kavo_defect_ive_t)]
+
+class kavo_defect_enet_port_segment_t(Record):
+    _init_ = "kavo_defect_enet_port_segment_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("phy", kavo_defect_enet_phy_chnl_t), ("mac", kavo_defect_enet_mac_chnl_t), ("alarms", kavo_defect_enet_alarms_proc_chnl_t), ("timing", kavo_defect_timing_chnl_t), ("pad", (ctypes.c_uint8 * 1))]
+
+class kavo_defect_lt_serdes_port_t(Record):
+    _init_ = "kavo_defect_lt_serdes_port_t_init"
+    _fields_ = [("training_failure", kavo_defect_ive_t), ("frame_lock_lost", kavo_defect_ive_t), ("wait_timer_expired", kavo_defect_ive_t), ("coef_err", kavo_defect_ive_t), ("rx_trained", kavo_defect_ive_t)]
+
+class kavo_defect_anlt_chnl_t(Record):
+    _init_ = "kavo_defect_anlt_chnl_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("an_hcd_resolved", kavo_defect_ive_t), ("an_incompatible_link", kavo_defect_ive_t), ("an_link_fail_inhibit_timeout", kavo_defect_ive_t), ("an_complete", kavo_defect_ive_t), ("fatal_error", kavo_defect_ive_t), ("lt", (kavo_defect_lt_serdes_port_t * 8)), ("pad", (ctypes.c_uint8 * 2))]
+
+class kavo_defect_ilkn_tx_link_t(Record):
+    _init_ = "kavo_defect_ilkn_tx_link_t_init"
+    _fields_ = [("underflow", kavo_defect_ive_t), ("overflow", kavo_defect_ive_t), ("burst_err", kavo_defect_ive_t), ("fc_cal_err", kavo_defect_ive_t), ("bad_ctrl_word", kavo_defect_ive_t), ("fifo_ecc_err", kavo_defect_ive_t), ("xoff_rcvd", kavo_defect_ive_t), ("link_disabled", kavo_defect_ive_t)]
+
+class kavo_defect_ilkn_rx_link_t(Record):
+    _init_ = "kavo_defect_ilkn_rx_link_t_init"
+    _fields_ = [("align_lost", kavo_defect_ive_t), ("align_err", kavo_defect_ive_t), ("crc24_err", kavo_defect_ive_t), ("crc32_err", kavo_defect_ive_t), ("burst_err", kavo_defect_ive_t), ("burst_max_err", kavo_defect_ive_t), ("mf_err", kavo_defect_ive_t), ("word_sync_lost", kavo_defect_ive_t), ("bad_ctrl_word", kavo_defect_ive_t), ("status_msg_lost", kavo_defect_ive_t), ("overflow", kavo_defect_ive_t), ("fc_cal_err", kavo_defect_ive_t)]
+
+class kavo_defect_ilkn_intf_t(Record):
+    _init_ = "kavo_defect_ilkn_intf_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("tx", kavo_defect_ilkn_tx_link_t), ("rx", kavo_defect_ilkn_rx_link_t), ("pad", (ctypes.c_uint8 * 11))]
+
+class kavo_defect_ilkn_chnl_t(Record):
+    _init_ = "kavo_defect_ilkn_chnl_t_init"
+    _fields_ = [("tx_fifo_overflow", kavo_defect_ive_t), ("tx_fifo_underflow", kavo_defect_ive_t), ("rx_fifo_overflow", kavo_defect_ive_t), ("rx_fifo_underflow", kavo_defect_ive_t), ("rx_crc_err", kavo_defect_ive_t), ("rx_err_pkt", kavo_defect_ive_t), ("rx_oversize", kavo_defect_ive_t), ("rx_undersize", kavo_defect_ive_t), ("rx_xoff", kavo_defect_ive_t), ("tx_xoff", kavo_defect_ive_t), ("rx_bcw_err", kavo_defect_ive_t), ("rx_chnl_down", kavo_defect_ive_t)]
+
+class kavo_defect_efc_ilkn_tx_chnl_t(Record):
+    _init_ = "kavo_defect_efc_ilkn_tx_chnl_t_init"
+    _fields_ = [("fifo_overflow", kavo_defect_ive_t), ("fifo_underflow", kavo_defect_ive_t), ("credit_err", kavo_defect_ive_t), ("xoff", kavo_defect_ive_t)]
+
+class kavo_defect_efc_ilkn_rx_chnl_t(Record):
+    _init_ = "kavo_defect_efc_ilkn_rx_chnl_t_init"
+    _fields_ = [("fifo_overflow", kavo_defect_ive_t), ("fifo_underflow", kavo_defect_ive_t), ("credit_err", kavo_defect_ive_t), ("xoff", kavo_defect_ive_t)]
+
+class kavo_defect_efc_ilkn_chnl_t(Record):
+    _init_ = "kavo_defect_efc_ilkn_chnl_t_init"
+    _fields_ = [("tx", kavo_defect_efc_ilkn_tx_chnl_t), ("rx", kavo_defect_efc_ilkn_rx_chnl_t)]
+
+class kavo_defect_cfc_chnl_t(Record):
+    _init_ = "kavo_defect_cfc_chnl_t_init"
+    _fields_ = [("fifo_overflow", kavo_defect_ive_t), ("fifo_underflow", kavo_defect_ive_t), ("ecc_correctable", kavo_defect_ive_t), ("ecc_uncorrectable", kavo_defect_ive_t), ("page_exhausted", kavo_defect_ive_t), ("ptr_mismatch", kavo_defect_ive_t), ("wr_full", kavo_defect_ive_t), ("rd_empty", kavo_defect_ive_t)]
+
+class kavo_defect_ilkn_pkt_segment_t(Record):
+    _init_ = "kavo_defect_ilkn_pkt_segment_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("chnl", kavo_defect_ilkn_chnl_t), ("efc", kavo_defect_efc_ilkn_chnl_t), ("cfc", kavo_defect_cfc_chnl_t), ("pad", (ctypes.c_uint8 * 7))]
+
+class kavo_defect_foh_chnl_t(Record):
+    _init_ = "kavo_defect_foh_chnl_t_init"
+    _fields_ = [("lof", kavo_defect_ive_t), ("lom", kavo_defect_ive_t), ("oof", kavo_defect_ive_t), ("oom", kavo_defect_ive_t), ("rpf", kavo_defect_ive_t), ("crc_err", kavo_defect_ive_t), ("gid_mismatch", kavo_defect_ive_t), ("pid_mismatch", kavo_defect_ive_t), ("iid_mismatch", kavo_defect_ive_t), ("cal_mismatch", kavo_defect_ive_t), ("sc_err", kavo_defect_ive_t), ("ohp_fifo_err", kavo_defect_ive_t)]
+
+class kavo_defect_flexe_phy_chnl_t(Record):
+    _init_ = "kavo_defect_flexe_phy_chnl_t_init"
+    _fields_ = [("phy_missing", kavo_defect_ive_t), ("link_down", kavo_defect_ive_t), ("pcs_align_lost", kavo_defect_ive_t), ("lf", kavo_defect_ive_t), ("rf", kavo_defect_ive_t), ("deskew_exceeded", kavo_defect_ive_t), ("phymap_mismatch", kavo_defect_ive_t), ("rx_fifo_overflow", kavo_defect_ive_t), ("tx_fifo_underflow", kavo_defect_ive_t), ("ccc_mismatch", kavo_defect_ive_t), ("cal_switch_err", kavo_defect_ive_t), ("hi_ber", kavo_defect_ive_t), ("foh", (kavo_defect_foh_chnl_t * 4))]
+
+class kavo_defect_flexe_group_segment_t(Record):
+    _init_ = "kavo_defect_flexe_group_segment_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("gid_mismatch", kavo_defect_ive_t), ("phy_missing", kavo_defect_ive_t), ("deskew_exceeded", kavo_defect_ive_t), ("cal_mismatch", kavo_defect_ive_t), ("cal_switch_timeout", kavo_defect_ive_t), ("phymap_mismatch", kavo_defect_ive_t), ("lof_any", kavo_defect_ive_t), ("crc_err_any", kavo_defect_ive_t), ("phy", (kavo_defect_flexe_phy_chnl_t * 8)), ("pad", (ctypes.c_uint8 * 3))]
+
+class kavo_defect_flexe_client_chnl_t(Record):
+    _init_ = "kavo_defect_flexe_client_chnl_t_init"
+    _fields_ = [("lf", kavo_defect_ive_t), ("rf", kavo_defect_ive_t), ("csf", kavo_defect_ive_t), ("cal_mismatch", kavo_defect_ive_t), ("rx_fifo_overflow", kavo_defect_ive_t), ("tx_fifo_underflow", kavo_defect_ive_t), ("tx_idle_insert", kavo_defect_ive_t), ("rx_block_err", kavo_defect_ive_t), ("rx_lpi", kavo_defect_ive_t), ("demux_lock_lost", kavo_defect_ive_t), ("mux_overflow", kavo_defect_ive_t), ("rate_mismatch", kavo_defect_ive_t)]
+
+class kavo_defect_efc_enet_tx_chnl_t(Record):
+    _init_ = "kavo_defect_efc_enet_tx_chnl_t_init"
+    _fields_ = [("fifo_overflow", kavo_defect_ive_t), ("fifo_underflow", kavo_defect_ive_t), ("credit_err", kavo_defect_ive_t), ("xoff", kavo_defect_ive_t), ("ecc_correctable", kavo_defect_ive_t), ("ecc_uncorrectable", kavo_defect_ive_t), ("pkt_drop", kavo_defect_ive_t), ("pause_rcvd", kavo_defect_ive_t)]
+
+class kavo_defect_efc_enet_rx_chnl_t(Record):
+    _init_ = "kavo_defect_efc_enet_rx_chnl_t_init"
+    _fields_ = [("fifo_overflow", kavo_defect_ive_t), ("fifo_underflow", kavo_defect_ive_t), ("credit_err", kavo_defect_ive_t), ("xoff", kavo_defect_ive_t), ("ecc_correctable", kavo_defect_ive_t), ("ecc_uncorrectable", kavo_defect_ive_t), ("pkt_drop", kavo_defect_ive_t), ("pause_rcvd", kavo_defect_ive_t)]
+
+class kavo_defect_efc_enet_chnl_t(Record):
+    _init_ = "kavo_defect_efc_enet_chnl_t_init"
+    _fields_ = [("tx", kavo_defect_efc_enet_tx_chnl_t), ("rx", kavo_defect_efc_enet_rx_chnl_t)]
+
+class kavo_defect_pb_pcs_chnl_t(Record):
+    _init_ = "kavo_defect_pb_pcs_chnl_t_init"
+    _fields_ = [("rx_fifo_overflow", kavo_defect_ive_t), ("rx_fifo_underflow", kavo_defect_ive_t), ("tx_fifo_overflow", kavo_defect_ive_t), ("tx_fifo_underflow", kavo_defect_ive_t), ("decode_err", kavo_defect_ive_t), ("encode_err", kavo_defect_ive_t), ("lpi", kavo_defect_ive_t), ("ecc_err", kavo_defect_ive_t)]
+
+class kavo_defect_sar_mpma_dsp_t(Record):
+    _init_ = "kavo_defect_sar_mpma_dsp_t_init"
+    _fields_ = [("rate_out_of_range", kavo_defect_ive_t), ("fifo_overflow", kavo_defect_ive_t), ("fifo_underflow", kavo_defect_ive_t), ("dsp_unlocked", kavo_defect_ive_t), ("gmp_err", kavo_defect_ive_t), ("cnd_err", kavo_defect_ive_t), ("freq_drift", kavo_defect_ive_t), ("phase_err", kavo_defect_ive_t)]
+
+class kavo_defect_flexe_client_segment_t(Record):
+    _init_ = "kavo_defect_flexe_client_segment_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("client", kavo_defect_flexe_client_chnl_t), ("mac", kavo_defect_enet_mac_chnl_t), ("efc", kavo_defect_efc_enet_chnl_t), ("pb_pcs", kavo_defect_pb_pcs_chnl_t), ("sar", kavo_defect_sar_mpma_dsp_t), ("pad", (ctypes.c_uint8 * 6))]
+
+class kavo_defect_serdes_t(Record):
+    _init_ = "kavo_defect_serdes_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("los", kavo_defect_ive_t), ("cdr_lol", kavo_defect_ive_t), ("rx_pll_lol", kavo_defect_ive_t), ("adapt_fail", kavo_defect_ive_t), ("eye_margin_low", kavo_defect_ive_t), ("ppm_out_of_range", kavo_defect_ive_t), ("bit_err_high", kavo_defect_ive_t), ("prbs_lock_lost", kavo_defect_ive_t), ("prbs_err", kavo_defect_ive_t), ("rx_fifo_err", kavo_defect_ive_t), ("dfe_saturated", kavo_defect_ive_t), ("ctle_saturated", kavo_defect_ive_t), ("tx_pll_lol", kavo_defect_ive_t), ("tx_fifo_err", kavo_defect_ive_t), ("uc_crash", kavo_defect_ive_t), ("uc_not_loaded", kavo_defect_ive_t), ("temp_out_of_range", kavo_defect_ive_t), ("pad", (ctypes.c_uint8 * 14))]
+
+class kavo_defect_shw_t(Record):
+    _init_ = "kavo_defect_shw_t_init"
+    _fields_ = [("ocr_ecc_correctable", kavo_defect_ive_t), ("ocr_ecc_uncorrectable", kavo_defect_ive_t), ("cpu_watchdog", kavo_defect_ive_t), ("temp_high", kavo_defect_ive_t), ("temp_critical", kavo_defect_ive_t), ("core_pll_lol", kavo_defect_ive_t), ("i2c_err", kavo_defect_ive_t)]
+
+class kavo_defect_pb_igr_top_t(Record):
+    _init_ = "kavo_defect_pb_igr_top_t_init"
+    _fields_ = [("fifo_overflow", kavo_defect_ive_t), ("fifo_underflow", kavo_defect_ive_t), ("ecc_correctable", kavo_defect_ive_t), ("ecc_uncorrectable", kavo_defect_ive_t), ("page_exhausted", kavo_defect_ive_t), ("desc_err", kavo_defect_ive_t), ("parity_err", kavo_defect_ive_t), ("drop", kavo_defect_ive_t)]
+
+class kavo_defect_pb_egr_top_t(Record):
+    _init_ = "kavo_defect_pb_egr_top_t_init"
+    _fields_ = [("fifo_overflow", kavo_defect_ive_t), ("fifo_underflow", kavo_defect_ive_t), ("ecc_correctable", kavo_defect_ive_t), ("ecc_uncorrectable", kavo_defect_ive_t), ("page_exhausted", kavo_defect_ive_t), ("desc_err", kavo_defect_ive_t), ("parity_err", kavo_defect_ive_t), ("drop", kavo_defect_ive_t)]
+
+class kavo_defect_enet_top_t(Record):
+    _init_ = "kavo_defect_enet_top_t_init"
+    _fields_ = [("mac_ecc_correctable", kavo_defect_ive_t), ("mac_ecc_uncorrectable", kavo_defect_ive_t), ("fec_ecc_correctable", kavo_defect_ive_t), ("fec_ecc_uncorrectable", kavo_defect_ive_t), ("ptp_fifo_overflow", kavo_defect_ive_t), ("stats_overflow", kavo_defect_ive_t), ("pll_lol", kavo_defect_ive_t), ("xmacpcs_err", kavo_defect_ive_t)]
+
+class kavo_defect_foh_t(Record):
+    _init_ = "kavo_defect_foh_t_init"
+    _fields_ = [("ohp_fifo_overflow", kavo_defect_ive_t), ("ohp_fifo_underflow", kavo_defect_ive_t), ("ins_err", kavo_defect_ive_t), ("ext_err", kavo_defect_ive_t), ("ecc_correctable", kavo_defect_ive_t), ("ecc_uncorrectable", kavo_defect_ive_t), ("crc_err", kavo_defect_ive_t), ("sync_lost", kavo_defect_ive_t)]
+
+class kavo_defect_slice_top_t(Record):
+    _init_ = "kavo_defect_slice_top_t_init"
+    _fields_ = [("pb_igr", kavo_defect_pb_igr_top_t), ("pb_egr", kavo_defect_pb_egr_top_t), ("enet", kavo_defect_enet_top_t), ("foh", kavo_defect_foh_t)]
+
+class kavo_defect_tlic_t(Record):
+    _init_ = "kavo_defect_tlic_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("shw", kavo_defect_shw_t), ("slice", (kavo_defect_slice_top_t * 3))]
+
+class kavo_defect_dcsu_t(Record):
+    _init_ = "kavo_defect_dcsu_t_init"
+    _fields_ = [("summary", kavo_defect_summary_ive_valid_t), ("lock", kavo_defect_ive_t), ("err_slow", kavo_defect_ive_t), ("err_fast", kavo_defect_ive_t), ("dco_slow", kavo_defect_ive_t), ("dco_fast", kavo_defect_ive_t), ("pad", (ctypes.c_uint8 * 2))]
+
+class kavo_defect_device_summary_t(Record):
+    _init_ = "kavo_defect_device_summary_t_init"
+    _fields_ = [("ilkn_intf", kavo_defect_summary_ive_valid_t), ("ilkn_chnl", (kavo_defect_summary_ive_valid_t * 8)), ("enet_port", (kavo_defect_summary_ive_valid_t * 48)), ("flexe_client", (kavo_defect_summary_ive_valid_t * 24)), ("flexe_group", (kavo_defect_summary_ive_valid_t * 12)), ("serdes", (kavo_defect_summary_ive_valid_t * 48)), ("tlic", kavo_defect_summary_ive_valid_t), ("dcsu", (kavo_defect_summary_ive_valid_t * 6)), ("anlt", (kavo_defect_summary_ive_valid_t * 48))]
+
 class kavo_flexe_phy_info_t(Record):
     _init_ = "kavo_flexe_phy_info_t_init"
     _fields_ = [("flexe_phy_number", ctypes.c_uint32), ("num_unavailable_slots", ctypes.c_uint32)]
@@ -1464,6 +1648,58 @@ class kavo_pgmrclk_cfg_get_t(Record):
     _init_ = "kavo_pgmrclk_cfg_get_t_init"
     _fields_ = [("clk_id", ctypes.c_uint32), ("clk_source", ctypes.c_uint32), ("clk_source_idx", ctypes.c_uint32), ("enable", ctypes.c_uint32), ("input_clk_freq", ctypes.c_double), ("output_clk_freq", ctypes.c_double), ("achieved_clk_freq", ctypes.c_double), ("divider", ctypes.c_uint32), ("squelch_serdes_id", ctypes.c_uint32), ("squelch_enet_chnl_id", ctypes.c_uint32), ("squelched", ctypes.c_uint32)]
 
+class kavo_pmon_enet_phy_rx_t(Record):
+    _init_ = "kavo_pmon_enet_phy_rx_t_init"
+    _fields_ = [("fec_corrected_cw_lsb", ctypes.c_uint32), ("fec_corrected_cw_msb", ctypes.c_uint32), ("fec_uncorrected_cw_lsb", ctypes.c_uint32), ("fec_uncorrected_cw_msb", ctypes.c_uint32), ("fec_symbol_err_lsb", ctypes.c_uint32), ("fec_symbol_err_msb", ctypes.c_uint32), ("bip_err_lsb", ctypes.c_uint32), ("bip_err_msb", ctypes.c_uint32), ("errored_blocks_lsb", ctypes.c_uint32), ("errored_blocks_msb", ctypes.c_uint32)]
+
+class kavo_pmon_enet_mac_rx_t(Record):
+    _init_ = "kavo_pmon_enet_mac_rx_t_init"
+    _fields_ = [("frames_ok_lsb", ctypes.c_uint32), ("frames_ok_msb", ctypes.c_uint32), ("octets_ok_lsb", ctypes.c_uint32), ("octets_ok_msb", ctypes.c_uint32), ("fcs_err_lsb", ctypes.c_uint32), ("fcs_err_msb", ctypes.c_uint32), ("undersize_lsb", ctypes.c_uint32), ("undersize_msb", ctypes.c_uint32), ("oversize_lsb", ctypes.c_uint32), ("oversize_msb", ctypes.c_uint32), ("fragments_lsb", ctypes.c_uint32), ("fragments_msb", ctypes.c_uint32), ("jabbers_lsb", ctypes.c_uint32), ("jabbers_msb", ctypes.c_uint32), ("bin_64_lsb", ctypes.c_uint32), ("bin_64_msb", ctypes.c_uint32), ("bin_65_127_lsb", ctypes.c_uint32), ("bin_65_127_msb", ctypes.c_uint32), ("bin_128_255_lsb", ctypes.c_uint32), ("bin_128_255_msb", ctypes.c_uint32), ("bin_256_511_lsb", ctypes.c_uint32), ("bin_256_511_msb", ctypes.c_uint32), ("bin_512_1023_lsb", ctypes.c_uint32), ("bin_512_1023_msb", ctypes.c_uint32), ("bin_1024_1518_lsb", ctypes.c_uint32), ("bin_1024_1518_msb", ctypes.c_uint32), ("bin_1519_max_lsb", ctypes.c_uint32), ("bin_1519_max_msb", ctypes.c_uint32), ("pause_lsb", ctypes.c_uint32), ("pause_msb", ctypes.c_uint32), ("unicast_lsb", ctypes.c_uint32), ("unicast_msb", ctypes.c_uint32), ("multicast_lsb", ctypes.c_uint32), ("multicast_msb", ctypes.c_uint32)]
+
+class kavo_pmon_enet_mac_tx_t(Record):
+    _init_ = "kavo_pmon_enet_mac_tx_t_init"
+    _fields_ = [("frames_ok_lsb", ctypes.c_uint32), ("frames_ok_msb", ctypes.c_uint32), ("octets_ok_lsb", ctypes.c_uint32), ("octets_ok_msb", ctypes.c_uint32), ("bin_64_lsb", ctypes.c_uint32), ("bin_64_msb", ctypes.c_uint32), ("bin_65_127_lsb", ctypes.c_uint32), ("bin_65_127_msb", ctypes.c_uint32), ("bin_128_255_lsb", ctypes.c_uint32), ("bin_128_255_msb", ctypes.c_uint32), ("bin_256_511_lsb", ctypes.c_uint32), ("bin_256_511_msb", ctypes.c_uint32), ("bin_512_1023_lsb", ctypes.c_uint32), ("bin_512_1023_msb", ctypes.c_uint32), ("bin_1024_1518_lsb", ctypes.c_uint32), ("bin_1024_1518_msb", ctypes.c_uint32), ("bin_1519_max_lsb", ctypes.c_uint32), ("bin_1519_max_msb", ctypes.c_uint32), ("pause_lsb", ctypes.c_uint32), ("pause_msb", ctypes.c_uint32), ("underflow_err_lsb", ctypes.c_uint32), ("underflow_err_msb", ctypes.c_uint32)]
+
+class kavo_pmon_pb_t(Record):
+    _init_ = "kavo_pmon_pb_t_init"
+    _fields_ = [("rx_drops_lsb", ctypes.c_uint32), ("rx_drops_msb", ctypes.c_uint32), ("tx_drops_lsb", ctypes.c_uint32), ("tx_drops_msb", ctypes.c_uint32)]
+
+class kavo_pmon_enet_port_segment_t(Record):
+    _init_ = "kavo_pmon_enet_port_segment_t_init"
+    _fields_ = [("trigger_count", ctypes.c_uint32), ("period_ms", ctypes.c_uint32), ("phy_rx", kavo_pmon_enet_phy_rx_t), ("mac_rx", kavo_pmon_enet_mac_rx_t), ("mac_tx", kavo_pmon_enet_mac_tx_t), ("pb", kavo_pmon_pb_t)]
+
+class kavo_pmon_ilkn_fec_t(Record):
+    _init_ = "kavo_pmon_ilkn_fec_t_init"
+    _fields_ = [("corrected_cw_lsb", ctypes.c_uint32), ("corrected_cw_msb", ctypes.c_uint32), ("uncorrected_cw_lsb", ctypes.c_uint32), ("uncorrected_cw_msb", ctypes.c_uint32)]
+
+class kavo_pmon_ilkn_intf_counts_t(Record):
+    _init_ = "kavo_pmon_ilkn_intf_counts_t_init"
+    _fields_ = [("rx_pkts_lsb", ctypes.c_uint32), ("rx_pkts_msb", ctypes.c_uint32), ("rx_bytes_lsb", ctypes.c_uint32), ("rx_bytes_msb", ctypes.c_uint32), ("rx_crc24_err_lsb", ctypes.c_uint32), ("rx_crc24_err_msb", ctypes.c_uint32), ("rx_crc32_err_lsb", ctypes.c_uint32), ("rx_crc32_err_msb", ctypes.c_uint32), ("rx_burst_err_lsb", ctypes.c_uint32), ("rx_burst_err_msb", ctypes.c_uint32), ("tx_pkts_lsb", ctypes.c_uint32), ("tx_pkts_msb", ctypes.c_uint32), ("tx_bytes_lsb", ctypes.c_uint32), ("tx_bytes_msb", ctypes.c_uint32), ("tx_underflow_err_lsb", ctypes.c_uint32), ("tx_underflow_err_msb", ctypes.c_uint32)]
+
+class kavo_pmon_ilkn_intf_t(Record):
+    _init_ = "kavo_pmon_ilkn_intf_t_init"
+    _fields_ = [("trigger_count", ctypes.c_uint32), ("period_ms", ctypes.c_uint32), ("counts", kavo_pmon_ilkn_intf_counts_t), ("fec", kavo_pmon_ilkn_fec_t)]
+
+class kavo_pmon_ilkn_pkt_t(Record):
+    _init_ = "kavo_pmon_ilkn_pkt_t_init"
+    _fields_ = [("trigger_count", ctypes.c_uint32), ("period_ms", ctypes.c_uint32), ("rx_pkts_lsb", ctypes.c_uint32), ("rx_pkts_msb", ctypes.c_uint32), ("rx_bytes_lsb", ctypes.c_uint32), ("rx_bytes_msb", ctypes.c_uint32), ("rx_err_pkts_lsb", ctypes.c_uint32), ("rx_err_pkts_msb", ctypes.c_uint32), ("rx_drops_lsb", ctypes.c_uint32), ("rx_drops_msb", ctypes.c_uint32), ("tx_pkts_lsb", ctypes.c_uint32), ("tx_pkts_msb", ctypes.c_uint32), ("tx_bytes_lsb", ctypes.c_uint32), ("tx_bytes_msb", ctypes.c_uint32), ("tx_err_pkts_lsb", ctypes.c_uint32), ("tx_err_pkts_msb", ctypes.c_uint32), ("tx_drops_lsb", ctypes.c_uint32), ("tx_drops_msb", ctypes.c_uint32)]
+
+class kavo_pmon_flexe_mux_t(Record):
+    _init_ = "kavo_pmon_flexe_mux_t_init"
+    _fields_ = [("tx_blocks_lsb", ctypes.c_uint32), ("tx_blocks_msb", ctypes.c_uint32), ("tx_idle_inserted_lsb", ctypes.c_uint32), ("tx_idle_inserted_msb", ctypes.c_uint32), ("tx_fifo_err_lsb", ctypes.c_uint32), ("tx_fifo_err_msb", ctypes.c_uint32)]
+
+class kavo_pmon_flexe_demux_t(Record):
+    _init_ = "kavo_pmon_flexe_demux_t_init"
+    _fields_ = [("rx_blocks_lsb", ctypes.c_uint32), ("rx_blocks_msb", ctypes.c_uint32), ("rx_err_blocks_lsb", ctypes.c_uint32), ("rx_err_blocks_msb", ctypes.c_uint32), ("rx_idle_deleted_lsb", ctypes.c_uint32), ("rx_idle_deleted_msb", ctypes.c_uint32), ("rx_fifo_err_lsb", ctypes.c_uint32), ("rx_fifo_err_msb", ctypes.c_uint32)]
+
+class kavo_pmon_flexe_client_t(Record):
+    _init_ = "kavo_pmon_flexe_client_t_init"
+    _fields_ = [("trigger_count", ctypes.c_uint32), ("period_ms", ctypes.c_uint32), ("mux", kavo_pmon_flexe_mux_t), ("demux", kavo_pmon_flexe_demux_t), ("mac_rx", kavo_pmon_enet_mac_rx_t), ("mac_tx", kavo_pmon_enet_mac_tx_t)]
+
+class kavo_pmon_flexe_group_t(Record):
+    _init_ = "kavo_pmon_flexe_group_t_init"
+    _fields_ = [("trigger_count", ctypes.c_uint32), ("period_ms", ctypes.c_uint32), ("oh_crc_err_lsb", ctypes.c_uint32), ("oh_crc_err_msb", ctypes.c_uint32), ("lof_events_lsb", ctypes.c_uint32), ("lof_events_msb", ctypes.c_uint32), ("lom_events_lsb", ctypes.c_uint32), ("lom_events_msb", ctypes.c_uint32), ("rpf_events_lsb", ctypes.c_uint32), ("rpf_events_msb", ctypes.c_uint32)]
+
 class kavo_enet_vlan_chnl_config_t(Record):
     _init_ = "kavo_enet_vlan_chnl_config_t_init"
     _fields_ = [("vlan_tag_num", ctypes.c_uint32), ("tpid", (ctypes.c_uint32 * 2))]
@@ -1563,6 +1799,45 @@ SIZES = {
     "kavo_chnl_info_t": 192,
     "kavo_dcsu_cfg_get_t": 268,
     "kavo_debug_macsec_tcam_scrub_stats_t": 16,
+    "kavo_defect_ive_t": 1,
+    "kavo_defect_summary_ive_valid_t": 1,
+    "kavo_defect_summary_mask_t": 4,
+    "kavo_defect_enet_phy_chnl_t": 72,
+    "kavo_defect_enet_mac_chnl_t": 25,
+    "kavo_defect_enet_alarms_proc_chnl_t": 9,
+    "kavo_defect_timing_chnl_t": 8,
+    "kavo_defect_enet_port_segment_t": 116,
+    "kavo_defect_lt_serdes_port_t": 5,
+    "kavo_defect_anlt_chnl_t": 48,
+    "kavo_defect_ilkn_tx_link_t": 8,
+    "kavo_defect_ilkn_rx_link_t": 12,
+    "kavo_defect_ilkn_intf_t": 32,
+    "kavo_defect_ilkn_chnl_t": 12,
+    "kavo_defect_efc_ilkn_tx_chnl_t": 4,
+    "kavo_defect_efc_ilkn_rx_chnl_t": 4,
+    "kavo_defect_efc_ilkn_chnl_t": 8,
+    "kavo_defect_cfc_chnl_t": 8,
+    "kavo_defect_ilkn_pkt_segment_t": 36,
+    "kavo_defect_foh_chnl_t": 12,
+    "kavo_defect_flexe_phy_chnl_t": 60,
+    "kavo_defect_flexe_group_segment_t": 492,
+    "kavo_defect_flexe_client_chnl_t": 12,
+    "kavo_defect_efc_enet_tx_chnl_t": 8,
+    "kavo_defect_efc_enet_rx_chnl_t": 8,
+    "kavo_defect_efc_enet_chnl_t": 16,
+    "kavo_defect_pb_pcs_chnl_t": 8,
+    "kavo_defect_sar_mpma_dsp_t": 8,
+    "kavo_defect_flexe_client_segment_t": 76,
+    "kavo_defect_serdes_t": 32,
+    "kavo_defect_shw_t": 7,
+    "kavo_defect_pb_igr_top_t": 8,
+    "kavo_defect_pb_egr_top_t": 8,
+    "kavo_defect_enet_top_t": 8,
+    "kavo_defect_foh_t": 8,
+    "kavo_defect_slice_top_t": 32,
+    "kavo_defect_tlic_t": 104,
+    "kavo_defect_dcsu_t": 8,
+    "kavo_defect_device_summary_t": 196,
     "kavo_flexe_phy_info_t": 8,
     "kavo_flexe_phy_t": 32,
     "kavo_flexe_group_info_t": 12,
@@ -1616,6 +1891,19 @@ SIZES = {
     "kavo_pe_config_t": 48,
     "kavo_pgmrclk_cfg_t": 32,
     "kavo_pgmrclk_cfg_get_t": 56,
+    "kavo_pmon_enet_phy_rx_t": 40,
+    "kavo_pmon_enet_mac_rx_t": 136,
+    "kavo_pmon_enet_mac_tx_t": 88,
+    "kavo_pmon_pb_t": 16,
+    "kavo_pmon_enet_port_segment_t": 288,
+    "kavo_pmon_ilkn_fec_t": 16,
+    "kavo_pmon_ilkn_intf_counts_t": 64,
+    "kavo_pmon_ilkn_intf_t": 88,
+    "kavo_pmon_ilkn_pkt_t": 72,
+    "kavo_pmon_flexe_mux_t": 24,
+    "kavo_pmon_flexe_demux_t": 32,
+    "kavo_pmon_flexe_client_t": 288,
+    "kavo_pmon_flexe_group_t": 40,
     "kavo_enet_vlan_chnl_config_t": 12,
     "kavo_ptp_config_t": 12,
     "kavo_ptp_chnl_config_t": 40,
@@ -1691,6 +1979,61 @@ OFFSETS = [
     ("kavo_debug_macsec_tcam_scrub_stats_t", "errors_corrected", 4),
     ("kavo_debug_macsec_tcam_scrub_stats_t", "last_error_pass", 8),
     ("kavo_debug_macsec_tcam_scrub_stats_t", "scrub_period_ms", 12),
+    ("kavo_defect_enet_port_segment_t", "summary", 0),
+    ("kavo_defect_enet_port_segment_t", "phy", 1),
+    ("kavo_defect_enet_port_segment_t", "mac", 73),
+    ("kavo_defect_enet_port_segment_t", "alarms", 98),
+    ("kavo_defect_enet_port_segment_t", "timing", 107),
+    ("kavo_defect_enet_port_segment_t", "pad", 115),
+    ("kavo_defect_anlt_chnl_t", "summary", 0),
+    ("kavo_defect_anlt_chnl_t", "an_hcd_resolved", 1),
+    ("kavo_defect_anlt_chnl_t", "an_incompatible_link", 2),
+    ("kavo_defect_anlt_chnl_t", "an_link_fail_inhibit_timeout", 3),
+    ("kavo_defect_anlt_chnl_t", "an_complete", 4),
+    ("kavo_defect_anlt_chnl_t", "fatal_error", 5),
+    ("kavo_defect_anlt_chnl_t", "lt", 6),
+    ("kavo_defect_anlt_chnl_t", "pad", 46),
+    ("kavo_defect_ilkn_intf_t", "summary", 0),
+    ("kavo_defect_ilkn_intf_t", "tx", 1),
+    ("kavo_defect_ilkn_intf_t", "rx", 9),
+    ("kavo_defect_ilkn_intf_t", "pad", 21),
+    ("kavo_defect_ilkn_pkt_segment_t", "summary", 0),
+    ("kavo_defect_ilkn_pkt_segment_t", "chnl", 1),
+    ("kavo_defect_ilkn_pkt_segment_t", "efc", 13),
+    ("kavo_defect_ilkn_pkt_segment_t", "cfc", 21),
+    ("kavo_defect_ilkn_pkt_segment_t", "pad", 29),
+    ("kavo_defect_flexe_group_segment_t", "summary", 0),
+    ("kavo_defect_flexe_group_segment_t", "phy", 9),
+    ("kavo_defect_flexe_group_segment_t", "pad", 489),
+    ("kavo_defect_flexe_client_segment_t", "summary", 0),
+    ("kavo_defect_flexe_client_segment_t", "client", 1),
+    ("kavo_defect_flexe_client_segment_t", "mac", 13),
+    ("kavo_defect_flexe_client_segment_t", "efc", 38),
+    ("kavo_defect_flexe_client_segment_t", "pb_pcs", 54),
+    ("kavo_defect_flexe_client_segment_t", "sar", 62),
+    ("kavo_defect_flexe_client_segment_t", "pad", 70),
+    ("kavo_defect_serdes_t", "summary", 0),
+    ("kavo_defect_serdes_t", "los", 1),
+    ("kavo_defect_serdes_t", "pad", 18),
+    ("kavo_defect_tlic_t", "summary", 0),
+    ("kavo_defect_tlic_t", "shw", 1),
+    ("kavo_defect_tlic_t", "slice", 8),
+    ("kavo_defect_dcsu_t", "summary", 0),
+    ("kavo_defect_dcsu_t", "lock", 1),
+    ("kavo_defect_dcsu_t", "err_slow", 2),
+    ("kavo_defect_dcsu_t", "err_fast", 3),
+    ("kavo_defect_dcsu_t", "dco_slow", 4),
+    ("kavo_defect_dcsu_t", "dco_fast", 5),
+    ("kavo_defect_dcsu_t", "pad", 6),
+    ("kavo_defect_device_summary_t", "ilkn_intf", 0),
+    ("kavo_defect_device_summary_t", "ilkn_chnl", 1),
+    ("kavo_defect_device_summary_t", "enet_port", 9),
+    ("kavo_defect_device_summary_t", "flexe_client", 57),
+    ("kavo_defect_device_summary_t", "flexe_group", 81),
+    ("kavo_defect_device_summary_t", "serdes", 93),
+    ("kavo_defect_device_summary_t", "tlic", 141),
+    ("kavo_defect_device_summary_t", "dcsu", 142),
+    ("kavo_defect_device_summary_t", "anlt", 148),
     ("kavo_flexe_phy_info_t", "flexe_phy_number", 0),
     ("kavo_flexe_phy_info_t", "num_unavailable_slots", 4),
     ("kavo_flexe_phy_t", "phy_data_tx", 0),
@@ -1943,6 +2286,26 @@ OFFSETS = [
     ("kavo_pgmrclk_cfg_get_t", "squelch_serdes_id", 44),
     ("kavo_pgmrclk_cfg_get_t", "squelch_enet_chnl_id", 48),
     ("kavo_pgmrclk_cfg_get_t", "squelched", 52),
+    ("kavo_pmon_enet_port_segment_t", "trigger_count", 0),
+    ("kavo_pmon_enet_port_segment_t", "period_ms", 4),
+    ("kavo_pmon_enet_port_segment_t", "phy_rx", 8),
+    ("kavo_pmon_enet_port_segment_t", "mac_rx", 48),
+    ("kavo_pmon_enet_port_segment_t", "mac_tx", 184),
+    ("kavo_pmon_enet_port_segment_t", "pb", 272),
+    ("kavo_pmon_ilkn_intf_t", "trigger_count", 0),
+    ("kavo_pmon_ilkn_intf_t", "period_ms", 4),
+    ("kavo_pmon_ilkn_intf_t", "counts", 8),
+    ("kavo_pmon_ilkn_intf_t", "fec", 72),
+    ("kavo_pmon_ilkn_pkt_t", "trigger_count", 0),
+    ("kavo_pmon_ilkn_pkt_t", "period_ms", 4),
+    ("kavo_pmon_flexe_client_t", "trigger_count", 0),
+    ("kavo_pmon_flexe_client_t", "period_ms", 4),
+    ("kavo_pmon_flexe_client_t", "mux", 8),
+    ("kavo_pmon_flexe_client_t", "demux", 32),
+    ("kavo_pmon_flexe_client_t", "mac_rx", 64),
+    ("kavo_pmon_flexe_client_t", "mac_tx", 200),
+    ("kavo_pmon_flexe_group_t", "trigger_count", 0),
+    ("kavo_pmon_flexe_group_t", "period_ms", 4),
     ("kavo_enet_vlan_chnl_config_t", "vlan_tag_num", 0),
     ("kavo_enet_vlan_chnl_config_t", "tpid", 4),
     ("kavo_ptp_config_t", "mts_format", 0),
@@ -2117,6 +2480,54 @@ kavo_status_logging_set = command("kavo_status_logging_set", None, [("enable", c
     "Turns the call trace of the status-polling commands on or off (off at load).")
 kavo_debug_tcam_scrubbing_stats_get = command("kavo_debug_tcam_scrubbing_stats_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("stats_ptr", ctypes.POINTER(kavo_debug_macsec_tcam_scrub_stats_t), "out_record", kavo_debug_macsec_tcam_scrub_stats_t)],
     "Scrub passes and corrected memory errors since the last reset; reset clears them after the read.")
+kavo_enet_port_defect_enable_set = command("kavo_enet_port_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_enet_port_segment_t), "in_record", kavo_defect_enet_port_segment_t)],
+    "Enables the defects of the Ethernet port on channel chnl_id whose e bit is set in enable, and disables the others.")
+kavo_flexe_client_defect_enable_set = command("kavo_flexe_client_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_flexe_client_segment_t), "in_record", kavo_defect_flexe_client_segment_t)],
+    "Enables the defects of FlexE client chnl_id whose e bit is set in enable, and disables the others.")
+kavo_flexe_group_defect_enable_set = command("kavo_flexe_group_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_flexe_group_segment_t), "in_record", kavo_defect_flexe_group_segment_t)],
+    "Enables the defects of FlexE group chnl_id whose e bit is set in enable, and disables the others.")
+kavo_ilkn_pkt_defect_enable_set = command("kavo_ilkn_pkt_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_ilkn_pkt_segment_t), "in_record", kavo_defect_ilkn_pkt_segment_t)],
+    "Enables the defects of Interlaken packet channel chnl_id whose e bit is set in enable, and disables the others.")
+kavo_ilkn_intf_defect_enable_set = command("kavo_ilkn_intf_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_ilkn_intf_t), "in_record", kavo_defect_ilkn_intf_t)],
+    "Enables the defects of the Interlaken interface whose e bit is set in enable, and disables the others.")
+kavo_serdes_port_defect_enable_set = command("kavo_serdes_port_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_serdes_t), "in_record", kavo_defect_serdes_t)],
+    "Enables the defects of SerDes port serdes_port_id whose e bit is set in enable, and disables the others.")
+kavo_tlic_defect_enable_set = command("kavo_tlic_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_tlic_t), "in_record", kavo_defect_tlic_t)],
+    "Enables the defects of the chip's top level whose e bit is set in enable, and disables the others.")
+kavo_dcsu_defect_enable_set = command("kavo_dcsu_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dcsu_inst", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_dcsu_t), "in_record", kavo_defect_dcsu_t)],
+    "Enables the defects of clock unit dcsu_inst whose e bit is set in enable, and disables the others.")
+kavo_anlt_defect_enable_set = command("kavo_anlt_defect_enable_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(kavo_defect_anlt_chnl_t), "in_record", kavo_defect_anlt_chnl_t)],
+    "Enables the defects of the AN/LT channel chnl_id whose e bit is set in enable, and disables the others.")
+kavo_defect_e_set = command("kavo_defect_e_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ive_offset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Enables or disables one defect, at byte ive_offset of its type's record, of an object without a channel.")
+kavo_defect_chnl_e_set = command("kavo_defect_chnl_e_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ive_offset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Enables or disables one defect, at byte ive_offset of its type's record, of object chnl_id.")
+kavo_defect_v_set = command("kavo_defect_v_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ive_offset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Forces one defect of an object without a channel present (enable 1) or back to the chip's state (0), for testing.")
+kavo_defect_chnl_v_set = command("kavo_defect_chnl_v_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ive_offset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Forces one defect of object chnl_id present (enable 1) or back to the chip's state (0), for testing.")
+kavo_ilkn_intf_defect_get = command("kavo_ilkn_intf_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_ilkn_intf_t), "out_record", kavo_defect_ilkn_intf_t)],
+    "Reads the defects of the Interlaken interface, then clears the latched i bits that clear_type names.")
+kavo_enet_port_defect_get = command("kavo_enet_port_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_enet_port_segment_t), "out_record", kavo_defect_enet_port_segment_t)],
+    "Reads the defects of the Ethernet port on channel chnl_id, then clears the latched i bits that clear_type names.")
+kavo_anlt_defect_get = command("kavo_anlt_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_anlt_chnl_t), "out_record", kavo_defect_anlt_chnl_t)],
+    "Reads the defects of the AN/LT channel chnl_id, then clears the latched i bits that clear_type names.")
+kavo_serdes_port_defect_get = command("kavo_serdes_port_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_serdes_t), "out_record", kavo_defect_serdes_t)],
+    "Reads the defects of SerDes port serdes_port_id, then clears the latched i bits that clear_type names.")
+kavo_dcsu_defect_get = command("kavo_dcsu_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dcsu_inst", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_dcsu_t), "out_record", kavo_defect_dcsu_t)],
+    "Reads the defects of clock unit dcsu_inst, then clears the latched i bits that clear_type names.")
+kavo_flexe_client_defect_get = command("kavo_flexe_client_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_flexe_client_segment_t), "out_record", kavo_defect_flexe_client_segment_t)],
+    "Reads the defects of FlexE client chnl_id, then clears the latched i bits that clear_type names.")
+kavo_flexe_group_defect_get = command("kavo_flexe_group_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_flexe_group_segment_t), "out_record", kavo_defect_flexe_group_segment_t)],
+    "Reads the defects of FlexE group chnl_id, then clears the latched i bits that clear_type names.")
+kavo_ilkn_pkt_defect_get = command("kavo_ilkn_pkt_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_ilkn_pkt_segment_t), "out_record", kavo_defect_ilkn_pkt_segment_t)],
+    "Reads the defects of Interlaken packet channel chnl_id, then clears the latched i bits that clear_type names.")
+kavo_tlic_defect_get = command("kavo_tlic_defect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clear_type", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_tlic_t), "out_record", kavo_defect_tlic_t)],
+    "Reads the defects of the chip's top level, then clears the latched i bits that clear_type names.")
+kavo_defect_summary_get = command("kavo_defect_summary_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_ptr", ctypes.POINTER(kavo_defect_device_summary_t), "out_record", kavo_defect_device_summary_t)],
+    "Reads the summary byte of every object of the chip.")
+kavo_defect_sizeof = command("kavo_defect_sizeof", None, [("defect_type", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "The size of a defect type's record; a type without one (5, 7, out of range) halts in the assertion.")
 kavo_flexe_group_prov = command("kavo_flexe_group_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_cfg", ctypes.POINTER(kavo_flexe_group_cfg_t), "in_record", kavo_flexe_group_cfg_t)],
     "Provisions channel group_chnl_id as a FlexE group of the PHYs in group_cfg, which take their SerDes lanes.")
 kavo_flexe_client_prov = command("kavo_flexe_client_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("client_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("client_data", ctypes.POINTER(kavo_flexe_client_t), "in_record", kavo_flexe_client_t)],
@@ -2261,6 +2672,22 @@ kavo_pgmrclk_enable = command("kavo_pgmrclk_enable", "code", [("device_id", ctyp
     "Turns a configured output on or off.")
 kavo_pgmrclk_squelch_enable = command("kavo_pgmrclk_squelch_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("clk_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dlos_serdes_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
     "Holds the output while SerDes port dlos_serdes_id has no signal or Ethernet\nchannel enet_chnl_id has no link (0xFFFFFFFF: not that cause; both: no squelch).")
+kavo_pmon_cfg = command("kavo_pmon_cfg", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("auto_trigger", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("accumulate_enable", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("trigger_period_ms", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the counter triggers: automatic every trigger_period_ms or manual only, and whether snapshots accumulate since the last reset or hold one period. The request carries a kavo_pmon_cfg_t of the arguments (debug_counter_enable 0).")
+kavo_pmon_cfg_get = command("kavo_pmon_cfg_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pmon_cfg_ptr", ctypes.POINTER(kavo_pmon_cfg_t), "out_record", kavo_pmon_cfg_t)],
+    "Reads the counter trigger configuration.")
+kavo_pmon_manual_trigger = command("kavo_pmon_manual_trigger", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Takes a snapshot of every counter now; refused while triggers are automatic.")
+kavo_ilkn_intf_pmon_get = command("kavo_ilkn_intf_pmon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pmon_ptr", ctypes.POINTER(kavo_pmon_ilkn_intf_t), "out_record", kavo_pmon_ilkn_intf_t)],
+    "Reads the Interlaken interface's counter snapshot; reset clears its counts afterwards.")
+kavo_ilkn_pkt_pmon_get = command("kavo_ilkn_pkt_pmon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ilkn_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pmon_ptr", ctypes.POINTER(kavo_pmon_ilkn_pkt_t), "out_record", kavo_pmon_ilkn_pkt_t)],
+    "Reads the counter snapshot of Interlaken packet channel ilkn_chnl_id; reset clears its counts afterwards.")
+kavo_enet_port_pmon_get = command("kavo_enet_port_pmon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pmon_ptr", ctypes.POINTER(kavo_pmon_enet_port_segment_t), "out_record", kavo_pmon_enet_port_segment_t)],
+    "Reads the counter snapshot of the Ethernet port on channel enet_chnl_id; reset clears its counts afterwards.")
+kavo_flexe_client_pmon_get = command("kavo_flexe_client_pmon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("client_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pmon_ptr", ctypes.POINTER(kavo_pmon_flexe_client_t), "out_record", kavo_pmon_flexe_client_t)],
+    "Reads the counter snapshot of FlexE client client_chnl_id; reset clears its counts afterwards.")
+kavo_flexe_group_pmon_get = command("kavo_flexe_group_pmon_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("reset", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pmon_ptr", ctypes.POINTER(kavo_pmon_flexe_group_t), "out_record", kavo_pmon_flexe_group_t)],
+    "Reads the counter snapshot of FlexE group group_chnl_id; reset clears its counts afterwards.")
 kavo_ptp_config = command("kavo_ptp_config", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ptp_cfg", ctypes.POINTER(kavo_ptp_config_t), "in_record", kavo_ptp_config_t)],
     "Sets the time-stamp format and what happens to received PTP messages.")
 kavo_ptp_chnl_config = command("kavo_ptp_chnl_config", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ptp_chnl_cfg", ctypes.POINTER(kavo_ptp_chnl_config_t), "in_record", kavo_ptp_chnl_config_t)],

@@ -24,6 +24,8 @@ Definition format (one file per area, called a group):
   name = "kavo_status_info_t"
   size = 48                         # checked at compile time in C and C++
   counts = true                     # optional: a counter record (selection printer)
+  defects = true                    # optional: a defect record (filtered printer, see below)
+  hand_print = true                 # optional: the printers are hand-written; declared here
   members = [
     "UINT32 build_code @0",         # TYPE NAME[dims] [=default] [@offset] [flags]
     "UINT32 fw_version hex",        # flags: hex (address, mask, version), list, inline
@@ -34,6 +36,11 @@ Definition format (one file per area, called a group):
   name = "kavo_x_u"                 # and the command code picks the one that counts
   size = 24
   members = ["kavo_a_t a", "UINT32 words[6]"]
+
+A member NAME:BITS is a bit field (no offset). In a defect record every
+member is a defect byte (kavo_defect_ive_t, or the summary byte), an array of
+them or a nested defect record; plain scalar members are padding and do not
+print.
 
 Member flags: hex prints 0x%x; list forces one element per line, inline one
 line; str prints a char array as text (default for char arrays); split makes a
@@ -48,6 +55,9 @@ Printed formats (every line indented by 4 x depth blanks):
   array       up to 8 scalars "name: [a, b, c]"; longer ones and enum arrays
               "name:" then "- v    #name[i]" ("- NAME    # name[i]" for enums)
   2-d array   "name:" then per row "- [a, b]    # name[r][:]"
+  defects     to standard output, "name:" or "-   # name[i]" as element, nested
+              records and defect bytes through their printers, filtered by
+              kavo_defect_print_filter_t; arrays as one element line each
   counters    to standard output, "name:" or "i:" as element, filtered by
               kavo_pmon_print_sel_t (NONE: header only; ALL_NON_ZERO; ALL)
 Enumerations have a fixed 32-bit type in C++, so an unknown value read from
@@ -100,11 +110,12 @@ class Member:
         if len(tokens) < 2:
             raise GenError(f"{owner}: member '{text}' needs a type and a name")
         self.type = tokens[0]
-        m = re.fullmatch(r"(\w+)((?:\[\d+\])*)", tokens[1])
+        m = re.fullmatch(r"(\w+)((?:\[\d+\])*)(?::(\d+))?", tokens[1])
         if not m:
             raise GenError(f"{owner}: bad member name '{tokens[1]}'")
         self.name = m.group(1)
         self.dims = [int(d) for d in re.findall(r"\[(\d+)\]", m.group(2))]
+        self.bits = int(m.group(3)) if m.group(3) else None
         self.default = None
         self.offset = None
         self.flags = set()
@@ -121,6 +132,8 @@ class Member:
             self.flags.add("str")
         if "split" in self.flags and (self.type != "UINT64" or self.dims or self.default is not None):
             raise GenError(f"{owner}: only a plain UINT64 counter can be split: '{text}'")
+        if self.bits is not None and (self.dims or self.offset is not None or self.flags):
+            raise GenError(f"{owner}: a bit field is a plain scalar without offset: '{text}'")
 
     @property
     def count(self):
@@ -132,6 +145,8 @@ class Member:
     def decl(self):
         if "split" in self.flags:
             return f"UINT32 {self.name}_lsb;\n    UINT32 {self.name}_msb;"
+        if self.bits is not None:
+            return f"{self.type} {self.name} : {self.bits};"
         dims = "".join(f"[{d}]" for d in self.dims)
         return f"{self.type} {self.name}{dims};"
 
@@ -235,6 +250,8 @@ class Struct:
         self.size = d.get("size")
         self.doc = d.get("doc", "")
         self.counts = d.get("counts", False)
+        self.defects = d.get("defects", False)
+        self.hand_print = d.get("hand_print", False)
         self.no_print = d.get("no_print", False) or not group.printers
         self.members = [Member(t, self.name) for t in d["members"]]
 
@@ -257,6 +274,9 @@ class Struct:
             if self.counts:
                 out.append(f"    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const")
                 out.append(f"    {{ {self.name}_print_at(this, name, selection, indent, index); }}")
+            elif self.defects:
+                out.append(f"    void print(const char* name, kavo_defect_print_filter_t filter, int indent, int index) const")
+                out.append(f"    {{ {self.name}_print_at(this, name, filter, indent, index); }}")
             else:
                 out.append("    void print(const char* name, FILE* file, int indent, int index) const")
                 out.append(f"    {{ {self.name}_print_at(this, name, file, indent, index); }}")
@@ -273,6 +293,10 @@ class Struct:
             out.append(f"KAVO_API void {n}_print_at(const {n}* value, const char* name, "
                        f"kavo_pmon_print_sel_t selection, int indent, int index);")
             out.append(f"KAVO_API void {n}_print(const {n}* value, kavo_pmon_print_sel_t selection);")
+        elif self.defects:
+            out.append(f"KAVO_API void {n}_print_at(const {n}* value, const char* name, "
+                       f"kavo_defect_print_filter_t filter, int indent, int index);")
+            out.append(f"KAVO_API void {n}_print(const {n}* value, kavo_defect_print_filter_t filter);")
         else:
             out.append(f"KAVO_API void {n}_print_at(const {n}* value, const char* name, FILE* file, "
                        f"int indent, int index);")
@@ -319,10 +343,12 @@ class Struct:
 
     def source(self, types):
         n = self.name
-        if self.no_print:
+        if self.no_print or self.hand_print:
             return f"\nvoid {n}_init({n}* value) {{ value->init(); }}\n"
         if self.counts:
             return self.counts_source(types)
+        if self.defects:
+            return self.defects_source(types)
         body = []
         for m in self.members:
             body += self.member_lines(m, types)
@@ -396,6 +422,33 @@ void {n}_print(const {n}* value, FILE* file) {{ {n}_print_at(value, "{n}", file,
         return [f"VELT_PRINTF(file, \"%*s%s:\\n\", pad, \"\", \"{nm}\");",
                 f"for (int i = 0; i < {m.count}; ++i) VELT_PRINTF(file, \"%*s- {fmt}    #%s[%d]\\n\", "
                 f"pad, \"\", {cast}{v}[i], \"{nm}\", i);"]
+
+    def defects_source(self, types):
+        n = self.name
+        body = []
+        for m in self.members:
+            target = types.get(m.type)
+            if not isinstance(target, Struct):
+                continue  # padding
+            if not target.defects:
+                raise GenError(f"{n}.{m.name}: a defect record holds defect bytes and defect records only")
+            if m.dims:
+                body.append(f"for (int i = 0; i < {m.count}; ++i) "
+                            f"{m.type}_print_at(&{flat('value->' + m.name, m)}[i], \"{m.name}\", filter, indent + 1, i);")
+            else:
+                body.append(f"{m.type}_print_at(&value->{m.name}, \"{m.name}\", filter, indent + 1, -1);")
+        body = "\n".join("    " + line for line in body)
+        return f"""
+void {n}_init({n}* value) {{ value->init(); }}
+
+void {n}_print_at(const {n}* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
+{{
+    velt_print_struct_header(stdout, name, indent, index);
+{body}
+}}
+
+void {n}_print(const {n}* value, kavo_defect_print_filter_t filter) {{ {n}_print_at(value, "{n}", filter, 0, -1); }}
+"""
 
     def counts_source(self, types):
         n = self.name

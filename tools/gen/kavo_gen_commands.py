@@ -419,7 +419,10 @@ class Generator:
         out.append("")
         for r in records:
             rows = []
-            for m in r.members:
+            if any(m.bits is not None for m in r.members):
+                # Bit fields have no address: the record is shown as its whole value.
+                rows.append(f"    {{\"value\", 0, sizeof({r.name}), 1, 1, value_kind::U{8 * r.size}, nullptr, nullptr, true}},")
+            for m in (m for m in r.members if m.bits is None):
                 for h in m.halves():
                     enum_ref, rec_ref = self.ref(h.type)
                     dims = h.dims + [1] * (2 - len(h.dims)) if len(h.dims) <= 2 else None
@@ -434,6 +437,8 @@ class Generator:
             out.append("};")
             if r.no_print:
                 printer = "nullptr"
+            elif r.defects:
+                printer = f"[](const void* p, FILE*) {{ {r.name}_print((const {r.name}*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }}"
             elif r.counts:
                 printer = f"[](const void* p, FILE*) {{ {r.name}_print((const {r.name}*)p, KAVO_PMON_PRINT_ALL); }}"
             else:

@@ -47,6 +47,7 @@ std::span<const verb> serdes_verbs();
 std::span<const verb> flexe_verbs();
 std::span<const verb> mux_verbs();
 std::span<const verb> defect_verbs();
+std::span<const verb> pmon_verbs();
 
 const verb* find_verb(const std::string& name);
 void print_usage(FILE* out);

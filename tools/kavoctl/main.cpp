@@ -39,7 +39,8 @@ nlohmann::json result_json(VELT_ERROR rc)
 namespace {
 
 const std::span<const verb> AREAS[] = {builtin_verbs(), catalogue_verbs(), datapath_verbs(), macsec_verbs(),
-                                      serdes_verbs(),  flexe_verbs(),     mux_verbs(),      defect_verbs()};
+                                      serdes_verbs(),  flexe_verbs(),     mux_verbs(),      defect_verbs(),
+                                      pmon_verbs()};
 
 const char* const OPTIONS =
     "usage: kavoctl [options] [name=value ...] COMMAND [ARGS]\n"

@@ -11,6 +11,7 @@
 #include "kavo/kavo_api_config.h"
 #include "kavo/kavo_api_debug.h"
 #include "kavo/kavo_api_debug_tcam.h"
+#include "kavo/kavo_api_defect.h"
 #include "kavo/kavo_api_flexe.h"
 #include "kavo/kavo_api_flexe_ohp.h"
 #include "kavo/kavo_api_ilkn.h"
@@ -19,6 +20,7 @@
 #include "kavo/kavo_api_mux.h"
 #include "kavo/kavo_api_pe.h"
 #include "kavo/kavo_api_pgmrclk.h"
+#include "kavo/kavo_api_pmon.h"
 #include "kavo/kavo_api_ptp.h"
 #include "kavo/kavo_api_serdes.h"
 

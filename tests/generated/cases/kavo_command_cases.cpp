@@ -85,6 +85,21 @@ VELT_ERROR run_kavo_debug_tcam_scrubbing_stats_get(wire_run& r)
     return rc;
 }
 
+VELT_ERROR run_kavo_defect_summary_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    wire_output<kavo_defect_device_summary_t> out_defect_ptr;
+    kavo_defect_device_summary_t* defect_ptr = out_defect_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_defect_summary_get(device_id, defect_ptr);
+    r.observe(out_defect_ptr.holds(r.reply, sizeof(kavo_defect_device_summary_t)), out_defect_ptr.untouched());
+    return rc;
+}
+
 VELT_ERROR run_kavo_flexe_group_prov(wire_run& r)
 {
     const UINT32 device_id = r.device_id;
@@ -1014,6 +1029,136 @@ VELT_ERROR run_kavo_pgmrclk_squelch_enable(wire_run& r)
     return rc;
 }
 
+VELT_ERROR run_kavo_pmon_cfg(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const BOOL32 auto_trigger = 1;
+    const BOOL32 accumulate_enable = 1;
+    const UINT32 trigger_period_ms = static_cast<UINT32>(wire_value(3));
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_pmon_cfg_t payload;
+    payload.auto_trigger = static_cast<decltype(payload.auto_trigger)>(auto_trigger);
+    payload.accumulate_enable = static_cast<decltype(payload.accumulate_enable)>(accumulate_enable);
+    payload.trigger_period_ms = static_cast<decltype(payload.trigger_period_ms)>(trigger_period_ms);
+    r.expect_payload(&payload, (UINT32)(16));
+    const VELT_ERROR rc = kavo_pmon_cfg(device_id, auto_trigger, accumulate_enable, trigger_period_ms);
+    return rc;
+}
+
+VELT_ERROR run_kavo_pmon_cfg_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    wire_output<kavo_pmon_cfg_t> out_pmon_cfg_ptr;
+    kavo_pmon_cfg_t* pmon_cfg_ptr = out_pmon_cfg_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_pmon_cfg_get(device_id, pmon_cfg_ptr);
+    r.observe(out_pmon_cfg_ptr.holds(r.reply, sizeof(kavo_pmon_cfg_t)), out_pmon_cfg_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_pmon_manual_trigger(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_pmon_manual_trigger(device_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_ilkn_intf_pmon_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const BOOL32 reset = 1;
+    wire_output<kavo_pmon_ilkn_intf_t> out_pmon_ptr;
+    kavo_pmon_ilkn_intf_t* pmon_ptr = out_pmon_ptr.get();
+    r.info[0] = 0xFFFFFFFFu;
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_ilkn_intf_pmon_get(device_id, reset, pmon_ptr);
+    r.observe(out_pmon_ptr.holds(r.reply, sizeof(kavo_pmon_ilkn_intf_t)), out_pmon_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_ilkn_pkt_pmon_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 ilkn_chnl_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 reset = 1;
+    wire_output<kavo_pmon_ilkn_pkt_t> out_pmon_ptr;
+    kavo_pmon_ilkn_pkt_t* pmon_ptr = out_pmon_ptr.get();
+    r.info[0] = (UINT32)(ilkn_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_ilkn_pkt_pmon_get(device_id, ilkn_chnl_id, reset, pmon_ptr);
+    r.observe(out_pmon_ptr.holds(r.reply, sizeof(kavo_pmon_ilkn_pkt_t)), out_pmon_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_port_pmon_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 reset = 1;
+    wire_output<kavo_pmon_enet_port_segment_t> out_pmon_ptr;
+    kavo_pmon_enet_port_segment_t* pmon_ptr = out_pmon_ptr.get();
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_port_pmon_get(device_id, enet_chnl_id, reset, pmon_ptr);
+    r.observe(out_pmon_ptr.holds(r.reply, sizeof(kavo_pmon_enet_port_segment_t)), out_pmon_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_flexe_client_pmon_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 client_chnl_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 reset = 1;
+    wire_output<kavo_pmon_flexe_client_t> out_pmon_ptr;
+    kavo_pmon_flexe_client_t* pmon_ptr = out_pmon_ptr.get();
+    r.info[0] = (UINT32)(client_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_flexe_client_pmon_get(device_id, client_chnl_id, reset, pmon_ptr);
+    r.observe(out_pmon_ptr.holds(r.reply, sizeof(kavo_pmon_flexe_client_t)), out_pmon_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_flexe_group_pmon_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 group_chnl_id = static_cast<UINT32>(wire_value(1));
+    const BOOL32 reset = 1;
+    wire_output<kavo_pmon_flexe_group_t> out_pmon_ptr;
+    kavo_pmon_flexe_group_t* pmon_ptr = out_pmon_ptr.get();
+    r.info[0] = (UINT32)(group_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(reset);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_flexe_group_pmon_get(device_id, group_chnl_id, reset, pmon_ptr);
+    r.observe(out_pmon_ptr.holds(r.reply, sizeof(kavo_pmon_flexe_group_t)), out_pmon_ptr.untouched());
+    return rc;
+}
+
 VELT_ERROR run_kavo_ptp_config(wire_run& r)
 {
     const UINT32 device_id = r.device_id;
@@ -1696,6 +1841,7 @@ const wire_case WIRE_CASES[] = {
     {"kavo_device_chnl_get", "config", KAVO_HTL_OPERATION_CHNL_INFO_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(192), run_kavo_device_chnl_get},
     {"kavo_dcsu_cfg_get", "config", KAVO_HTL_OPERATION_DCSU_CFG_GET, "none", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_dcsu_cfg_get_t)), run_kavo_dcsu_cfg_get},
     {"kavo_debug_tcam_scrubbing_stats_get", "debug_tcam", KAVO_HTL_OPERATION_DEBUG_MACSEC_TCAM_SCRUB_STATS, "plain", false, true, VELT_ERR_INVALID_ARGS, (UINT32)(sizeof(kavo_debug_macsec_tcam_scrub_stats_t)), run_kavo_debug_tcam_scrubbing_stats_get},
+    {"kavo_defect_summary_get", "defect", KAVO_HTL_OPERATION_DEFECT_SUMMARY_GET, "status", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_defect_device_summary_t)), run_kavo_defect_summary_get},
     {"kavo_flexe_group_prov", "flexe", KAVO_HTL_OPERATION_FLEXE_GROUP_PROV, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_flexe_group_prov},
     {"kavo_flexe_client_prov", "flexe", KAVO_HTL_OPERATION_FLEXE_CLIENT_ADD, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_flexe_client_prov},
     {"kavo_flexe_calendar_update", "flexe", KAVO_HTL_OPERATION_FLEXE_CALENDAR_UPDATE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_flexe_calendar_update},
@@ -1756,6 +1902,14 @@ const wire_case WIRE_CASES[] = {
     {"kavo_pgmrclk_cfg_get", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_CFG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pgmrclk_cfg_get_t)), run_kavo_pgmrclk_cfg_get},
     {"kavo_pgmrclk_enable", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_ENABLE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pgmrclk_enable},
     {"kavo_pgmrclk_squelch_enable", "pgmrclk", KAVO_HTL_OPERATION_PGMRCLK_SQUELCH_ENABLE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pgmrclk_squelch_enable},
+    {"kavo_pmon_cfg", "pmon", KAVO_HTL_OPERATION_PMON_CFG, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pmon_cfg},
+    {"kavo_pmon_cfg_get", "pmon", KAVO_HTL_OPERATION_PMON_CFG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pmon_cfg_t)), run_kavo_pmon_cfg_get},
+    {"kavo_pmon_manual_trigger", "pmon", KAVO_HTL_OPERATION_PMON_MANUAL_TRIGGER, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_pmon_manual_trigger},
+    {"kavo_ilkn_intf_pmon_get", "pmon", KAVO_HTL_OPERATION_PMON_ILKN_INTF_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pmon_ilkn_intf_t)), run_kavo_ilkn_intf_pmon_get},
+    {"kavo_ilkn_pkt_pmon_get", "pmon", KAVO_HTL_OPERATION_PMON_ILKN_PKT_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pmon_ilkn_pkt_t)), run_kavo_ilkn_pkt_pmon_get},
+    {"kavo_enet_port_pmon_get", "pmon", KAVO_HTL_OPERATION_PMON_ENET_PORT_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pmon_enet_port_segment_t)), run_kavo_enet_port_pmon_get},
+    {"kavo_flexe_client_pmon_get", "pmon", KAVO_HTL_OPERATION_PMON_FLEXE_CLIENT_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pmon_flexe_client_t)), run_kavo_flexe_client_pmon_get},
+    {"kavo_flexe_group_pmon_get", "pmon", KAVO_HTL_OPERATION_PMON_FLEXE_GROUP_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_pmon_flexe_group_t)), run_kavo_flexe_group_pmon_get},
     {"kavo_ptp_config", "ptp", KAVO_HTL_OPERATION_PTP_CONFIG, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_ptp_config},
     {"kavo_ptp_chnl_config", "ptp", KAVO_HTL_OPERATION_PTP_CHNL_CONFIG, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_ptp_chnl_config},
     {"kavo_ptp_chnl_config_get", "ptp", KAVO_HTL_OPERATION_PTP_CHNL_CONFIG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(40), run_kavo_ptp_chnl_config_get},

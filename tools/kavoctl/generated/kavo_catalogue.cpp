@@ -19,6 +19,12 @@ const enum_value values_kavo_enet_dcsu_ref_clk_t[] = {{"KAVO_ENET_DCSU_REF_CLK_R
 const enum_info enum_kavo_enet_dcsu_ref_clk_t = {"kavo_enet_dcsu_ref_clk_t", "KAVO_ENET_DCSU_REF_CLK_", values_kavo_enet_dcsu_ref_clk_t, 4};
 const enum_value values_kavo_dcsu_instance_t[] = {{"KAVO_DCSU_INSTANCE_0", 0u}, {"KAVO_DCSU_INSTANCE_1", 1u}, {"KAVO_DCSU_INSTANCE_2", 2u}, {"KAVO_DCSU_INSTANCE_3", 3u}, {"KAVO_DCSU_INSTANCE_4", 4u}, {"KAVO_DCSU_INSTANCE_5", 5u}, {"LAST_KAVO_DCSU_INSTANCE", 6u}};
 const enum_info enum_kavo_dcsu_instance_t = {"kavo_dcsu_instance_t", "KAVO_DCSU_INSTANCE_", values_kavo_dcsu_instance_t, 7};
+const enum_value values_kavo_defect_type_t[] = {{"KAVO_DEFECT_TYPE_ENET_PORT", 0u}, {"KAVO_DEFECT_TYPE_ILKN_PKT_CHNL", 1u}, {"KAVO_DEFECT_TYPE_ILKN_INTERFACE", 2u}, {"KAVO_DEFECT_TYPE_FLEXE_GROUP", 3u}, {"KAVO_DEFECT_TYPE_FLEXE_CLIENT", 4u}, {"KAVO_DEFECT_TYPE_UNUSED_0", 5u}, {"KAVO_DEFECT_TYPE_SERDES", 6u}, {"KAVO_DEFECT_TYPE_MACSEC", 7u}, {"KAVO_DEFECT_TYPE_TLIC", 8u}, {"KAVO_DEFECT_TYPE_DCSU", 9u}, {"KAVO_DEFECT_TYPE_ANLT", 10u}, {"LAST_KAVO_DEFECT_TYPE", 11u}};
+const enum_info enum_kavo_defect_type_t = {"kavo_defect_type_t", "KAVO_DEFECT_TYPE_", values_kavo_defect_type_t, 12};
+const enum_value values_kavo_defect_transfer_clear_t[] = {{"KAVO_DEFECT_CLEAR_ALL", 0u}, {"KAVO_DEFECT_CLEAR_ENABLED", 1u}, {"KAVO_DEFECT_CLEAR_DISABLED", 2u}, {"KAVO_DEFECT_CLEAR_NONE", 3u}, {"LAST_KAVO_DEFECT_CLEAR", 4u}};
+const enum_info enum_kavo_defect_transfer_clear_t = {"kavo_defect_transfer_clear_t", "KAVO_DEFECT_CLEAR_", values_kavo_defect_transfer_clear_t, 5};
+const enum_value values_kavo_defect_print_filter_t[] = {{"KAVO_DEFECT_PRINT_FILTER_ALL", 0u}, {"KAVO_DEFECT_PRINT_FILTER_I_ASSERTED", 1u}, {"KAVO_DEFECT_PRINT_FILTER_V_ASSERTED", 2u}, {"KAVO_DEFECT_PRINT_FILTER_V_OR_I_ASSERTED", 3u}, {"LAST_KAVO_DEFECT_PRINT_FILTER", 4u}};
+const enum_info enum_kavo_defect_print_filter_t = {"kavo_defect_print_filter_t", "KAVO_DEFECT_PRINT_FILTER_", values_kavo_defect_print_filter_t, 5};
 const enum_value values_kavo_module_id_t[] = {{"KAVO_MID_BASE", 0u}, {"KAVO_MID_ACB", 1u}, {"KAVO_MID_CFC", 2u}, {"KAVO_MID_DSIS", 3u}, {"KAVO_MID_ECLASS", 4u}, {"KAVO_MID_ETIME", 5u}, {"KAVO_MID_EXPAND_IBUF", 6u}, {"KAVO_MID_SCBS4", 7u}, {"KAVO_MID_STS_SW", 8u}, {"KAVO_MID_SAR", 9u}, {"KAVO_MID_PB", 10u}, {"KAVO_MID_ENET", 11u}, {"KAVO_MID_ENET_WRAP_MACRO", 12u}, {"KAVO_MID_ENET_MAC_RX_TX_MACRO", 13u}, {"KAVO_MID_ENET_PHY_RX_TX_CORE_MACRO", 14u}, {"KAVO_MID_ENET_ETPC_MACRO", 15u}, {"KAVO_MID_ENET_PTP_RX_TX_MACRO", 16u}, {"KAVO_MID_ENET_FLEXE_MUX_MACRO", 17u}, {"KAVO_MID_ENET_FLEXE_DEMUX_MACRO", 18u}, {"KAVO_MID_ENET_FLEXE_FRAMER_MACRO", 19u}, {"KAVO_MID_ENET_FLEXE_OH_PARSER_MACRO", 20u}, {"KAVO_MID_ENET_FLEXE_OH_INSERT_MACRO", 21u}, {"KAVO_MID_ENET_FLEXE_EXPAND_MACRO", 22u}, {"KAVO_MID_ILKN", 23u}, {"KAVO_MID_DBG_LOG", 24u}, {"KAVO_MID_LUMOHAL", 25u}, {"KAVO_MID_DEFECTS", 26u}, {"KAVO_MID_PMON", 27u}, {"KAVO_MID_STATS", 28u}, {"KAVO_MID_WDOG", 29u}, {"KAVO_MID_TOP", 30u}, {"KAVO_MID_VELT_SHARED", 31u}, {"KAVO_MID_DTL", 32u}, {"KAVO_MID_HTL", 33u}, {"KAVO_MID_DCS", 34u}, {"KAVO_MID_GTEST", 35u}, {"KAVO_MID_CALENDAR_MGR", 36u}, {"KAVO_MID_SEGMENT_BASE", 37u}, {"KAVO_MID_CHANNEL_RESOURCE", 38u}, {"KAVO_MID_DCSU", 39u}, {"KAVO_MID_FW_COMMON", 40u}, {"KAVO_MID_DEV_RESET", 41u}, {"KAVO_MID_STS_SW600", 42u}, {"KAVO_MID_RUNTIME", 43u}, {"KAVO_MID_SERDES", 44u}, {"KAVO_MID_M1_TOP", 45u}, {"KAVO_MID_MULITTASK", 46u}, {"KAVO_MID_MACSEC", 47u}, {"KAVO_MID_HMUX", 48u}, {"KAVO_MID_PVT_CONTROLLER", 49u}, {"KAVO_MID_PGMRCLK", 50u}, {"KAVO_MID_FLEXE_OHP", 51u}, {"KAVO_MID_RTOS", 52u}, {"KAVO_MID_ANLT", 53u}, {"LAST_KAVO_MID", 54u}};
 const enum_info enum_kavo_module_id_t = {"kavo_module_id_t", "KAVO_MID_", values_kavo_module_id_t, 55};
 const enum_value values_kavo_err_t[] = {{"VELT_SUCCESS", 0u}, {"VELT_ERR_FAIL", 1u}, {"VELT_ERR_INVALID_ARGS", 2u}, {"KAVO_ERR_INVALID_ARGS", 3u}, {"KAVO_FW_ERR_FAIL", 4u}, {"KAVO_FW_ERR_INVALID_PARAMETERS", 5u}, {"KAVO_FW_ERR_INVALID_PTR", 6u}, {"KAVO_FW_ERR_NUMBER_OUT_OF_RANGE", 7u}, {"KAVO_FW_ERR_POLL_TIMEOUT", 8u}, {"VELT_ERR_INVALID_PARAMETERS", 9u}, {"KAVO_SW_FW_VERSION_MISMATCH", 10u}, {"KAVO_SW_ERR_UNIMPLEMENTED", 11u}, {"KAVO_ERR_FW_REQUEST_UNKNOWN", 12u}, {"KAVO_ERR_FW_RESPONSE_SIZE_TOO_LARGE", 13u}, {"KAVO_ERR_NULL_HANDLE", 14u}, {"KAVO_AM_LTNC_MEASURE_NOT_SUPPORTED", 15u}, {"KAVO_ERR_FW_NOT_CONFIGURED", 16u}, {"VELT_ERR_SEARCH_STRING_NOT_FOUND_IN_BUFFER", 17u}, {"VELT_ERR_REPLACEMENT_STRING_TOO_LONG", 18u}, {"KAVO_ERR_INVALID_DEVICE_ID", 19u}, {"KAVO_ERR_DEVICE_ID_IN_USE", 20u}, {"KAVO_ERR_FW_IMAGE_DOES_NOT_EXIST", 21u}, {"KAVO_ERR_FW_IMAGE_PATH_INVALID", 22u}, {"KAVO_ERR_FW_SPRAM_WRITE_FAIL", 23u}, {"KAVO_ERR_FW_BOOT_FAIL", 24u}, {"KAVO_ERR_INVALID_HW_DEVICE_ID", 25u}, {"ACB_FT_LOG_CODE_START", 256u}, {"ACB_FT_LOG_ERR_INVALID_PARAMETERS", 257u}, {"ACB_FT_LOG_DEBUG", 258u}, {"ACB_FT_ERR_INVALID_ARG", 259u}, {"CFC_LOG_CODE_START", 512u}, {"CFC_LOG_CODE_DEBUG", 513u}, {"CFC_ERR_CODE_ASSERT", 514u}, {"CFC_LOG_CODE_LOG", 515u}, {"CFC_ERR_INVALID_PARAMETERS", 516u}, {"CFC_ERR_END_ADDR_UPDATE_INCOMPLETE", 517u}, {"CFC_ERR_FIFO_PAGES_UNAVAILABLE", 518u}, {"CFC_ERR_DECREASE_GREATER_FIFO_SIZE", 519u}, {"CFC_ERR_FIFO_ALREADY_EXISTS", 520u}, {"CFC_POLL_TIMEOUT", 521u}, {"DSIS_LOG_CODE_START", 768u}, {"DSIS_ERR_INVALID_PARAMETERS", 769u}, {"ECLASS_LOG_CODE_START", 1024u}, {"ECLASS_ERR_INVALID_PARAMETERS", 1025u}, {"SCBS4_LOG_CODE_START", 1792u}, {"SCBS4_LOG_CODE_DEBUG", 1793u}, {"SCBS4_ERR_CODE_ASSERT", 1794u}, {"SCBS4_ERR_INVALID_PARAMETERS", 1795u}, {"SCBS4_ERR_PAGE_SWAP_FAILURE", 1796u}, {"SCBS4_LOG_SCHD_INIT", 1797u}, {"STS_SW_LOG_CODE_START", 2048u}, {"STS_SW_ERR_CODE_ASSERT", 2049u}, {"STS_SW_LOG_CODE_LOG", 2050u}, {"STS_SW_CHNL_STATE_NOT_EQUIPPED", 2051u}, {"STS_SW_ERR_INVALID_PARAMETERS", 2052u}, {"STS_SW_ERR_INVALID_PTR", 2053u}, {"SAR_LOG_CODE_START", 2304u}, {"SAR_LOG_ERR_INVALID_PARAMETERS", 2305u}, {"SAR_LOG_DEBUG", 2306u}, {"SAR_ERR_INVALID_ARG", 2307u}, {"PB_LOG_CODE_START", 2560u}, {"PB_LOG_CODE_DEBUG", 2561u}, {"PB_ERR_CODE_ASSERT", 2562u}, {"PB_LOG_CODE_LOG", 2563u}, {"PB_ERR_INVALID_ARG", 2564u}, {"PB_LPBK_INVALID_ARG", 2565u}, {"PB_HOST_LPBK_ALREADY_PROV", 2566u}, {"PB_LINE_LPBK_ALREADY_PROV", 2567u}, {"PB_LOG_CHNL_PROV", 2568u}, {"PB_LOG_CHNL_DEPROV", 2569u}, {"ENET_LOG_CODE_START", 2816u}, {"ENET_LOG_ERR_INVALID_PARAMETERS", 2817u}, {"ENET_ERR_INVALID_MAPPING_MODE", 2818u}, {"ENET_ALARM_MODE_CANNOT_SET_TERMINATED_MODE", 2819u}, {"ENET_ALARM_MODE_CANNOT_SET_RELAY_MODE", 2820u}, {"ENET_ALARM_MODE_CANNOT_SET_ALARM_MODE_WHEN_DATAPATH_CONNECTED", 2821u}, {"ENET_ALARM_MODE_CANNOT_SET_ALARM_MODE_WHEN_DATAPATH_INCOMPLETE", 2822u}, {"ENET_WRAP_MACRO_LOG_CODE_START", 3072u}, {"ENET_WRAP_MACRO_ERR_CODE_ASSERT", 3073u}, {"ENET_WRAP_MACRO_ERR_INVALID_ARG", 3074u}, {"ENET_WRAP_MACRO_PAGE_SWAP_ERROR", 3075u}, {"ENET_WRAP_LTNC_MEASURE_NOT_VALID", 3076u}, {"ENET_MAC_RX_TX_MACRO_LOG_CODE_START", 3328u}, {"ENET_MAC_RX_TX_MACRO_ERR_INVALID_ARG", 3329u}, {"ENET_MAC_RX_TX_MACRO_ERR_INVALID_PARAMETERS", 3330u}, {"ENET_PHY_RX_TX_CORE_MACRO_LOG_CODE_START", 3584u}, {"ENET_PHY_RX_TX_CORE_MACRO_ERR_INVALID_PARAMETERS", 3585u}, {"ENET_PHY_TX_FIFO_UPDATE_FAILED", 3586u}, {"ENET_ETPC_MACRO_LOG_CODE_START", 3840u}, {"ENET_ETPC_MACRO_ERR_INVALID_PARAMETERS", 3841u}, {"ENET_PTP_RX_TX_MACRO_LOG_CODE_START", 4096u}, {"ENET_PTP_RX_TX_MACRO_ERR_NOT_AVAILABLE_IN_DEVICE_MODE", 4097u}, {"ENET_PTP_RX_TX_MACRO_ERR_NOT_ENABLED", 4098u}, {"ENET_PTP_RX_TX_MACRO_ERR_NOT_CONFIGURABLE", 4099u}, {"ENET_PTP_RX_TX_MACRO_ERR_INVALID_PARAMETERS", 4100u}, {"ENET_PTP_RX_TX_MACRO_ERR_INVALID_TS_COMPENSATION_VALUE", 4101u}, {"ENET_PTP_RX_TX_MACRO_ERR_ILLEGAL_CHNL_ID", 4102u}, {"ENET_PTP_RX_TX_MACRO_ERR_ILLEGAL_EXT_PTP_REF_CLK", 4103u}, {"ENET_PTP_RX_TX_MACRO_ERR_NOT_SUPPORTED", 4104u}, {"ENET_PTP_RX_TX_MACRO_ERR_CODE_ASSERT", 4105u}, {"PE_CANNOT_USE_API_IN_THIS_DEVICE_MODE", 4106u}, {"PE_DUPLICATED_VLAN_CHNL_ID_MAP", 4107u}, {"PE_DUPLICATED_PE_PFC_CHANNEL_MAP", 4108u}, {"PE_INVALID_VLAN_CHNL_ID_MAP", 4109u}, {"PE_ENET_HOST_INVALID_CHNL_ID", 4110u}, {"PE_ENET_HOST_INVALID_RATE", 4111u}, {"PE_ENET_LINE_INVALID_CHNL_ID", 4112u}, {"PE_ENET_DEPROV_BEFORE_PE_DEPROV", 4113u}, {"PE_CANNOT_SET_PE_CFG_AFTER_PE_PROV", 4114u}, {"PTP_NOT_SUPPORTED_IN_PE_DATAPATH", 4115u}, {"ENET_FLEXE_MUX_MACRO_LOG_CODE_START", 4352u}, {"ENET_FLEXE_MUX_MACRO_ERR_INVALID_ARG", 4353u}, {"ENET_FLEXE_DEMUX_MACRO_LOG_CODE_START", 4608u}, {"ENET_FLEXE_DEMUX_MACRO_ERR_INVALID_ARG", 4609u}, {"ENET_FLEXE_FRAMER_MACRO_LOG_CODE_START", 4864u}, {"ENET_FLEXE_FRAMER_MACRO_ERR_INVALID_ARG", 4865u}, {"ENET_FLEXE_OH_PARSER_MACRO_LOG_CODE_START", 5120u}, {"ENET_FLEXE_OH_PARSER_MACRO_ERR_INVALID_ARG", 5121u}, {"ENET_FLEXE_OH_PARSER_MACRO_ERR_INVALID_PHY_REF", 5122u}, {"ENET_FLEXE_OH_INSERT_MACRO_LOG_CODE_START", 5376u}, {"ENET_FLEXE_OH_INSERT_MACRO_ERR_INVALID_ARG", 5377u}, {"ENET_FLEXE_EXPAND_MACRO_LOG_CODE_START", 5632u}, {"ENET_FLEXE_EXPAND_MACRO_ERR_INVALID_ARG", 5633u}, {"ILKN_LOG_CODE_START", 5888u}, {"ILKN_ERR_NULL_HANDLE", 5889u}, {"ILKN_ERR_INVALID_CONFIG", 5890u}, {"ILKN_ERR_INVALID_ILKN_INTERFACE_SPECIFIED", 5891u}, {"ILKN_ERR_INVALID_RX_XOFF_LINK_MODE", 5892u}, {"ILKN_ERR_INVALID_ILKN_BURST_MAX", 5893u}, {"ILKN_ERR_INVALID_ILKN_BURST_MIN", 5894u}, {"ILKN_ERR_INVALID_ILKN_BURST_SHORT", 5895u}, {"ILKN_ERR_INVALID_ILKN_BURST_LIMIT", 5896u}, {"ILKN_ERR_INVALID_PKT_BCW_CHNL_ID", 5897u}, {"ILKN_ERR_INUSE_PKT_BCW_CHNL_ID", 5898u}, {"ILKN_ERR_UNAVAILABLE_BW_CHNL_ID", 5899u}, {"ILKN_ERR_INVALID_INGRESS_ARG", 5900u}, {"ILKN_ERR_INVALID_EGRESS_ARG", 5901u}, {"ILKN_ERR_BCW_CHNL_ID_NOT_FOUND", 5902u}, {"ILKN_ERR_EGRESS_BCW_CHNL_ID_UNSET", 5903u}, {"ILKN_ERR_INVALID_ILKN_CORE_INTF", 5904u}, {"ILKN_ERR_INVALID_ILKN_FC_MODE", 5905u}, {"ILKN_ERR_INVALID_ILKN_FC_DIRECTION", 5906u}, {"ILKN_ERR_INVALID_ILKN_FC_CORE", 5907u}, {"ILKN_ERR_ILKN_INTF_FC_DISABLE", 5908u}, {"ILKN_ERR_INVALID_ILKN_FC_CAL_LEN", 5909u}, {"ILKN_LOG_ERR_ILKN_INTF_DISABLE_PROG_FC_CAL", 5910u}, {"ILKN_ERR_INVALID_TX_SERDES_NOT_PACKED", 5911u}, {"ILKN_ERR_INVALID_RX_SERDES_NOT_PACKED", 5912u}, {"ILKN_ERR_NUMBER_RX_TX_SERDES_MISMATCH", 5913u}, {"ILKN_ERR_INVALID_TOTAL_SERDES_NUMBER", 5914u}, {"ILKN_ERR_SERDES_TX_PORT_SET_TWICE", 5915u}, {"ILKN_ERR_SERDES_RX_PORT_SET_TWICE", 5916u}, {"ILKN_ERR_SERDES_RX_TX_PORT_MISMATCH", 5917u}, {"ILKN_ERR_SERDES_OUT_OF_RANGE", 5918u}, {"ILKN_ERR_SERDES_QUAD_BOUNDARY", 5919u}, {"ILKN_ERR_SERDES_NOT_SAME_QUAD", 5920u}, {"ILKN_ERR_SERDES_NOT_ADJACENT", 5921u}, {"ILKN_ERR_SERDES_ASSIGNED", 5922u}, {"ILKN_ERR_BANDWIDTH_EXCEEDED_SERDES_RATE", 5923u}, {"DBG_LOG_LOG_CODE_START", 6144u}, {"DBG_LOG_FAIL_VALUE_OUT_OF_RANGE", 6145u}, {"DBG_LOG_ERR_NULL_POINTER", 6146u}, {"DBG_LOG_USER_LOG", 6147u}, {"DBG_LOG_STRING_LOG", 6148u}, {"DBG_LOG_ERROR_LOG_START", 6149u}, {"DBG_LOG_ERROR_LOG_CONT", 6150u}, {"DBG_LOG_ERROR_LOG_END", 6151u}, {"DBG_LOG_RUNTIME_ERROR_LOG", 6152u}, {"DBG_LOG_RUNTIME_ERROR_POSSIBLE_LOG", 6153u}, {"DBG_LOG_VELT_LOG_ERROR", 6154u}, {"DBG_LOG_VELT_LOG_HIGH", 6155u}, {"LUMOHAL_LOG_CODE_START", 6400u}, {"LUMOHAL_RMW_VALUE_OUT_OF_MASK_RANGE", 6401u}, {"LUMOHAL_LOG_READ", 6402u}, {"LUMOHAL_LOG_WRITE", 6403u}, {"LUMOHAL_LOG_SET_MASK", 6404u}, {"LUMOHAL_LOG_RESET_MASK", 6405u}, {"LUMOHAL_LOG_READ_MODIFY_WRITE", 6406u}, {"LUMOHAL_LOG_POLL", 6407u}, {"LUMOHAL_ERR_INVALID_ADDRESS", 6408u}, {"LUMOHAL_LOG_READ_FIELD", 6409u}, {"LUMOHAL_LOG_POLL_SUCCESS", 6410u}, {"LUMOHAL_LOG_POLL_FAIL", 6411u}, {"LUMOHAL_LOG_POLL_FAIL_ITERATIONS", 6412u}, {"LUMOHAL_LOG_SLEEP_STARTED", 6413u}, {"LUMOHAL_LOG_SLEEP_FINISHED", 6414u}, {"LUMOHAL_LOG_POLL_SUCCESS_TICKS", 6415u}, {"LUMOHAL_LOG_POLL_FAIL_TICKS", 6416u}, {"LUMOHAL_LOG_POLL_SUCCESS_ITERATIONS", 6417u}, {"DEFECTS_LOG_CODE_START", 6656u}, {"DEFECTS_LOG_DEBUG", 6657u}, {"DEFECTS_ERR_BIND_BIT_NUM_TOO_LARGE", 6658u}, {"DEFECTS_ERR_BIND_I_ADDR_NOT_FOUND", 6659u}, {"DEFECTS_ERR_BIND_V_MISMATCH", 6660u}, {"DEFECTS_ERR_BIND_E_MISMATCH", 6661u}, {"DEFECTS_ERR_IVE_NOT_VALID", 6662u}, {"DEFECTS_ERR_UNKNOWN_CHNL_ID", 6663u}, {"DEFECTS_ERR_INVALID_CHNL_ID", 6664u}, {"DEFECTS_ERR_SHMEM_NOT_RELEASED", 6665u}, {"DEFECTS_ERR_UNKNOWN_SW_DEFECT", 6666u}, {"DEFECTS_LOG_BIND_I", 6667u}, {"DEFECTS_LOG_BIND_V", 6668u}, {"DEFECTS_LOG_BIND_E", 6669u}, {"DEFECTS_LOG_ENABLE", 6670u}, {"DEFECTS_LOG_DISABLE", 6671u}, {"DEFECTS_LOG_RELEASE_I", 6672u}, {"DEFECTS_LOG_RELEASE_V", 6673u}, {"DEFECTS_LOG_RELEASE_E", 6674u}, {"DEFECTS_LOG_MISMATCH", 6675u}, {"DEFECTS_LOG_COLLECT_ALL_START", 6676u}, {"DEFECTS_LOG_COLLECT_ALL_END", 6677u}, {"DEFECTS_LOG_COLLECT_ENABLED_START", 6678u}, {"DEFECTS_LOG_COLLECT_ENABLED_END", 6679u}, {"PMON_LOG_CODE_START", 6912u}, {"PMON_ERR_INVALID_PMON_FEATURE", 6913u}, {"PMON_ERR_INVALID_LCLK_GEN", 6914u}, {"PMON_ERR_INVALID_PARAMS", 6915u}, {"PMON_ERR_INVALID_CHNL_ID", 6916u}, {"PMON_ERR_MANUAL_TRIGGER_DISABLED", 6917u}, {"PMON_LOG_BIND", 6918u}, {"PMON_LOG_RELEASE", 6919u}, {"STATS_LOG_CODE_START", 7168u}, {"STATS_ERR_CODE_ASSERT", 7169u}, {"STATS_LOG_STACK_SIZE", 7170u}, {"STATS_LOG_TASK_START", 7171u}, {"STATS_LOG_TASK_COUNT", 7172u}, {"WDOG_LOG_CODE_START", 7424u}, {"WDOG_LOG_WATCHDOG_START", 7425u}, {"TOP_LOG_CODE_START", 7680u}, {"TOP_LOG_DEBUG", 7681u}, {"TOP_FAILED_INIT", 7682u}, {"VELT_SHARED_LOG_CODE_START", 7936u}, {"VELT_SHARED_LOG_CODE_DEBUG", 7937u}, {"VELT_SHARED_ERR_CODE_READBACK_FAILURE", 7938u}, {"VELT_SHARED_ERR_CODE_ASSERT", 7939u}, {"VELT_SHARED_LOG_CODE_LOG", 7940u}, {"VELT_SHARED_ERR_CODE_NULL_PTR", 7941u}, {"VELT_SHARED_ERR_CODE_POLL_TIMEOUT", 7942u}, {"VELT_SHARED_ERR_FREE_NULL_PTR", 7943u}, {"VELT_SHARED_ERR_INVALID_PARAM", 7944u}, {"VELT_SHARED_ERR_NO_MEMORY", 7945u}, {"VELT_SHARED_ERR_NOT_REGISTERED", 7946u}, {"VELT_SHARED_ERR_MALLOC_FAILED", 7947u}, {"VELT_SHARED_ERR_DEVICE_NOT_INIT", 7948u}, {"VELT_SHARED_ERR_MMAP_FAILED", 7949u}, {"VELT_SHARED_ERR_MEMSET_FAILED", 7950u}, {"VELT_SHARED_ERR_MEMCPY_FAILED", 7951u}, {"VELT_SHARED_ERR_MEMCMP_FAILED", 7952u}, {"VELT_SHARED_ERR_STRLEN_FAILED", 7953u}, {"VELT_SHARED_ERR_STRCAT_FAILED", 7954u}, {"VELT_SHARED_ERR_STRCPY_FAILED", 7955u}, {"VELT_SHARED_ERR_DEVOPEN_FAILED", 7956u}, {"VELT_SHARED_ERR_FILE_OPEN_FAILED", 7957u}, {"VELT_SHARED_ERR_DEVIOCTL_FAILED", 7958u}, {"VELT_SHARED_ERR_CRASH_EMULATION", 7959u}, {"VELT_SHARED_LOG_TRACE", 7960u}, {"VELT_SHARED_ERR_SHARED_MEMORY_OFFLINE", 7961u}, {"VELT_SHARED_ERR_REQUEST_TOO_LARGE", 7962u}, {"DTL_LOG_CODE_START", 8192u}, {"DTL_REQUEST_START", 8193u}, {"DTL_REQUEST_END", 8194u}, {"DTL_INVALID_RESPONSE_DATA_PTR", 8195u}, {"DTL_INVALID_RESPONSE_DATA_SIZE", 8196u}, {"HTL_LOG_CODE_START", 8448u}, {"HTL_LOG_CODE_DEBUG", 8449u}, {"HTL_ERR_DEVICE_NOT_INIT", 8450u}, {"HTL_ERR_DEVICE_NOT_CONNECTED", 8451u}, {"HTL_ERR_DEVICE_NOT_READY", 8452u}, {"HTL_ERR_DEVICE_OFFLINE", 8453u}, {"HTL_ERR_DEVICE_RESPONSE_INVALID", 8454u}, {"HTL_ERR_DEVICE_REQUEST_INVALID", 8455u}, {"HTL_ERR_INVALID_REQUEST_DATA_PTR", 8456u}, {"HTL_ERR_INVALID_REQUEST_DATA_SIZE", 8457u}, {"DCS_LOG_CODE_START", 8704u}, {"DCS_ERR_INVALID_ARG", 8705u}, {"DCS_ERR_CODE_ASSERT", 8706u}, {"DCS_LOG_OFFLINE_UPDATE", 8707u}, {"GTEST_LOG_CODE_START", 8960u}, {"GTEST_LOG_CODE_ERROR", 8961u}, {"GTEST_LOG_CODE_EVENT", 8962u}, {"GTEST_LOG_CODE_DEBUG", 8963u}, {"CALENDAR_MGR_LOG_CODE_START", 9216u}, {"CALENDAR_MGR_ERR_INVALID_ARG", 9217u}, {"CALENDAR_MGR_ENET_PORT_CDU_NOT_ENOUGH_DAYS", 9218u}, {"CALENDAR_MGR_ENET_FLEXE_GROUP_PHY_CDU_NOT_ENOUGH_DAYS", 9219u}, {"CALENDAR_MGR_ENET_FLEXE_CLIENT_ILKN_PHY_CDU_NOT_ENOUGH_DAYS", 9220u}, {"CALENDAR_MGR_ENET_CLIENT_MASTER_CDU_NOT_ENOUGH_DAYS", 9221u}, {"CALENDAR_MGR_ENET_FLEXE_GROUP_MASTER_CDU_NOT_ENOUGH_DAYS", 9222u}, {"CALENDAR_MGR_ENET_FLEXE_CLIENT_MASTER_CDU_NOT_ENOUGH_DAYS", 9223u}, {"SEGMENT_BASE_LOG_CODE_START", 9472u}, {"SEGMENT_BASE_ERR_INVALID_ARG", 9473u}, {"SEGMENT_BASE_ERR_EXISTING_CHNL_ID", 9474u}, {"SEGMENT_BASE_ERR_INVALID_ENET_PHY_ID", 9475u}, {"SEGMENT_BASE_ERR_INVALID_ENET_PORT_MODE", 9476u}, {"SEGMENT_BASE_ERR_PINS_ILKN_ASSIGNED", 9477u}, {"SEGMENT_BASE_ERR_PINS_ASSIGNED", 9478u}, {"SEGMENT_BASE_ERR_SERDES_PIN_NOT_ALIGN_QUAD", 9479u}, {"SEGMENT_BASE_ERR_SERDES_PIN_NON_ADJACENT_QUAD", 9480u}, {"SEGMENT_BASE_ERR_SERDES_PIN_NOT_SAME_QUAD", 9481u}, {"SEGMENT_BASE_ERR_NUM_PINS", 9482u}, {"SEGMENT_BASE_PHYSICAL_RESOURCES_BLOCKED_BY_EXISTING_PROVISIONED_APPLICATION", 9483u}, {"SEGMENT_BASE_ERR_INVALID_SERDES_PIN_MODE_WITHIN_BP_SHI_BANK", 9484u}, {"SEGMENT_BASE_ERR_MIXED_SERDES_PIN_MODE_WITHIN_SHI_BANK", 9485u}, {"SEGMENT_BASE_ERR_CANNOT_MIX_PORT_ONLY_IN_SPLIT_BUS", 9486u}, {"SEGMENT_BASE_ERR_RATE_ONLY_VALID_IN_PORT_ONLY_MODE", 9487u}, {"SEGMENT_BASE_ERR_INVALID_APPLICATION_MODE", 9488u}, {"SEGMENT_BASE_ERR_INVALID_SERDES_PIN_MODE", 9489u}, {"SEGMENT_BASE_ERR_INVALID_PARENT_CHNL_ID_TYPE", 9490u}, {"SEGMENT_BASE_ERR_ILLEGAL_SERDES_PORT_ID", 9491u}, {"SEGMENT_BASE_ERR_ILLEGAL_CHNL_ID", 9492u}, {"SEGMENT_BASE_ERR_NO_SEGMENT_FOR_CHNL_ID", 9493u}, {"SEGMENT_BASE_ERR_PHYSICAL_RESOURCE_UNAVAILABLE", 9494u}, {"SEGMENT_BASE_ERR_PHYSICAL_RESOURCE_NOT_ASSIGNED", 9495u}, {"SEGMENT_BASE_ERR_INCOMPATIBLE_ILKN_RATE_FOR_FLEXE_CLIENT", 9496u}, {"SEGMENT_BASE_ERR_INCOMPATIBLE_SRC_TO_DEST_RATE", 9497u}, {"SEGMENT_BASE_ERR_CLIENT_NUM_INCR_NOT_APPLICABLE", 9498u}, {"SEGMENT_BASE_ERR_INVALID_CLIENT_NUM_INCR", 9499u}, {"SEGMENT_BASE_ERR_CLEANABLE_APPLICATION_BLOCKING", 9500u}, {"SEGMENT_BASE_ERR_MAX_ENET_PORTS_EXCEEDED", 9501u}, {"SEGMENT_BASE_ERR_INVALID_PARENT_CHNL_ID", 9502u}, {"SEGMENT_BASE_ERR_INVALID_SEGMENT_TYPE", 9503u}, {"SEGMENT_BASE_ERR_CONNECTION_SOURCE_NOT_PROVISIONED", 9504u}, {"SEGMENT_BASE_ERR_CONNECTION_DESTINATION_NOT_PROVISIONED", 9505u}, {"SEGMENT_BASE_ERR_RETIMER_INCOMPATIBLE_CONNECTION_TYPE", 9506u}, {"SEGMENT_BASE_ERR_RETIMER_INCOMPATIBLE_RATE", 9507u}, {"SEGMENT_BASE_ERR_RETIMER_CONNECTION_NOT_PORT_ONLY", 9508u}, {"SEGMENT_BASE_ERR_RETIMER_INCOMPATIBLE_PIN_MODE", 9509u}, {"SEGMENT_BASE_ERR_RETIMER_INCOMPATIBLE_LANE_OR_BANK", 9510u}, {"SEGMENT_BASE_ERR_PARENT_DIRECTION_NOT_PROVISIONED", 9511u}, {"SEGMENT_BASE_ERR_CONNECTION_UNSUPPORTED", 9512u}, {"SEGMENT_BASE_ERR_UNKNOWN_CHNL_ID", 9513u}, {"SEGMENT_BASE_ERR_SWITCH_LOOPBACK_NOT_SUPPORTED", 9514u}, {"SEGMENT_BASE_ERR_LOOPBACK_NOT_SUPPORTED_SWITCH_CONNECT_REQUIRED", 9515u}, {"SEGMENT_BASE_ERR_DSIS_SWITCHING_DEPENDENCY", 9516u}, {"SEGMENT_BASE_ILKN_INTERFACE_DOES_NOT_EXIST", 9517u}, {"SEGMENT_BASE_BP_INTERFACE_NO_SERDES_PORTS", 9518u}, {"SEGMENT_BASE_BP_NOT_INITIALIZED", 9519u}, {"SEGMENT_BASE_ILKN_SEGMENT_DOES_NOT_EXIST", 9520u}, {"SEGMENT_BASE_ILKN_SEGMENT_NOT_USED", 9521u}, {"SEGMENT_BASE_ILKN_INGRESS_BCW_CHNL_ID_DOES_NOT_EXIST", 9522u}, {"SEGMENT_BASE_ILKN_EGRESS_BCW_CHNL_ID_DOES_NOT_EXIST", 9523u}, {"SEGMENT_BASE_ILKN_PKT_NOT_CONNECTED", 9524u}, {"SEGMENT_BASE_ILKN_TOTAL_ILKN_CHNLS", 9525u}, {"SEGMENT_BASE_ILKN_PKT_RX_CHNL_PROV_NOT_COMPLETE", 9526u}, {"SEGMENT_BASE_ILKN_PKT_TX_CHNL_PROV_NOT_COMPLETE", 9527u}, {"SEGMENT_BASE_ILKN_INVALID_600G_CONNECT_TYPE", 9528u}, {"SEGMENT_BASE_ILKN_INVALID_DATA_PTR", 9529u}, {"SEGMENT_BASE_ILKN_INVALID_LOOPBACK", 9530u}, {"SEGMENT_BASE_GROUP_INVALID_SEGMENT_TYPE", 9531u}, {"SEGMENT_BASE_FLEXE_CLIENT_INVALID_SEGMENT_TYPE", 9532u}, {"SEGMENT_BASE_ENET_FEC_MODE_INVALID", 9533u}, {"SEGMENT_BASE_ENET_INVALID_TIMING_MODE", 9534u}, {"SEGMENT_BASE_ENET_CANNOT_UP_TIMING_MODE_WHEN_CONNECTED", 9535u}, {"SEGMENT_BASE_ENET_SERDES_PIN_ALREADY_USED", 9536u}, {"SEGMENT_BASE_ENET_SERDES_PIN_NOT_VALID", 9537u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_INVALID_FLEXE_MODE_ARG", 9538u}, {"SEGMENT_BASE_ENET_FLEXE_CLIENT_TABLE_ADD_FAIL", 9539u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_INVALID_FLEXE_GRP_NUM_ARG", 9540u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_INVALID_CAL_MODE_ARG", 9541u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_CAL_MODE_SW_NOT_COMPLETE", 9542u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_CHNL_ID_EXISTS", 9543u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_SERDES_PORT_ID_EXISTS", 9544u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_INVALID_PHY_NUMBER_ARG", 9545u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_TS_UNAVAILABLE_NUM_ARG", 9546u}, {"SEGMENT_BASE_ENET_FLEXE_INVALID_PHY_ID", 9547u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_NOT_FOUND_IN_GROUP", 9548u}, {"SEGMENT_BASE_ENET_FLEXE_OVER_USED_PHY", 9549u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_RESOURCES_INSUFFICENT", 9550u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_ON_INCORRECT_BANK", 9551u}, {"SEGMENT_BASE_ENET_FLEXE_SERDES_PORT_INVALID_FOR_FLEXE_MODE", 9552u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_CHNL_ID_ASSIGNED_TO_EARLIER_GROUP", 9553u}, {"SEGMENT_BASE_ENET_FLEXE_RX_CLIENT_SLOTS_PREVIOUSLY_ALLOCATED", 9554u}, {"SEGMENT_BASE_ENET_FLEXE_TX_CLIENT_SLOTS_PREVIOUSLY_ALLOCATED", 9555u}, {"SEGMENT_BASE_ENET_FLEXE_RX_CLIENT_SLOTS_ALLOCATED_PAST_UNAVAIL_SLOTS", 9556u}, {"SEGMENT_BASE_ENET_FLEXE_TX_CLIENT_SLOTS_ALLOCATED_PAST_UNAVAIL_SLOTS", 9557u}, {"SEGMENT_BASE_ENET_FLEXE_TX_CLIENT_SLOTS_DIFFERENT_RATE_TO_RX_CLIENT_SLOTS", 9558u}, {"SEGMENT_BASE_ENET_FLEXE_NO_CLIENT_SLOTS_PROVIDED", 9559u}, {"SEGMENT_BASE_ENET_FLEXE_SERDES_PIN_ALREADY_USED", 9560u}, {"SEGMENT_BASE_SERDES_PIN_ALREADY_USED_FOR_THIS_GROUP", 9561u}, {"SEGMENT_BASE_FLEXE_UNSUPPORTED_DEVICE", 9562u}, {"SEGMENT_BASE_FLEXE_UNSUPPORTED_WITH_NON_100G_PORTS_ON_SLICE", 9563u}, {"SEGMENT_BASE_ERR_INVALID_ILKN_CAL_FC", 9564u}, {"SEGMENT_BASE_ERR_NO_ILKN_FC_CAL", 9565u}, {"SEGMENT_BASE_ERR_INVALID_ILKN_MODE_PASSTHRU_NOT_SUPPORTED_FC", 9566u}, {"SEGMENT_BASE_ERR_INVALID_FRAME_TYPE_HOST_AND_LINE_NO_MATCH_FC", 9567u}, {"SEGMENT_BASE_ERR_INVALID_PE_FRAME_TYPE_FC", 9568u}, {"SEGMENT_BASE_ERR_INVALID_FRAME_TYPE_AND_MODE_FC", 9569u}, {"SEGMENT_BASE_ERR_INVALID_HOST_FRAME_TYPE_FC", 9570u}, {"SEGMENT_BASE_ERR_ILKN_FC_FRAME_TYPE_NOT_IDENTICAL", 9571u}, {"SEGMENT_BASE_ERR_ILKN_FC_PFC_MASK_NOT_PROVIDED", 9572u}, {"SEGMENT_BASE_ERR_ILKN_FC_PFC_MASK_NOT_IDENTICAL", 9573u}, {"SEGMENT_BASE_ERR_FC_MAC_TO_MAC_ONLY_PAUSE_SUPPORTED", 9574u}, {"CHANNEL_RESOURCE_LOG_CODE_START", 9728u}, {"RESOURCE_TABLE_LOG_FREE_CHNL_ASSIGN", 9729u}, {"RESOURCE_TABLE_LOG_FREE_POOL_ELEMENT_ADD", 9730u}, {"RESOURCE_TABLE_LOG_DEBUG", 9731u}, {"DCSU_LOG_CODE_START", 9984u}, {"DCSU_ERR_CODE_ASSERT", 9985u}, {"DCSU_ERR_INVALID_ARG", 9986u}, {"DCSU_LOG_ERR_INVALID_PARAMETERS", 9987u}, {"DCSU_ERR_DCSU_ASSOCIATED_WITH_REFCLK_FAILED_TO_LOCK", 9988u}, {"FW_COMMON_LOG_CODE_DEBUG", 10240u}, {"FW_COMMON_ERR_FW_LOG_INDEX_BAD", 10241u}, {"FW_COMMON_ERR_BAD_NUM_LOGS", 10242u}, {"DEV_RESET_LOG_CODE_START", 10496u}, {"DEV_RESET_LOG_INVALID_SLICE", 10497u}, {"STS_SW600_LOG_CODE_START", 10752u}, {"RUNTIME_FEATURES_START", 11008u}, {"RUNTIME_OPERATION_NOT_SUPPORTED_BY_SEGMENT_CLASS", 11009u}, {"RUNTIME_OPERATION_COULD_NOT_FIND_SEGMENT_CLASS", 11010u}, {"RUNTIME_OPERATION_NOT_SUPPORTED", 11011u}, {"RUNTIME_OPERATION_ERR_INVALID_ARGUMENTS", 11012u}, {"RUNTIME_OPERATION_COULD_NOT_FIND_A_SEGMENT", 11013u}, {"RUNTIME_OPERATION_IPG_VALUE_NOT_VALID", 11014u}, {"RUNTIME_OPERATION_MRU_MAX_FRAME_LENGTH_EXCEEDED", 11015u}, {"RUNTIME_OPERATION_MTU_MAX_FRAME_LENGTH_EXCEEDED", 11016u}, {"RUNTIME_OPERATION_NOMINAL_MASK_CANNOT_SET_WHEN_NOT_THROUGH_TIMING_MODE", 11017u}, {"RUNTIME_OPERATION_NOT_SUPPORTED_WHEN_SEGMENT_UNCONNECTED", 11018u}, {"SERDES_LOG_CODE_START", 11264u}, {"SERDES_ERR_PORT_INVALID", 11265u}, {"SERDES_ERR_PIN_MODE_INVALID", 11266u}, {"SERDES_ERR_INVALID_MODE", 11267u}, {"SERDES_ERR_PRBS_INVALID_MODE", 11268u}, {"SERDES_ERR_INVALID_CFG_ACTION", 11269u}, {"SERDES_ERR_ONLY_PAM4_SUPPORT_P56_PRBS", 11270u}, {"SERDES_ERR_PRBS_MONITOR_NOT_ENABLED", 11271u}, {"SERDES_ERR_PRBS_GENERATOR_NOT_ENABLED", 11272u}, {"SERDES_ERR_NO_P56_PRBS_MONITOR", 11273u}, {"SERDES_ERR_PORT_NOT_ASSIGNED", 11274u}, {"SERDES_ERR_PORT_ASSIGNED", 11275u}, {"ANLT_LOG_CODE_START", 13568u}, {"ANLT_LOG_TRACE", 13569u}, {"ANLT_ERR_ADVERTIZE_MASK_UNRECOGNIZED_FORMAT", 13570u}, {"ANLT_ERR_NOT_ENOUGH_SERDES_PIN_FOR_ADVERTIZE_MASK", 13571u}, {"ANLT_ERR_LANE0_NOT_IN_SERDES_SET", 13572u}, {"ANLT_ERR_NOT_VALID_ADVERTIZE_MASK", 13573u}, {"ANLT_ERR_NOT_VALID_REQUIRED_SERDES_PIN", 13574u}, {"ANLT_ERR_NOT_VALID_REQUIRED_NUM_PIN_FOR_MASK", 13575u}, {"ANLT_ERR_MUX_MODE_NOT_SUPPORTED", 13576u}, {"ANLT_ERR_1G_ONLY_IN_ANALOG_RETIMER_MODE", 13577u}, {"ANLT_ERR_KR_CR_IN_ADVERTIZE_MASK", 13578u}, {"ANLT_ERR_KR_CR_SUBSET_NOT_PRESENT", 13579u}, {"ANLT_ERR_NOT_SUPPORTED_WHILE_EXEC", 13580u}, {"ANLT_ERR_CONNECT_NOT_SUPPORTED_WHEN_PROCESS_ACTIVE", 13581u}, {"ANLT_ERR_TWO_400G_ADVERTIZE", 13582u}, {"ANLT_ERR_LANE_SWAPPING_BAD_SERDES_CONFIG", 13583u}, {"ANLT_ERR_LANE_SWAPPING_PINS_NOT_MATCH_ADVERTIZE_MASK", 13584u}, {"ANLT_ERR_CHNL_NOT_UNDER_MGMT", 13585u}, {"ANLT_ERR_UNSUPPORTED_PORT_MODE_IN_LT_ONLY_MODE", 13586u}};
@@ -134,6 +140,45 @@ extern const record_info record_kavo_status_info_t;
 extern const record_info record_kavo_chnl_info_t;
 extern const record_info record_kavo_dcsu_cfg_get_t;
 extern const record_info record_kavo_debug_macsec_tcam_scrub_stats_t;
+extern const record_info record_kavo_defect_ive_t;
+extern const record_info record_kavo_defect_summary_ive_valid_t;
+extern const record_info record_kavo_defect_summary_mask_t;
+extern const record_info record_kavo_defect_enet_phy_chnl_t;
+extern const record_info record_kavo_defect_enet_mac_chnl_t;
+extern const record_info record_kavo_defect_enet_alarms_proc_chnl_t;
+extern const record_info record_kavo_defect_timing_chnl_t;
+extern const record_info record_kavo_defect_enet_port_segment_t;
+extern const record_info record_kavo_defect_lt_serdes_port_t;
+extern const record_info record_kavo_defect_anlt_chnl_t;
+extern const record_info record_kavo_defect_ilkn_tx_link_t;
+extern const record_info record_kavo_defect_ilkn_rx_link_t;
+extern const record_info record_kavo_defect_ilkn_intf_t;
+extern const record_info record_kavo_defect_ilkn_chnl_t;
+extern const record_info record_kavo_defect_efc_ilkn_tx_chnl_t;
+extern const record_info record_kavo_defect_efc_ilkn_rx_chnl_t;
+extern const record_info record_kavo_defect_efc_ilkn_chnl_t;
+extern const record_info record_kavo_defect_cfc_chnl_t;
+extern const record_info record_kavo_defect_ilkn_pkt_segment_t;
+extern const record_info record_kavo_defect_foh_chnl_t;
+extern const record_info record_kavo_defect_flexe_phy_chnl_t;
+extern const record_info record_kavo_defect_flexe_group_segment_t;
+extern const record_info record_kavo_defect_flexe_client_chnl_t;
+extern const record_info record_kavo_defect_efc_enet_tx_chnl_t;
+extern const record_info record_kavo_defect_efc_enet_rx_chnl_t;
+extern const record_info record_kavo_defect_efc_enet_chnl_t;
+extern const record_info record_kavo_defect_pb_pcs_chnl_t;
+extern const record_info record_kavo_defect_sar_mpma_dsp_t;
+extern const record_info record_kavo_defect_flexe_client_segment_t;
+extern const record_info record_kavo_defect_serdes_t;
+extern const record_info record_kavo_defect_shw_t;
+extern const record_info record_kavo_defect_pb_igr_top_t;
+extern const record_info record_kavo_defect_pb_egr_top_t;
+extern const record_info record_kavo_defect_enet_top_t;
+extern const record_info record_kavo_defect_foh_t;
+extern const record_info record_kavo_defect_slice_top_t;
+extern const record_info record_kavo_defect_tlic_t;
+extern const record_info record_kavo_defect_dcsu_t;
+extern const record_info record_kavo_defect_device_summary_t;
 extern const record_info record_kavo_flexe_phy_info_t;
 extern const record_info record_kavo_flexe_phy_t;
 extern const record_info record_kavo_flexe_group_info_t;
@@ -192,6 +237,19 @@ extern const record_info record_kavo_pe_config_t;
 extern const record_info record_kavo_pgmrclk_cfg_t;
 extern const record_info record_kavo_pgmrclk_cfg_get_t;
 extern const record_info record_kavo_pmon_cfg_t;
+extern const record_info record_kavo_pmon_enet_phy_rx_t;
+extern const record_info record_kavo_pmon_enet_mac_rx_t;
+extern const record_info record_kavo_pmon_enet_mac_tx_t;
+extern const record_info record_kavo_pmon_pb_t;
+extern const record_info record_kavo_pmon_enet_port_segment_t;
+extern const record_info record_kavo_pmon_ilkn_fec_t;
+extern const record_info record_kavo_pmon_ilkn_intf_counts_t;
+extern const record_info record_kavo_pmon_ilkn_intf_t;
+extern const record_info record_kavo_pmon_ilkn_pkt_t;
+extern const record_info record_kavo_pmon_flexe_mux_t;
+extern const record_info record_kavo_pmon_flexe_demux_t;
+extern const record_info record_kavo_pmon_flexe_client_t;
+extern const record_info record_kavo_pmon_flexe_group_t;
 extern const record_info record_kavo_enet_vlan_chnl_config_t;
 extern const record_info record_kavo_ptp_config_t;
 extern const record_info record_kavo_ptp_chnl_config_t;
@@ -286,6 +344,417 @@ const member_info members_kavo_debug_macsec_tcam_scrub_stats_t[] = {
     {"scrub_period_ms", offsetof(kavo_debug_macsec_tcam_scrub_stats_t, scrub_period_ms), sizeof(((kavo_debug_macsec_tcam_scrub_stats_t*)nullptr)->scrub_period_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
 };
 const record_info record_kavo_debug_macsec_tcam_scrub_stats_t = {"kavo_debug_macsec_tcam_scrub_stats_t", sizeof(kavo_debug_macsec_tcam_scrub_stats_t), false, members_kavo_debug_macsec_tcam_scrub_stats_t, sizeof(members_kavo_debug_macsec_tcam_scrub_stats_t) / sizeof(members_kavo_debug_macsec_tcam_scrub_stats_t[0]), [](void* p) { kavo_debug_macsec_tcam_scrub_stats_t_init((kavo_debug_macsec_tcam_scrub_stats_t*)p); }, [](const void* p, FILE* f) { kavo_debug_macsec_tcam_scrub_stats_t_print((const kavo_debug_macsec_tcam_scrub_stats_t*)p, f); }};
+const member_info members_kavo_defect_ive_t[] = {
+    {"value", 0, sizeof(kavo_defect_ive_t), 1, 1, value_kind::U8, nullptr, nullptr, true},
+};
+const record_info record_kavo_defect_ive_t = {"kavo_defect_ive_t", sizeof(kavo_defect_ive_t), false, members_kavo_defect_ive_t, sizeof(members_kavo_defect_ive_t) / sizeof(members_kavo_defect_ive_t[0]), [](void* p) { kavo_defect_ive_t_init((kavo_defect_ive_t*)p); }, [](const void* p, FILE*) { kavo_defect_ive_t_print((const kavo_defect_ive_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_summary_ive_valid_t[] = {
+    {"value", 0, sizeof(kavo_defect_summary_ive_valid_t), 1, 1, value_kind::U8, nullptr, nullptr, true},
+};
+const record_info record_kavo_defect_summary_ive_valid_t = {"kavo_defect_summary_ive_valid_t", sizeof(kavo_defect_summary_ive_valid_t), false, members_kavo_defect_summary_ive_valid_t, sizeof(members_kavo_defect_summary_ive_valid_t) / sizeof(members_kavo_defect_summary_ive_valid_t[0]), [](void* p) { kavo_defect_summary_ive_valid_t_init((kavo_defect_summary_ive_valid_t*)p); }, [](const void* p, FILE*) { kavo_defect_summary_ive_valid_t_print((const kavo_defect_summary_ive_valid_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_summary_mask_t[] = {
+    {"active", offsetof(kavo_defect_summary_mask_t, active), sizeof(((kavo_defect_summary_mask_t*)nullptr)->active) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_summary_mask_t = {"kavo_defect_summary_mask_t", sizeof(kavo_defect_summary_mask_t), false, members_kavo_defect_summary_mask_t, sizeof(members_kavo_defect_summary_mask_t) / sizeof(members_kavo_defect_summary_mask_t[0]), [](void* p) { kavo_defect_summary_mask_t_init((kavo_defect_summary_mask_t*)p); }, [](const void* p, FILE*) { kavo_defect_summary_mask_t_print((const kavo_defect_summary_mask_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_enet_phy_chnl_t[] = {
+    {"los", offsetof(kavo_defect_enet_phy_chnl_t, los), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->los) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cdr_lol", offsetof(kavo_defect_enet_phy_chnl_t, cdr_lol), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->cdr_lol) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"block_lock_lost", offsetof(kavo_defect_enet_phy_chnl_t, block_lock_lost), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->block_lock_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"hi_ber", offsetof(kavo_defect_enet_phy_chnl_t, hi_ber), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->hi_ber) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"align_lost", offsetof(kavo_defect_enet_phy_chnl_t, align_lost), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->align_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"deskew_err", offsetof(kavo_defect_enet_phy_chnl_t, deskew_err), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->deskew_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"local_fault", offsetof(kavo_defect_enet_phy_chnl_t, local_fault), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->local_fault) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"remote_fault", offsetof(kavo_defect_enet_phy_chnl_t, remote_fault), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->remote_fault) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"link_down", offsetof(kavo_defect_enet_phy_chnl_t, link_down), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->link_down) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fec_align_lost", offsetof(kavo_defect_enet_phy_chnl_t, fec_align_lost), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->fec_align_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fec_degraded_ser", offsetof(kavo_defect_enet_phy_chnl_t, fec_degraded_ser), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->fec_degraded_ser) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fec_uncorrectable", offsetof(kavo_defect_enet_phy_chnl_t, fec_uncorrectable), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->fec_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"lane_block_lock_lost", offsetof(kavo_defect_enet_phy_chnl_t, lane_block_lock_lost), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->lane_block_lock_lost) / 20, 20, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"lane_am_lock_lost", offsetof(kavo_defect_enet_phy_chnl_t, lane_am_lock_lost), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->lane_am_lock_lost) / 20, 20, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"lane_bip_err", offsetof(kavo_defect_enet_phy_chnl_t, lane_bip_err), sizeof(((kavo_defect_enet_phy_chnl_t*)nullptr)->lane_bip_err) / 20, 20, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_enet_phy_chnl_t = {"kavo_defect_enet_phy_chnl_t", sizeof(kavo_defect_enet_phy_chnl_t), false, members_kavo_defect_enet_phy_chnl_t, sizeof(members_kavo_defect_enet_phy_chnl_t) / sizeof(members_kavo_defect_enet_phy_chnl_t[0]), [](void* p) { kavo_defect_enet_phy_chnl_t_init((kavo_defect_enet_phy_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_enet_phy_chnl_t_print((const kavo_defect_enet_phy_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_enet_mac_chnl_t[] = {
+    {"rx_fcs_err", offsetof(kavo_defect_enet_mac_chnl_t, rx_fcs_err), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->rx_fcs_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_undersize", offsetof(kavo_defect_enet_mac_chnl_t, rx_undersize), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->rx_undersize) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_oversize", offsetof(kavo_defect_enet_mac_chnl_t, rx_oversize), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->rx_oversize) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_jabber", offsetof(kavo_defect_enet_mac_chnl_t, rx_jabber), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->rx_jabber) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_fragment", offsetof(kavo_defect_enet_mac_chnl_t, rx_fragment), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->rx_fragment) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_overflow", offsetof(kavo_defect_enet_mac_chnl_t, rx_overflow), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->rx_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_underflow", offsetof(kavo_defect_enet_mac_chnl_t, tx_underflow), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->tx_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_pause_xoff", offsetof(kavo_defect_enet_mac_chnl_t, rx_pause_xoff), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->rx_pause_xoff) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_pause_xoff", offsetof(kavo_defect_enet_mac_chnl_t, tx_pause_xoff), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->tx_pause_xoff) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_pfc_xoff", offsetof(kavo_defect_enet_mac_chnl_t, rx_pfc_xoff), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->rx_pfc_xoff) / 8, 8, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_pfc_xoff", offsetof(kavo_defect_enet_mac_chnl_t, tx_pfc_xoff), sizeof(((kavo_defect_enet_mac_chnl_t*)nullptr)->tx_pfc_xoff) / 8, 8, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_enet_mac_chnl_t = {"kavo_defect_enet_mac_chnl_t", sizeof(kavo_defect_enet_mac_chnl_t), false, members_kavo_defect_enet_mac_chnl_t, sizeof(members_kavo_defect_enet_mac_chnl_t) / sizeof(members_kavo_defect_enet_mac_chnl_t[0]), [](void* p) { kavo_defect_enet_mac_chnl_t_init((kavo_defect_enet_mac_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_enet_mac_chnl_t_print((const kavo_defect_enet_mac_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_enet_alarms_proc_chnl_t[] = {
+    {"tx_lf_insert", offsetof(kavo_defect_enet_alarms_proc_chnl_t, tx_lf_insert), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->tx_lf_insert) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_rf_insert", offsetof(kavo_defect_enet_alarms_proc_chnl_t, tx_rf_insert), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->tx_rf_insert) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_idle_insert", offsetof(kavo_defect_enet_alarms_proc_chnl_t, tx_idle_insert), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->tx_idle_insert) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_squelch", offsetof(kavo_defect_enet_alarms_proc_chnl_t, rx_squelch), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->rx_squelch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ca_los", offsetof(kavo_defect_enet_alarms_proc_chnl_t, ca_los), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->ca_los) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ca_lf", offsetof(kavo_defect_enet_alarms_proc_chnl_t, ca_lf), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->ca_lf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ca_rf", offsetof(kavo_defect_enet_alarms_proc_chnl_t, ca_rf), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->ca_rf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ca_hi_ber", offsetof(kavo_defect_enet_alarms_proc_chnl_t, ca_hi_ber), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->ca_hi_ber) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ca_fec_deg", offsetof(kavo_defect_enet_alarms_proc_chnl_t, ca_fec_deg), sizeof(((kavo_defect_enet_alarms_proc_chnl_t*)nullptr)->ca_fec_deg) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_enet_alarms_proc_chnl_t = {"kavo_defect_enet_alarms_proc_chnl_t", sizeof(kavo_defect_enet_alarms_proc_chnl_t), false, members_kavo_defect_enet_alarms_proc_chnl_t, sizeof(members_kavo_defect_enet_alarms_proc_chnl_t) / sizeof(members_kavo_defect_enet_alarms_proc_chnl_t[0]), [](void* p) { kavo_defect_enet_alarms_proc_chnl_t_init((kavo_defect_enet_alarms_proc_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_enet_alarms_proc_chnl_t_print((const kavo_defect_enet_alarms_proc_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_timing_chnl_t[] = {
+    {"tod_unlocked", offsetof(kavo_defect_timing_chnl_t, tod_unlocked), sizeof(((kavo_defect_timing_chnl_t*)nullptr)->tod_unlocked) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_ts_fifo_overflow", offsetof(kavo_defect_timing_chnl_t, tx_ts_fifo_overflow), sizeof(((kavo_defect_timing_chnl_t*)nullptr)->tx_ts_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_ts_fifo_overflow", offsetof(kavo_defect_timing_chnl_t, rx_ts_fifo_overflow), sizeof(((kavo_defect_timing_chnl_t*)nullptr)->rx_ts_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_ts_lost", offsetof(kavo_defect_timing_chnl_t, tx_ts_lost), sizeof(((kavo_defect_timing_chnl_t*)nullptr)->tx_ts_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_ts_lost", offsetof(kavo_defect_timing_chnl_t, rx_ts_lost), sizeof(((kavo_defect_timing_chnl_t*)nullptr)->rx_ts_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"one_pps_lost", offsetof(kavo_defect_timing_chnl_t, one_pps_lost), sizeof(((kavo_defect_timing_chnl_t*)nullptr)->one_pps_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"clk_squelched", offsetof(kavo_defect_timing_chnl_t, clk_squelched), sizeof(((kavo_defect_timing_chnl_t*)nullptr)->clk_squelched) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ref_clk_lost", offsetof(kavo_defect_timing_chnl_t, ref_clk_lost), sizeof(((kavo_defect_timing_chnl_t*)nullptr)->ref_clk_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_timing_chnl_t = {"kavo_defect_timing_chnl_t", sizeof(kavo_defect_timing_chnl_t), false, members_kavo_defect_timing_chnl_t, sizeof(members_kavo_defect_timing_chnl_t) / sizeof(members_kavo_defect_timing_chnl_t[0]), [](void* p) { kavo_defect_timing_chnl_t_init((kavo_defect_timing_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_timing_chnl_t_print((const kavo_defect_timing_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_enet_port_segment_t[] = {
+    {"summary", offsetof(kavo_defect_enet_port_segment_t, summary), sizeof(((kavo_defect_enet_port_segment_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"phy", offsetof(kavo_defect_enet_port_segment_t, phy), sizeof(((kavo_defect_enet_port_segment_t*)nullptr)->phy) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_enet_phy_chnl_t, false},
+    {"mac", offsetof(kavo_defect_enet_port_segment_t, mac), sizeof(((kavo_defect_enet_port_segment_t*)nullptr)->mac) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_enet_mac_chnl_t, false},
+    {"alarms", offsetof(kavo_defect_enet_port_segment_t, alarms), sizeof(((kavo_defect_enet_port_segment_t*)nullptr)->alarms) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_enet_alarms_proc_chnl_t, false},
+    {"timing", offsetof(kavo_defect_enet_port_segment_t, timing), sizeof(((kavo_defect_enet_port_segment_t*)nullptr)->timing) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_timing_chnl_t, false},
+    {"pad", offsetof(kavo_defect_enet_port_segment_t, pad), sizeof(((kavo_defect_enet_port_segment_t*)nullptr)->pad) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_enet_port_segment_t = {"kavo_defect_enet_port_segment_t", sizeof(kavo_defect_enet_port_segment_t), false, members_kavo_defect_enet_port_segment_t, sizeof(members_kavo_defect_enet_port_segment_t) / sizeof(members_kavo_defect_enet_port_segment_t[0]), [](void* p) { kavo_defect_enet_port_segment_t_init((kavo_defect_enet_port_segment_t*)p); }, [](const void* p, FILE*) { kavo_defect_enet_port_segment_t_print((const kavo_defect_enet_port_segment_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_lt_serdes_port_t[] = {
+    {"training_failure", offsetof(kavo_defect_lt_serdes_port_t, training_failure), sizeof(((kavo_defect_lt_serdes_port_t*)nullptr)->training_failure) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"frame_lock_lost", offsetof(kavo_defect_lt_serdes_port_t, frame_lock_lost), sizeof(((kavo_defect_lt_serdes_port_t*)nullptr)->frame_lock_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"wait_timer_expired", offsetof(kavo_defect_lt_serdes_port_t, wait_timer_expired), sizeof(((kavo_defect_lt_serdes_port_t*)nullptr)->wait_timer_expired) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"coef_err", offsetof(kavo_defect_lt_serdes_port_t, coef_err), sizeof(((kavo_defect_lt_serdes_port_t*)nullptr)->coef_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_trained", offsetof(kavo_defect_lt_serdes_port_t, rx_trained), sizeof(((kavo_defect_lt_serdes_port_t*)nullptr)->rx_trained) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_lt_serdes_port_t = {"kavo_defect_lt_serdes_port_t", sizeof(kavo_defect_lt_serdes_port_t), false, members_kavo_defect_lt_serdes_port_t, sizeof(members_kavo_defect_lt_serdes_port_t) / sizeof(members_kavo_defect_lt_serdes_port_t[0]), [](void* p) { kavo_defect_lt_serdes_port_t_init((kavo_defect_lt_serdes_port_t*)p); }, [](const void* p, FILE*) { kavo_defect_lt_serdes_port_t_print((const kavo_defect_lt_serdes_port_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_anlt_chnl_t[] = {
+    {"summary", offsetof(kavo_defect_anlt_chnl_t, summary), sizeof(((kavo_defect_anlt_chnl_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"an_hcd_resolved", offsetof(kavo_defect_anlt_chnl_t, an_hcd_resolved), sizeof(((kavo_defect_anlt_chnl_t*)nullptr)->an_hcd_resolved) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"an_incompatible_link", offsetof(kavo_defect_anlt_chnl_t, an_incompatible_link), sizeof(((kavo_defect_anlt_chnl_t*)nullptr)->an_incompatible_link) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"an_link_fail_inhibit_timeout", offsetof(kavo_defect_anlt_chnl_t, an_link_fail_inhibit_timeout), sizeof(((kavo_defect_anlt_chnl_t*)nullptr)->an_link_fail_inhibit_timeout) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"an_complete", offsetof(kavo_defect_anlt_chnl_t, an_complete), sizeof(((kavo_defect_anlt_chnl_t*)nullptr)->an_complete) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fatal_error", offsetof(kavo_defect_anlt_chnl_t, fatal_error), sizeof(((kavo_defect_anlt_chnl_t*)nullptr)->fatal_error) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"lt", offsetof(kavo_defect_anlt_chnl_t, lt), sizeof(((kavo_defect_anlt_chnl_t*)nullptr)->lt) / 8, 8, 1, value_kind::RECORD, nullptr, &record_kavo_defect_lt_serdes_port_t, false},
+    {"pad", offsetof(kavo_defect_anlt_chnl_t, pad), sizeof(((kavo_defect_anlt_chnl_t*)nullptr)->pad) / 2, 2, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_anlt_chnl_t = {"kavo_defect_anlt_chnl_t", sizeof(kavo_defect_anlt_chnl_t), false, members_kavo_defect_anlt_chnl_t, sizeof(members_kavo_defect_anlt_chnl_t) / sizeof(members_kavo_defect_anlt_chnl_t[0]), [](void* p) { kavo_defect_anlt_chnl_t_init((kavo_defect_anlt_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_anlt_chnl_t_print((const kavo_defect_anlt_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_ilkn_tx_link_t[] = {
+    {"underflow", offsetof(kavo_defect_ilkn_tx_link_t, underflow), sizeof(((kavo_defect_ilkn_tx_link_t*)nullptr)->underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"overflow", offsetof(kavo_defect_ilkn_tx_link_t, overflow), sizeof(((kavo_defect_ilkn_tx_link_t*)nullptr)->overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"burst_err", offsetof(kavo_defect_ilkn_tx_link_t, burst_err), sizeof(((kavo_defect_ilkn_tx_link_t*)nullptr)->burst_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fc_cal_err", offsetof(kavo_defect_ilkn_tx_link_t, fc_cal_err), sizeof(((kavo_defect_ilkn_tx_link_t*)nullptr)->fc_cal_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"bad_ctrl_word", offsetof(kavo_defect_ilkn_tx_link_t, bad_ctrl_word), sizeof(((kavo_defect_ilkn_tx_link_t*)nullptr)->bad_ctrl_word) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_ecc_err", offsetof(kavo_defect_ilkn_tx_link_t, fifo_ecc_err), sizeof(((kavo_defect_ilkn_tx_link_t*)nullptr)->fifo_ecc_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"xoff_rcvd", offsetof(kavo_defect_ilkn_tx_link_t, xoff_rcvd), sizeof(((kavo_defect_ilkn_tx_link_t*)nullptr)->xoff_rcvd) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"link_disabled", offsetof(kavo_defect_ilkn_tx_link_t, link_disabled), sizeof(((kavo_defect_ilkn_tx_link_t*)nullptr)->link_disabled) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_ilkn_tx_link_t = {"kavo_defect_ilkn_tx_link_t", sizeof(kavo_defect_ilkn_tx_link_t), false, members_kavo_defect_ilkn_tx_link_t, sizeof(members_kavo_defect_ilkn_tx_link_t) / sizeof(members_kavo_defect_ilkn_tx_link_t[0]), [](void* p) { kavo_defect_ilkn_tx_link_t_init((kavo_defect_ilkn_tx_link_t*)p); }, [](const void* p, FILE*) { kavo_defect_ilkn_tx_link_t_print((const kavo_defect_ilkn_tx_link_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_ilkn_rx_link_t[] = {
+    {"align_lost", offsetof(kavo_defect_ilkn_rx_link_t, align_lost), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->align_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"align_err", offsetof(kavo_defect_ilkn_rx_link_t, align_err), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->align_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"crc24_err", offsetof(kavo_defect_ilkn_rx_link_t, crc24_err), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->crc24_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"crc32_err", offsetof(kavo_defect_ilkn_rx_link_t, crc32_err), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->crc32_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"burst_err", offsetof(kavo_defect_ilkn_rx_link_t, burst_err), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->burst_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"burst_max_err", offsetof(kavo_defect_ilkn_rx_link_t, burst_max_err), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->burst_max_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"mf_err", offsetof(kavo_defect_ilkn_rx_link_t, mf_err), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->mf_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"word_sync_lost", offsetof(kavo_defect_ilkn_rx_link_t, word_sync_lost), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->word_sync_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"bad_ctrl_word", offsetof(kavo_defect_ilkn_rx_link_t, bad_ctrl_word), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->bad_ctrl_word) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"status_msg_lost", offsetof(kavo_defect_ilkn_rx_link_t, status_msg_lost), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->status_msg_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"overflow", offsetof(kavo_defect_ilkn_rx_link_t, overflow), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fc_cal_err", offsetof(kavo_defect_ilkn_rx_link_t, fc_cal_err), sizeof(((kavo_defect_ilkn_rx_link_t*)nullptr)->fc_cal_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_ilkn_rx_link_t = {"kavo_defect_ilkn_rx_link_t", sizeof(kavo_defect_ilkn_rx_link_t), false, members_kavo_defect_ilkn_rx_link_t, sizeof(members_kavo_defect_ilkn_rx_link_t) / sizeof(members_kavo_defect_ilkn_rx_link_t[0]), [](void* p) { kavo_defect_ilkn_rx_link_t_init((kavo_defect_ilkn_rx_link_t*)p); }, [](const void* p, FILE*) { kavo_defect_ilkn_rx_link_t_print((const kavo_defect_ilkn_rx_link_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_ilkn_intf_t[] = {
+    {"summary", offsetof(kavo_defect_ilkn_intf_t, summary), sizeof(((kavo_defect_ilkn_intf_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"tx", offsetof(kavo_defect_ilkn_intf_t, tx), sizeof(((kavo_defect_ilkn_intf_t*)nullptr)->tx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ilkn_tx_link_t, false},
+    {"rx", offsetof(kavo_defect_ilkn_intf_t, rx), sizeof(((kavo_defect_ilkn_intf_t*)nullptr)->rx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ilkn_rx_link_t, false},
+    {"pad", offsetof(kavo_defect_ilkn_intf_t, pad), sizeof(((kavo_defect_ilkn_intf_t*)nullptr)->pad) / 11, 11, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_ilkn_intf_t = {"kavo_defect_ilkn_intf_t", sizeof(kavo_defect_ilkn_intf_t), false, members_kavo_defect_ilkn_intf_t, sizeof(members_kavo_defect_ilkn_intf_t) / sizeof(members_kavo_defect_ilkn_intf_t[0]), [](void* p) { kavo_defect_ilkn_intf_t_init((kavo_defect_ilkn_intf_t*)p); }, [](const void* p, FILE*) { kavo_defect_ilkn_intf_t_print((const kavo_defect_ilkn_intf_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_ilkn_chnl_t[] = {
+    {"tx_fifo_overflow", offsetof(kavo_defect_ilkn_chnl_t, tx_fifo_overflow), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->tx_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_fifo_underflow", offsetof(kavo_defect_ilkn_chnl_t, tx_fifo_underflow), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->tx_fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_fifo_overflow", offsetof(kavo_defect_ilkn_chnl_t, rx_fifo_overflow), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_fifo_underflow", offsetof(kavo_defect_ilkn_chnl_t, rx_fifo_underflow), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_crc_err", offsetof(kavo_defect_ilkn_chnl_t, rx_crc_err), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_crc_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_err_pkt", offsetof(kavo_defect_ilkn_chnl_t, rx_err_pkt), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_err_pkt) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_oversize", offsetof(kavo_defect_ilkn_chnl_t, rx_oversize), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_oversize) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_undersize", offsetof(kavo_defect_ilkn_chnl_t, rx_undersize), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_undersize) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_xoff", offsetof(kavo_defect_ilkn_chnl_t, rx_xoff), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_xoff) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_xoff", offsetof(kavo_defect_ilkn_chnl_t, tx_xoff), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->tx_xoff) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_bcw_err", offsetof(kavo_defect_ilkn_chnl_t, rx_bcw_err), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_bcw_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_chnl_down", offsetof(kavo_defect_ilkn_chnl_t, rx_chnl_down), sizeof(((kavo_defect_ilkn_chnl_t*)nullptr)->rx_chnl_down) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_ilkn_chnl_t = {"kavo_defect_ilkn_chnl_t", sizeof(kavo_defect_ilkn_chnl_t), false, members_kavo_defect_ilkn_chnl_t, sizeof(members_kavo_defect_ilkn_chnl_t) / sizeof(members_kavo_defect_ilkn_chnl_t[0]), [](void* p) { kavo_defect_ilkn_chnl_t_init((kavo_defect_ilkn_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_ilkn_chnl_t_print((const kavo_defect_ilkn_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_efc_ilkn_tx_chnl_t[] = {
+    {"fifo_overflow", offsetof(kavo_defect_efc_ilkn_tx_chnl_t, fifo_overflow), sizeof(((kavo_defect_efc_ilkn_tx_chnl_t*)nullptr)->fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_underflow", offsetof(kavo_defect_efc_ilkn_tx_chnl_t, fifo_underflow), sizeof(((kavo_defect_efc_ilkn_tx_chnl_t*)nullptr)->fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"credit_err", offsetof(kavo_defect_efc_ilkn_tx_chnl_t, credit_err), sizeof(((kavo_defect_efc_ilkn_tx_chnl_t*)nullptr)->credit_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"xoff", offsetof(kavo_defect_efc_ilkn_tx_chnl_t, xoff), sizeof(((kavo_defect_efc_ilkn_tx_chnl_t*)nullptr)->xoff) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_efc_ilkn_tx_chnl_t = {"kavo_defect_efc_ilkn_tx_chnl_t", sizeof(kavo_defect_efc_ilkn_tx_chnl_t), false, members_kavo_defect_efc_ilkn_tx_chnl_t, sizeof(members_kavo_defect_efc_ilkn_tx_chnl_t) / sizeof(members_kavo_defect_efc_ilkn_tx_chnl_t[0]), [](void* p) { kavo_defect_efc_ilkn_tx_chnl_t_init((kavo_defect_efc_ilkn_tx_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_efc_ilkn_tx_chnl_t_print((const kavo_defect_efc_ilkn_tx_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_efc_ilkn_rx_chnl_t[] = {
+    {"fifo_overflow", offsetof(kavo_defect_efc_ilkn_rx_chnl_t, fifo_overflow), sizeof(((kavo_defect_efc_ilkn_rx_chnl_t*)nullptr)->fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_underflow", offsetof(kavo_defect_efc_ilkn_rx_chnl_t, fifo_underflow), sizeof(((kavo_defect_efc_ilkn_rx_chnl_t*)nullptr)->fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"credit_err", offsetof(kavo_defect_efc_ilkn_rx_chnl_t, credit_err), sizeof(((kavo_defect_efc_ilkn_rx_chnl_t*)nullptr)->credit_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"xoff", offsetof(kavo_defect_efc_ilkn_rx_chnl_t, xoff), sizeof(((kavo_defect_efc_ilkn_rx_chnl_t*)nullptr)->xoff) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_efc_ilkn_rx_chnl_t = {"kavo_defect_efc_ilkn_rx_chnl_t", sizeof(kavo_defect_efc_ilkn_rx_chnl_t), false, members_kavo_defect_efc_ilkn_rx_chnl_t, sizeof(members_kavo_defect_efc_ilkn_rx_chnl_t) / sizeof(members_kavo_defect_efc_ilkn_rx_chnl_t[0]), [](void* p) { kavo_defect_efc_ilkn_rx_chnl_t_init((kavo_defect_efc_ilkn_rx_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_efc_ilkn_rx_chnl_t_print((const kavo_defect_efc_ilkn_rx_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_efc_ilkn_chnl_t[] = {
+    {"tx", offsetof(kavo_defect_efc_ilkn_chnl_t, tx), sizeof(((kavo_defect_efc_ilkn_chnl_t*)nullptr)->tx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_efc_ilkn_tx_chnl_t, false},
+    {"rx", offsetof(kavo_defect_efc_ilkn_chnl_t, rx), sizeof(((kavo_defect_efc_ilkn_chnl_t*)nullptr)->rx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_efc_ilkn_rx_chnl_t, false},
+};
+const record_info record_kavo_defect_efc_ilkn_chnl_t = {"kavo_defect_efc_ilkn_chnl_t", sizeof(kavo_defect_efc_ilkn_chnl_t), false, members_kavo_defect_efc_ilkn_chnl_t, sizeof(members_kavo_defect_efc_ilkn_chnl_t) / sizeof(members_kavo_defect_efc_ilkn_chnl_t[0]), [](void* p) { kavo_defect_efc_ilkn_chnl_t_init((kavo_defect_efc_ilkn_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_efc_ilkn_chnl_t_print((const kavo_defect_efc_ilkn_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_cfc_chnl_t[] = {
+    {"fifo_overflow", offsetof(kavo_defect_cfc_chnl_t, fifo_overflow), sizeof(((kavo_defect_cfc_chnl_t*)nullptr)->fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_underflow", offsetof(kavo_defect_cfc_chnl_t, fifo_underflow), sizeof(((kavo_defect_cfc_chnl_t*)nullptr)->fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_correctable", offsetof(kavo_defect_cfc_chnl_t, ecc_correctable), sizeof(((kavo_defect_cfc_chnl_t*)nullptr)->ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_uncorrectable", offsetof(kavo_defect_cfc_chnl_t, ecc_uncorrectable), sizeof(((kavo_defect_cfc_chnl_t*)nullptr)->ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"page_exhausted", offsetof(kavo_defect_cfc_chnl_t, page_exhausted), sizeof(((kavo_defect_cfc_chnl_t*)nullptr)->page_exhausted) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ptr_mismatch", offsetof(kavo_defect_cfc_chnl_t, ptr_mismatch), sizeof(((kavo_defect_cfc_chnl_t*)nullptr)->ptr_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"wr_full", offsetof(kavo_defect_cfc_chnl_t, wr_full), sizeof(((kavo_defect_cfc_chnl_t*)nullptr)->wr_full) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rd_empty", offsetof(kavo_defect_cfc_chnl_t, rd_empty), sizeof(((kavo_defect_cfc_chnl_t*)nullptr)->rd_empty) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_cfc_chnl_t = {"kavo_defect_cfc_chnl_t", sizeof(kavo_defect_cfc_chnl_t), false, members_kavo_defect_cfc_chnl_t, sizeof(members_kavo_defect_cfc_chnl_t) / sizeof(members_kavo_defect_cfc_chnl_t[0]), [](void* p) { kavo_defect_cfc_chnl_t_init((kavo_defect_cfc_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_cfc_chnl_t_print((const kavo_defect_cfc_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_ilkn_pkt_segment_t[] = {
+    {"summary", offsetof(kavo_defect_ilkn_pkt_segment_t, summary), sizeof(((kavo_defect_ilkn_pkt_segment_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"chnl", offsetof(kavo_defect_ilkn_pkt_segment_t, chnl), sizeof(((kavo_defect_ilkn_pkt_segment_t*)nullptr)->chnl) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ilkn_chnl_t, false},
+    {"efc", offsetof(kavo_defect_ilkn_pkt_segment_t, efc), sizeof(((kavo_defect_ilkn_pkt_segment_t*)nullptr)->efc) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_efc_ilkn_chnl_t, false},
+    {"cfc", offsetof(kavo_defect_ilkn_pkt_segment_t, cfc), sizeof(((kavo_defect_ilkn_pkt_segment_t*)nullptr)->cfc) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_cfc_chnl_t, false},
+    {"pad", offsetof(kavo_defect_ilkn_pkt_segment_t, pad), sizeof(((kavo_defect_ilkn_pkt_segment_t*)nullptr)->pad) / 7, 7, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_ilkn_pkt_segment_t = {"kavo_defect_ilkn_pkt_segment_t", sizeof(kavo_defect_ilkn_pkt_segment_t), false, members_kavo_defect_ilkn_pkt_segment_t, sizeof(members_kavo_defect_ilkn_pkt_segment_t) / sizeof(members_kavo_defect_ilkn_pkt_segment_t[0]), [](void* p) { kavo_defect_ilkn_pkt_segment_t_init((kavo_defect_ilkn_pkt_segment_t*)p); }, [](const void* p, FILE*) { kavo_defect_ilkn_pkt_segment_t_print((const kavo_defect_ilkn_pkt_segment_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_foh_chnl_t[] = {
+    {"lof", offsetof(kavo_defect_foh_chnl_t, lof), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->lof) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"lom", offsetof(kavo_defect_foh_chnl_t, lom), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->lom) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"oof", offsetof(kavo_defect_foh_chnl_t, oof), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->oof) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"oom", offsetof(kavo_defect_foh_chnl_t, oom), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->oom) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rpf", offsetof(kavo_defect_foh_chnl_t, rpf), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->rpf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"crc_err", offsetof(kavo_defect_foh_chnl_t, crc_err), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->crc_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"gid_mismatch", offsetof(kavo_defect_foh_chnl_t, gid_mismatch), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->gid_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pid_mismatch", offsetof(kavo_defect_foh_chnl_t, pid_mismatch), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->pid_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"iid_mismatch", offsetof(kavo_defect_foh_chnl_t, iid_mismatch), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->iid_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cal_mismatch", offsetof(kavo_defect_foh_chnl_t, cal_mismatch), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->cal_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"sc_err", offsetof(kavo_defect_foh_chnl_t, sc_err), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->sc_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ohp_fifo_err", offsetof(kavo_defect_foh_chnl_t, ohp_fifo_err), sizeof(((kavo_defect_foh_chnl_t*)nullptr)->ohp_fifo_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_foh_chnl_t = {"kavo_defect_foh_chnl_t", sizeof(kavo_defect_foh_chnl_t), false, members_kavo_defect_foh_chnl_t, sizeof(members_kavo_defect_foh_chnl_t) / sizeof(members_kavo_defect_foh_chnl_t[0]), [](void* p) { kavo_defect_foh_chnl_t_init((kavo_defect_foh_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_foh_chnl_t_print((const kavo_defect_foh_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_flexe_phy_chnl_t[] = {
+    {"phy_missing", offsetof(kavo_defect_flexe_phy_chnl_t, phy_missing), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->phy_missing) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"link_down", offsetof(kavo_defect_flexe_phy_chnl_t, link_down), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->link_down) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pcs_align_lost", offsetof(kavo_defect_flexe_phy_chnl_t, pcs_align_lost), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->pcs_align_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"lf", offsetof(kavo_defect_flexe_phy_chnl_t, lf), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->lf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rf", offsetof(kavo_defect_flexe_phy_chnl_t, rf), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->rf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"deskew_exceeded", offsetof(kavo_defect_flexe_phy_chnl_t, deskew_exceeded), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->deskew_exceeded) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"phymap_mismatch", offsetof(kavo_defect_flexe_phy_chnl_t, phymap_mismatch), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->phymap_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_fifo_overflow", offsetof(kavo_defect_flexe_phy_chnl_t, rx_fifo_overflow), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->rx_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_fifo_underflow", offsetof(kavo_defect_flexe_phy_chnl_t, tx_fifo_underflow), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->tx_fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ccc_mismatch", offsetof(kavo_defect_flexe_phy_chnl_t, ccc_mismatch), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->ccc_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cal_switch_err", offsetof(kavo_defect_flexe_phy_chnl_t, cal_switch_err), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->cal_switch_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"hi_ber", offsetof(kavo_defect_flexe_phy_chnl_t, hi_ber), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->hi_ber) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"foh", offsetof(kavo_defect_flexe_phy_chnl_t, foh), sizeof(((kavo_defect_flexe_phy_chnl_t*)nullptr)->foh) / 4, 4, 1, value_kind::RECORD, nullptr, &record_kavo_defect_foh_chnl_t, false},
+};
+const record_info record_kavo_defect_flexe_phy_chnl_t = {"kavo_defect_flexe_phy_chnl_t", sizeof(kavo_defect_flexe_phy_chnl_t), false, members_kavo_defect_flexe_phy_chnl_t, sizeof(members_kavo_defect_flexe_phy_chnl_t) / sizeof(members_kavo_defect_flexe_phy_chnl_t[0]), [](void* p) { kavo_defect_flexe_phy_chnl_t_init((kavo_defect_flexe_phy_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_flexe_phy_chnl_t_print((const kavo_defect_flexe_phy_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_flexe_group_segment_t[] = {
+    {"summary", offsetof(kavo_defect_flexe_group_segment_t, summary), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"gid_mismatch", offsetof(kavo_defect_flexe_group_segment_t, gid_mismatch), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->gid_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"phy_missing", offsetof(kavo_defect_flexe_group_segment_t, phy_missing), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->phy_missing) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"deskew_exceeded", offsetof(kavo_defect_flexe_group_segment_t, deskew_exceeded), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->deskew_exceeded) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cal_mismatch", offsetof(kavo_defect_flexe_group_segment_t, cal_mismatch), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->cal_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cal_switch_timeout", offsetof(kavo_defect_flexe_group_segment_t, cal_switch_timeout), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->cal_switch_timeout) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"phymap_mismatch", offsetof(kavo_defect_flexe_group_segment_t, phymap_mismatch), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->phymap_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"lof_any", offsetof(kavo_defect_flexe_group_segment_t, lof_any), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->lof_any) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"crc_err_any", offsetof(kavo_defect_flexe_group_segment_t, crc_err_any), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->crc_err_any) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"phy", offsetof(kavo_defect_flexe_group_segment_t, phy), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->phy) / 8, 8, 1, value_kind::RECORD, nullptr, &record_kavo_defect_flexe_phy_chnl_t, false},
+    {"pad", offsetof(kavo_defect_flexe_group_segment_t, pad), sizeof(((kavo_defect_flexe_group_segment_t*)nullptr)->pad) / 3, 3, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_flexe_group_segment_t = {"kavo_defect_flexe_group_segment_t", sizeof(kavo_defect_flexe_group_segment_t), false, members_kavo_defect_flexe_group_segment_t, sizeof(members_kavo_defect_flexe_group_segment_t) / sizeof(members_kavo_defect_flexe_group_segment_t[0]), [](void* p) { kavo_defect_flexe_group_segment_t_init((kavo_defect_flexe_group_segment_t*)p); }, [](const void* p, FILE*) { kavo_defect_flexe_group_segment_t_print((const kavo_defect_flexe_group_segment_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_flexe_client_chnl_t[] = {
+    {"lf", offsetof(kavo_defect_flexe_client_chnl_t, lf), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->lf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rf", offsetof(kavo_defect_flexe_client_chnl_t, rf), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->rf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"csf", offsetof(kavo_defect_flexe_client_chnl_t, csf), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->csf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cal_mismatch", offsetof(kavo_defect_flexe_client_chnl_t, cal_mismatch), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->cal_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_fifo_overflow", offsetof(kavo_defect_flexe_client_chnl_t, rx_fifo_overflow), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->rx_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_fifo_underflow", offsetof(kavo_defect_flexe_client_chnl_t, tx_fifo_underflow), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->tx_fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_idle_insert", offsetof(kavo_defect_flexe_client_chnl_t, tx_idle_insert), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->tx_idle_insert) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_block_err", offsetof(kavo_defect_flexe_client_chnl_t, rx_block_err), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->rx_block_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_lpi", offsetof(kavo_defect_flexe_client_chnl_t, rx_lpi), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->rx_lpi) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"demux_lock_lost", offsetof(kavo_defect_flexe_client_chnl_t, demux_lock_lost), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->demux_lock_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"mux_overflow", offsetof(kavo_defect_flexe_client_chnl_t, mux_overflow), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->mux_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rate_mismatch", offsetof(kavo_defect_flexe_client_chnl_t, rate_mismatch), sizeof(((kavo_defect_flexe_client_chnl_t*)nullptr)->rate_mismatch) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_flexe_client_chnl_t = {"kavo_defect_flexe_client_chnl_t", sizeof(kavo_defect_flexe_client_chnl_t), false, members_kavo_defect_flexe_client_chnl_t, sizeof(members_kavo_defect_flexe_client_chnl_t) / sizeof(members_kavo_defect_flexe_client_chnl_t[0]), [](void* p) { kavo_defect_flexe_client_chnl_t_init((kavo_defect_flexe_client_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_flexe_client_chnl_t_print((const kavo_defect_flexe_client_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_efc_enet_tx_chnl_t[] = {
+    {"fifo_overflow", offsetof(kavo_defect_efc_enet_tx_chnl_t, fifo_overflow), sizeof(((kavo_defect_efc_enet_tx_chnl_t*)nullptr)->fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_underflow", offsetof(kavo_defect_efc_enet_tx_chnl_t, fifo_underflow), sizeof(((kavo_defect_efc_enet_tx_chnl_t*)nullptr)->fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"credit_err", offsetof(kavo_defect_efc_enet_tx_chnl_t, credit_err), sizeof(((kavo_defect_efc_enet_tx_chnl_t*)nullptr)->credit_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"xoff", offsetof(kavo_defect_efc_enet_tx_chnl_t, xoff), sizeof(((kavo_defect_efc_enet_tx_chnl_t*)nullptr)->xoff) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_correctable", offsetof(kavo_defect_efc_enet_tx_chnl_t, ecc_correctable), sizeof(((kavo_defect_efc_enet_tx_chnl_t*)nullptr)->ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_uncorrectable", offsetof(kavo_defect_efc_enet_tx_chnl_t, ecc_uncorrectable), sizeof(((kavo_defect_efc_enet_tx_chnl_t*)nullptr)->ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pkt_drop", offsetof(kavo_defect_efc_enet_tx_chnl_t, pkt_drop), sizeof(((kavo_defect_efc_enet_tx_chnl_t*)nullptr)->pkt_drop) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pause_rcvd", offsetof(kavo_defect_efc_enet_tx_chnl_t, pause_rcvd), sizeof(((kavo_defect_efc_enet_tx_chnl_t*)nullptr)->pause_rcvd) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_efc_enet_tx_chnl_t = {"kavo_defect_efc_enet_tx_chnl_t", sizeof(kavo_defect_efc_enet_tx_chnl_t), false, members_kavo_defect_efc_enet_tx_chnl_t, sizeof(members_kavo_defect_efc_enet_tx_chnl_t) / sizeof(members_kavo_defect_efc_enet_tx_chnl_t[0]), [](void* p) { kavo_defect_efc_enet_tx_chnl_t_init((kavo_defect_efc_enet_tx_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_efc_enet_tx_chnl_t_print((const kavo_defect_efc_enet_tx_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_efc_enet_rx_chnl_t[] = {
+    {"fifo_overflow", offsetof(kavo_defect_efc_enet_rx_chnl_t, fifo_overflow), sizeof(((kavo_defect_efc_enet_rx_chnl_t*)nullptr)->fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_underflow", offsetof(kavo_defect_efc_enet_rx_chnl_t, fifo_underflow), sizeof(((kavo_defect_efc_enet_rx_chnl_t*)nullptr)->fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"credit_err", offsetof(kavo_defect_efc_enet_rx_chnl_t, credit_err), sizeof(((kavo_defect_efc_enet_rx_chnl_t*)nullptr)->credit_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"xoff", offsetof(kavo_defect_efc_enet_rx_chnl_t, xoff), sizeof(((kavo_defect_efc_enet_rx_chnl_t*)nullptr)->xoff) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_correctable", offsetof(kavo_defect_efc_enet_rx_chnl_t, ecc_correctable), sizeof(((kavo_defect_efc_enet_rx_chnl_t*)nullptr)->ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_uncorrectable", offsetof(kavo_defect_efc_enet_rx_chnl_t, ecc_uncorrectable), sizeof(((kavo_defect_efc_enet_rx_chnl_t*)nullptr)->ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pkt_drop", offsetof(kavo_defect_efc_enet_rx_chnl_t, pkt_drop), sizeof(((kavo_defect_efc_enet_rx_chnl_t*)nullptr)->pkt_drop) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pause_rcvd", offsetof(kavo_defect_efc_enet_rx_chnl_t, pause_rcvd), sizeof(((kavo_defect_efc_enet_rx_chnl_t*)nullptr)->pause_rcvd) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_efc_enet_rx_chnl_t = {"kavo_defect_efc_enet_rx_chnl_t", sizeof(kavo_defect_efc_enet_rx_chnl_t), false, members_kavo_defect_efc_enet_rx_chnl_t, sizeof(members_kavo_defect_efc_enet_rx_chnl_t) / sizeof(members_kavo_defect_efc_enet_rx_chnl_t[0]), [](void* p) { kavo_defect_efc_enet_rx_chnl_t_init((kavo_defect_efc_enet_rx_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_efc_enet_rx_chnl_t_print((const kavo_defect_efc_enet_rx_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_efc_enet_chnl_t[] = {
+    {"tx", offsetof(kavo_defect_efc_enet_chnl_t, tx), sizeof(((kavo_defect_efc_enet_chnl_t*)nullptr)->tx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_efc_enet_tx_chnl_t, false},
+    {"rx", offsetof(kavo_defect_efc_enet_chnl_t, rx), sizeof(((kavo_defect_efc_enet_chnl_t*)nullptr)->rx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_efc_enet_rx_chnl_t, false},
+};
+const record_info record_kavo_defect_efc_enet_chnl_t = {"kavo_defect_efc_enet_chnl_t", sizeof(kavo_defect_efc_enet_chnl_t), false, members_kavo_defect_efc_enet_chnl_t, sizeof(members_kavo_defect_efc_enet_chnl_t) / sizeof(members_kavo_defect_efc_enet_chnl_t[0]), [](void* p) { kavo_defect_efc_enet_chnl_t_init((kavo_defect_efc_enet_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_efc_enet_chnl_t_print((const kavo_defect_efc_enet_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_pb_pcs_chnl_t[] = {
+    {"rx_fifo_overflow", offsetof(kavo_defect_pb_pcs_chnl_t, rx_fifo_overflow), sizeof(((kavo_defect_pb_pcs_chnl_t*)nullptr)->rx_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_fifo_underflow", offsetof(kavo_defect_pb_pcs_chnl_t, rx_fifo_underflow), sizeof(((kavo_defect_pb_pcs_chnl_t*)nullptr)->rx_fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_fifo_overflow", offsetof(kavo_defect_pb_pcs_chnl_t, tx_fifo_overflow), sizeof(((kavo_defect_pb_pcs_chnl_t*)nullptr)->tx_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_fifo_underflow", offsetof(kavo_defect_pb_pcs_chnl_t, tx_fifo_underflow), sizeof(((kavo_defect_pb_pcs_chnl_t*)nullptr)->tx_fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"decode_err", offsetof(kavo_defect_pb_pcs_chnl_t, decode_err), sizeof(((kavo_defect_pb_pcs_chnl_t*)nullptr)->decode_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"encode_err", offsetof(kavo_defect_pb_pcs_chnl_t, encode_err), sizeof(((kavo_defect_pb_pcs_chnl_t*)nullptr)->encode_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"lpi", offsetof(kavo_defect_pb_pcs_chnl_t, lpi), sizeof(((kavo_defect_pb_pcs_chnl_t*)nullptr)->lpi) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_err", offsetof(kavo_defect_pb_pcs_chnl_t, ecc_err), sizeof(((kavo_defect_pb_pcs_chnl_t*)nullptr)->ecc_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_pb_pcs_chnl_t = {"kavo_defect_pb_pcs_chnl_t", sizeof(kavo_defect_pb_pcs_chnl_t), false, members_kavo_defect_pb_pcs_chnl_t, sizeof(members_kavo_defect_pb_pcs_chnl_t) / sizeof(members_kavo_defect_pb_pcs_chnl_t[0]), [](void* p) { kavo_defect_pb_pcs_chnl_t_init((kavo_defect_pb_pcs_chnl_t*)p); }, [](const void* p, FILE*) { kavo_defect_pb_pcs_chnl_t_print((const kavo_defect_pb_pcs_chnl_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_sar_mpma_dsp_t[] = {
+    {"rate_out_of_range", offsetof(kavo_defect_sar_mpma_dsp_t, rate_out_of_range), sizeof(((kavo_defect_sar_mpma_dsp_t*)nullptr)->rate_out_of_range) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_overflow", offsetof(kavo_defect_sar_mpma_dsp_t, fifo_overflow), sizeof(((kavo_defect_sar_mpma_dsp_t*)nullptr)->fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_underflow", offsetof(kavo_defect_sar_mpma_dsp_t, fifo_underflow), sizeof(((kavo_defect_sar_mpma_dsp_t*)nullptr)->fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"dsp_unlocked", offsetof(kavo_defect_sar_mpma_dsp_t, dsp_unlocked), sizeof(((kavo_defect_sar_mpma_dsp_t*)nullptr)->dsp_unlocked) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"gmp_err", offsetof(kavo_defect_sar_mpma_dsp_t, gmp_err), sizeof(((kavo_defect_sar_mpma_dsp_t*)nullptr)->gmp_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cnd_err", offsetof(kavo_defect_sar_mpma_dsp_t, cnd_err), sizeof(((kavo_defect_sar_mpma_dsp_t*)nullptr)->cnd_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"freq_drift", offsetof(kavo_defect_sar_mpma_dsp_t, freq_drift), sizeof(((kavo_defect_sar_mpma_dsp_t*)nullptr)->freq_drift) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"phase_err", offsetof(kavo_defect_sar_mpma_dsp_t, phase_err), sizeof(((kavo_defect_sar_mpma_dsp_t*)nullptr)->phase_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_sar_mpma_dsp_t = {"kavo_defect_sar_mpma_dsp_t", sizeof(kavo_defect_sar_mpma_dsp_t), false, members_kavo_defect_sar_mpma_dsp_t, sizeof(members_kavo_defect_sar_mpma_dsp_t) / sizeof(members_kavo_defect_sar_mpma_dsp_t[0]), [](void* p) { kavo_defect_sar_mpma_dsp_t_init((kavo_defect_sar_mpma_dsp_t*)p); }, [](const void* p, FILE*) { kavo_defect_sar_mpma_dsp_t_print((const kavo_defect_sar_mpma_dsp_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_flexe_client_segment_t[] = {
+    {"summary", offsetof(kavo_defect_flexe_client_segment_t, summary), sizeof(((kavo_defect_flexe_client_segment_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"client", offsetof(kavo_defect_flexe_client_segment_t, client), sizeof(((kavo_defect_flexe_client_segment_t*)nullptr)->client) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_flexe_client_chnl_t, false},
+    {"mac", offsetof(kavo_defect_flexe_client_segment_t, mac), sizeof(((kavo_defect_flexe_client_segment_t*)nullptr)->mac) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_enet_mac_chnl_t, false},
+    {"efc", offsetof(kavo_defect_flexe_client_segment_t, efc), sizeof(((kavo_defect_flexe_client_segment_t*)nullptr)->efc) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_efc_enet_chnl_t, false},
+    {"pb_pcs", offsetof(kavo_defect_flexe_client_segment_t, pb_pcs), sizeof(((kavo_defect_flexe_client_segment_t*)nullptr)->pb_pcs) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_pb_pcs_chnl_t, false},
+    {"sar", offsetof(kavo_defect_flexe_client_segment_t, sar), sizeof(((kavo_defect_flexe_client_segment_t*)nullptr)->sar) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_sar_mpma_dsp_t, false},
+    {"pad", offsetof(kavo_defect_flexe_client_segment_t, pad), sizeof(((kavo_defect_flexe_client_segment_t*)nullptr)->pad) / 6, 6, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_flexe_client_segment_t = {"kavo_defect_flexe_client_segment_t", sizeof(kavo_defect_flexe_client_segment_t), false, members_kavo_defect_flexe_client_segment_t, sizeof(members_kavo_defect_flexe_client_segment_t) / sizeof(members_kavo_defect_flexe_client_segment_t[0]), [](void* p) { kavo_defect_flexe_client_segment_t_init((kavo_defect_flexe_client_segment_t*)p); }, [](const void* p, FILE*) { kavo_defect_flexe_client_segment_t_print((const kavo_defect_flexe_client_segment_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_serdes_t[] = {
+    {"summary", offsetof(kavo_defect_serdes_t, summary), sizeof(((kavo_defect_serdes_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"los", offsetof(kavo_defect_serdes_t, los), sizeof(((kavo_defect_serdes_t*)nullptr)->los) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cdr_lol", offsetof(kavo_defect_serdes_t, cdr_lol), sizeof(((kavo_defect_serdes_t*)nullptr)->cdr_lol) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_pll_lol", offsetof(kavo_defect_serdes_t, rx_pll_lol), sizeof(((kavo_defect_serdes_t*)nullptr)->rx_pll_lol) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"adapt_fail", offsetof(kavo_defect_serdes_t, adapt_fail), sizeof(((kavo_defect_serdes_t*)nullptr)->adapt_fail) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"eye_margin_low", offsetof(kavo_defect_serdes_t, eye_margin_low), sizeof(((kavo_defect_serdes_t*)nullptr)->eye_margin_low) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ppm_out_of_range", offsetof(kavo_defect_serdes_t, ppm_out_of_range), sizeof(((kavo_defect_serdes_t*)nullptr)->ppm_out_of_range) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"bit_err_high", offsetof(kavo_defect_serdes_t, bit_err_high), sizeof(((kavo_defect_serdes_t*)nullptr)->bit_err_high) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"prbs_lock_lost", offsetof(kavo_defect_serdes_t, prbs_lock_lost), sizeof(((kavo_defect_serdes_t*)nullptr)->prbs_lock_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"prbs_err", offsetof(kavo_defect_serdes_t, prbs_err), sizeof(((kavo_defect_serdes_t*)nullptr)->prbs_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"rx_fifo_err", offsetof(kavo_defect_serdes_t, rx_fifo_err), sizeof(((kavo_defect_serdes_t*)nullptr)->rx_fifo_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"dfe_saturated", offsetof(kavo_defect_serdes_t, dfe_saturated), sizeof(((kavo_defect_serdes_t*)nullptr)->dfe_saturated) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ctle_saturated", offsetof(kavo_defect_serdes_t, ctle_saturated), sizeof(((kavo_defect_serdes_t*)nullptr)->ctle_saturated) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_pll_lol", offsetof(kavo_defect_serdes_t, tx_pll_lol), sizeof(((kavo_defect_serdes_t*)nullptr)->tx_pll_lol) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"tx_fifo_err", offsetof(kavo_defect_serdes_t, tx_fifo_err), sizeof(((kavo_defect_serdes_t*)nullptr)->tx_fifo_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"uc_crash", offsetof(kavo_defect_serdes_t, uc_crash), sizeof(((kavo_defect_serdes_t*)nullptr)->uc_crash) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"uc_not_loaded", offsetof(kavo_defect_serdes_t, uc_not_loaded), sizeof(((kavo_defect_serdes_t*)nullptr)->uc_not_loaded) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"temp_out_of_range", offsetof(kavo_defect_serdes_t, temp_out_of_range), sizeof(((kavo_defect_serdes_t*)nullptr)->temp_out_of_range) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pad", offsetof(kavo_defect_serdes_t, pad), sizeof(((kavo_defect_serdes_t*)nullptr)->pad) / 14, 14, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_serdes_t = {"kavo_defect_serdes_t", sizeof(kavo_defect_serdes_t), false, members_kavo_defect_serdes_t, sizeof(members_kavo_defect_serdes_t) / sizeof(members_kavo_defect_serdes_t[0]), [](void* p) { kavo_defect_serdes_t_init((kavo_defect_serdes_t*)p); }, [](const void* p, FILE*) { kavo_defect_serdes_t_print((const kavo_defect_serdes_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_shw_t[] = {
+    {"ocr_ecc_correctable", offsetof(kavo_defect_shw_t, ocr_ecc_correctable), sizeof(((kavo_defect_shw_t*)nullptr)->ocr_ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ocr_ecc_uncorrectable", offsetof(kavo_defect_shw_t, ocr_ecc_uncorrectable), sizeof(((kavo_defect_shw_t*)nullptr)->ocr_ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"cpu_watchdog", offsetof(kavo_defect_shw_t, cpu_watchdog), sizeof(((kavo_defect_shw_t*)nullptr)->cpu_watchdog) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"temp_high", offsetof(kavo_defect_shw_t, temp_high), sizeof(((kavo_defect_shw_t*)nullptr)->temp_high) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"temp_critical", offsetof(kavo_defect_shw_t, temp_critical), sizeof(((kavo_defect_shw_t*)nullptr)->temp_critical) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"core_pll_lol", offsetof(kavo_defect_shw_t, core_pll_lol), sizeof(((kavo_defect_shw_t*)nullptr)->core_pll_lol) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"i2c_err", offsetof(kavo_defect_shw_t, i2c_err), sizeof(((kavo_defect_shw_t*)nullptr)->i2c_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_shw_t = {"kavo_defect_shw_t", sizeof(kavo_defect_shw_t), false, members_kavo_defect_shw_t, sizeof(members_kavo_defect_shw_t) / sizeof(members_kavo_defect_shw_t[0]), [](void* p) { kavo_defect_shw_t_init((kavo_defect_shw_t*)p); }, [](const void* p, FILE*) { kavo_defect_shw_t_print((const kavo_defect_shw_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_pb_igr_top_t[] = {
+    {"fifo_overflow", offsetof(kavo_defect_pb_igr_top_t, fifo_overflow), sizeof(((kavo_defect_pb_igr_top_t*)nullptr)->fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_underflow", offsetof(kavo_defect_pb_igr_top_t, fifo_underflow), sizeof(((kavo_defect_pb_igr_top_t*)nullptr)->fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_correctable", offsetof(kavo_defect_pb_igr_top_t, ecc_correctable), sizeof(((kavo_defect_pb_igr_top_t*)nullptr)->ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_uncorrectable", offsetof(kavo_defect_pb_igr_top_t, ecc_uncorrectable), sizeof(((kavo_defect_pb_igr_top_t*)nullptr)->ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"page_exhausted", offsetof(kavo_defect_pb_igr_top_t, page_exhausted), sizeof(((kavo_defect_pb_igr_top_t*)nullptr)->page_exhausted) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"desc_err", offsetof(kavo_defect_pb_igr_top_t, desc_err), sizeof(((kavo_defect_pb_igr_top_t*)nullptr)->desc_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"parity_err", offsetof(kavo_defect_pb_igr_top_t, parity_err), sizeof(((kavo_defect_pb_igr_top_t*)nullptr)->parity_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"drop", offsetof(kavo_defect_pb_igr_top_t, drop), sizeof(((kavo_defect_pb_igr_top_t*)nullptr)->drop) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_pb_igr_top_t = {"kavo_defect_pb_igr_top_t", sizeof(kavo_defect_pb_igr_top_t), false, members_kavo_defect_pb_igr_top_t, sizeof(members_kavo_defect_pb_igr_top_t) / sizeof(members_kavo_defect_pb_igr_top_t[0]), [](void* p) { kavo_defect_pb_igr_top_t_init((kavo_defect_pb_igr_top_t*)p); }, [](const void* p, FILE*) { kavo_defect_pb_igr_top_t_print((const kavo_defect_pb_igr_top_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_pb_egr_top_t[] = {
+    {"fifo_overflow", offsetof(kavo_defect_pb_egr_top_t, fifo_overflow), sizeof(((kavo_defect_pb_egr_top_t*)nullptr)->fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fifo_underflow", offsetof(kavo_defect_pb_egr_top_t, fifo_underflow), sizeof(((kavo_defect_pb_egr_top_t*)nullptr)->fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_correctable", offsetof(kavo_defect_pb_egr_top_t, ecc_correctable), sizeof(((kavo_defect_pb_egr_top_t*)nullptr)->ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_uncorrectable", offsetof(kavo_defect_pb_egr_top_t, ecc_uncorrectable), sizeof(((kavo_defect_pb_egr_top_t*)nullptr)->ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"page_exhausted", offsetof(kavo_defect_pb_egr_top_t, page_exhausted), sizeof(((kavo_defect_pb_egr_top_t*)nullptr)->page_exhausted) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"desc_err", offsetof(kavo_defect_pb_egr_top_t, desc_err), sizeof(((kavo_defect_pb_egr_top_t*)nullptr)->desc_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"parity_err", offsetof(kavo_defect_pb_egr_top_t, parity_err), sizeof(((kavo_defect_pb_egr_top_t*)nullptr)->parity_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"drop", offsetof(kavo_defect_pb_egr_top_t, drop), sizeof(((kavo_defect_pb_egr_top_t*)nullptr)->drop) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_pb_egr_top_t = {"kavo_defect_pb_egr_top_t", sizeof(kavo_defect_pb_egr_top_t), false, members_kavo_defect_pb_egr_top_t, sizeof(members_kavo_defect_pb_egr_top_t) / sizeof(members_kavo_defect_pb_egr_top_t[0]), [](void* p) { kavo_defect_pb_egr_top_t_init((kavo_defect_pb_egr_top_t*)p); }, [](const void* p, FILE*) { kavo_defect_pb_egr_top_t_print((const kavo_defect_pb_egr_top_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_enet_top_t[] = {
+    {"mac_ecc_correctable", offsetof(kavo_defect_enet_top_t, mac_ecc_correctable), sizeof(((kavo_defect_enet_top_t*)nullptr)->mac_ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"mac_ecc_uncorrectable", offsetof(kavo_defect_enet_top_t, mac_ecc_uncorrectable), sizeof(((kavo_defect_enet_top_t*)nullptr)->mac_ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fec_ecc_correctable", offsetof(kavo_defect_enet_top_t, fec_ecc_correctable), sizeof(((kavo_defect_enet_top_t*)nullptr)->fec_ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"fec_ecc_uncorrectable", offsetof(kavo_defect_enet_top_t, fec_ecc_uncorrectable), sizeof(((kavo_defect_enet_top_t*)nullptr)->fec_ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ptp_fifo_overflow", offsetof(kavo_defect_enet_top_t, ptp_fifo_overflow), sizeof(((kavo_defect_enet_top_t*)nullptr)->ptp_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"stats_overflow", offsetof(kavo_defect_enet_top_t, stats_overflow), sizeof(((kavo_defect_enet_top_t*)nullptr)->stats_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pll_lol", offsetof(kavo_defect_enet_top_t, pll_lol), sizeof(((kavo_defect_enet_top_t*)nullptr)->pll_lol) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"xmacpcs_err", offsetof(kavo_defect_enet_top_t, xmacpcs_err), sizeof(((kavo_defect_enet_top_t*)nullptr)->xmacpcs_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_enet_top_t = {"kavo_defect_enet_top_t", sizeof(kavo_defect_enet_top_t), false, members_kavo_defect_enet_top_t, sizeof(members_kavo_defect_enet_top_t) / sizeof(members_kavo_defect_enet_top_t[0]), [](void* p) { kavo_defect_enet_top_t_init((kavo_defect_enet_top_t*)p); }, [](const void* p, FILE*) { kavo_defect_enet_top_t_print((const kavo_defect_enet_top_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_foh_t[] = {
+    {"ohp_fifo_overflow", offsetof(kavo_defect_foh_t, ohp_fifo_overflow), sizeof(((kavo_defect_foh_t*)nullptr)->ohp_fifo_overflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ohp_fifo_underflow", offsetof(kavo_defect_foh_t, ohp_fifo_underflow), sizeof(((kavo_defect_foh_t*)nullptr)->ohp_fifo_underflow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ins_err", offsetof(kavo_defect_foh_t, ins_err), sizeof(((kavo_defect_foh_t*)nullptr)->ins_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ext_err", offsetof(kavo_defect_foh_t, ext_err), sizeof(((kavo_defect_foh_t*)nullptr)->ext_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_correctable", offsetof(kavo_defect_foh_t, ecc_correctable), sizeof(((kavo_defect_foh_t*)nullptr)->ecc_correctable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"ecc_uncorrectable", offsetof(kavo_defect_foh_t, ecc_uncorrectable), sizeof(((kavo_defect_foh_t*)nullptr)->ecc_uncorrectable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"crc_err", offsetof(kavo_defect_foh_t, crc_err), sizeof(((kavo_defect_foh_t*)nullptr)->crc_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"sync_lost", offsetof(kavo_defect_foh_t, sync_lost), sizeof(((kavo_defect_foh_t*)nullptr)->sync_lost) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+};
+const record_info record_kavo_defect_foh_t = {"kavo_defect_foh_t", sizeof(kavo_defect_foh_t), false, members_kavo_defect_foh_t, sizeof(members_kavo_defect_foh_t) / sizeof(members_kavo_defect_foh_t[0]), [](void* p) { kavo_defect_foh_t_init((kavo_defect_foh_t*)p); }, [](const void* p, FILE*) { kavo_defect_foh_t_print((const kavo_defect_foh_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_slice_top_t[] = {
+    {"pb_igr", offsetof(kavo_defect_slice_top_t, pb_igr), sizeof(((kavo_defect_slice_top_t*)nullptr)->pb_igr) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_pb_igr_top_t, false},
+    {"pb_egr", offsetof(kavo_defect_slice_top_t, pb_egr), sizeof(((kavo_defect_slice_top_t*)nullptr)->pb_egr) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_pb_egr_top_t, false},
+    {"enet", offsetof(kavo_defect_slice_top_t, enet), sizeof(((kavo_defect_slice_top_t*)nullptr)->enet) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_enet_top_t, false},
+    {"foh", offsetof(kavo_defect_slice_top_t, foh), sizeof(((kavo_defect_slice_top_t*)nullptr)->foh) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_foh_t, false},
+};
+const record_info record_kavo_defect_slice_top_t = {"kavo_defect_slice_top_t", sizeof(kavo_defect_slice_top_t), false, members_kavo_defect_slice_top_t, sizeof(members_kavo_defect_slice_top_t) / sizeof(members_kavo_defect_slice_top_t[0]), [](void* p) { kavo_defect_slice_top_t_init((kavo_defect_slice_top_t*)p); }, [](const void* p, FILE*) { kavo_defect_slice_top_t_print((const kavo_defect_slice_top_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_tlic_t[] = {
+    {"summary", offsetof(kavo_defect_tlic_t, summary), sizeof(((kavo_defect_tlic_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"shw", offsetof(kavo_defect_tlic_t, shw), sizeof(((kavo_defect_tlic_t*)nullptr)->shw) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_shw_t, false},
+    {"slice", offsetof(kavo_defect_tlic_t, slice), sizeof(((kavo_defect_tlic_t*)nullptr)->slice) / 3, 3, 1, value_kind::RECORD, nullptr, &record_kavo_defect_slice_top_t, false},
+};
+const record_info record_kavo_defect_tlic_t = {"kavo_defect_tlic_t", sizeof(kavo_defect_tlic_t), false, members_kavo_defect_tlic_t, sizeof(members_kavo_defect_tlic_t) / sizeof(members_kavo_defect_tlic_t[0]), [](void* p) { kavo_defect_tlic_t_init((kavo_defect_tlic_t*)p); }, [](const void* p, FILE*) { kavo_defect_tlic_t_print((const kavo_defect_tlic_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_dcsu_t[] = {
+    {"summary", offsetof(kavo_defect_dcsu_t, summary), sizeof(((kavo_defect_dcsu_t*)nullptr)->summary) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"lock", offsetof(kavo_defect_dcsu_t, lock), sizeof(((kavo_defect_dcsu_t*)nullptr)->lock) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"err_slow", offsetof(kavo_defect_dcsu_t, err_slow), sizeof(((kavo_defect_dcsu_t*)nullptr)->err_slow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"err_fast", offsetof(kavo_defect_dcsu_t, err_fast), sizeof(((kavo_defect_dcsu_t*)nullptr)->err_fast) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"dco_slow", offsetof(kavo_defect_dcsu_t, dco_slow), sizeof(((kavo_defect_dcsu_t*)nullptr)->dco_slow) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"dco_fast", offsetof(kavo_defect_dcsu_t, dco_fast), sizeof(((kavo_defect_dcsu_t*)nullptr)->dco_fast) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_ive_t, false},
+    {"pad", offsetof(kavo_defect_dcsu_t, pad), sizeof(((kavo_defect_dcsu_t*)nullptr)->pad) / 2, 2, 1, value_kind::U8, nullptr, nullptr, false},
+};
+const record_info record_kavo_defect_dcsu_t = {"kavo_defect_dcsu_t", sizeof(kavo_defect_dcsu_t), false, members_kavo_defect_dcsu_t, sizeof(members_kavo_defect_dcsu_t) / sizeof(members_kavo_defect_dcsu_t[0]), [](void* p) { kavo_defect_dcsu_t_init((kavo_defect_dcsu_t*)p); }, [](const void* p, FILE*) { kavo_defect_dcsu_t_print((const kavo_defect_dcsu_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_defect_device_summary_t[] = {
+    {"ilkn_intf", offsetof(kavo_defect_device_summary_t, ilkn_intf), sizeof(((kavo_defect_device_summary_t*)nullptr)->ilkn_intf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"ilkn_chnl", offsetof(kavo_defect_device_summary_t, ilkn_chnl), sizeof(((kavo_defect_device_summary_t*)nullptr)->ilkn_chnl) / 8, 8, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"enet_port", offsetof(kavo_defect_device_summary_t, enet_port), sizeof(((kavo_defect_device_summary_t*)nullptr)->enet_port) / 48, 48, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"flexe_client", offsetof(kavo_defect_device_summary_t, flexe_client), sizeof(((kavo_defect_device_summary_t*)nullptr)->flexe_client) / 24, 24, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"flexe_group", offsetof(kavo_defect_device_summary_t, flexe_group), sizeof(((kavo_defect_device_summary_t*)nullptr)->flexe_group) / 12, 12, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"serdes", offsetof(kavo_defect_device_summary_t, serdes), sizeof(((kavo_defect_device_summary_t*)nullptr)->serdes) / 48, 48, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"tlic", offsetof(kavo_defect_device_summary_t, tlic), sizeof(((kavo_defect_device_summary_t*)nullptr)->tlic) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"dcsu", offsetof(kavo_defect_device_summary_t, dcsu), sizeof(((kavo_defect_device_summary_t*)nullptr)->dcsu) / 6, 6, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+    {"anlt", offsetof(kavo_defect_device_summary_t, anlt), sizeof(((kavo_defect_device_summary_t*)nullptr)->anlt) / 48, 48, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
+};
+const record_info record_kavo_defect_device_summary_t = {"kavo_defect_device_summary_t", sizeof(kavo_defect_device_summary_t), false, members_kavo_defect_device_summary_t, sizeof(members_kavo_defect_device_summary_t) / sizeof(members_kavo_defect_device_summary_t[0]), [](void* p) { kavo_defect_device_summary_t_init((kavo_defect_device_summary_t*)p); }, [](const void* p, FILE*) { kavo_defect_device_summary_t_print((const kavo_defect_device_summary_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
 const member_info members_kavo_flexe_phy_info_t[] = {
     {"flexe_phy_number", offsetof(kavo_flexe_phy_info_t, flexe_phy_number), sizeof(((kavo_flexe_phy_info_t*)nullptr)->flexe_phy_number) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
     {"num_unavailable_slots", offsetof(kavo_flexe_phy_info_t, num_unavailable_slots), sizeof(((kavo_flexe_phy_info_t*)nullptr)->num_unavailable_slots) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
@@ -743,6 +1212,193 @@ const member_info members_kavo_pmon_cfg_t[] = {
     {"debug_counter_enable", offsetof(kavo_pmon_cfg_t, debug_counter_enable), sizeof(((kavo_pmon_cfg_t*)nullptr)->debug_counter_enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
 };
 const record_info record_kavo_pmon_cfg_t = {"kavo_pmon_cfg_t", sizeof(kavo_pmon_cfg_t), false, members_kavo_pmon_cfg_t, sizeof(members_kavo_pmon_cfg_t) / sizeof(members_kavo_pmon_cfg_t[0]), [](void* p) { kavo_pmon_cfg_t_init((kavo_pmon_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_pmon_cfg_t_print((const kavo_pmon_cfg_t*)p, f); }};
+const member_info members_kavo_pmon_enet_phy_rx_t[] = {
+    {"fec_corrected_cw_lsb", offsetof(kavo_pmon_enet_phy_rx_t, fec_corrected_cw_lsb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->fec_corrected_cw_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_corrected_cw_msb", offsetof(kavo_pmon_enet_phy_rx_t, fec_corrected_cw_msb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->fec_corrected_cw_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_uncorrected_cw_lsb", offsetof(kavo_pmon_enet_phy_rx_t, fec_uncorrected_cw_lsb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->fec_uncorrected_cw_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_uncorrected_cw_msb", offsetof(kavo_pmon_enet_phy_rx_t, fec_uncorrected_cw_msb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->fec_uncorrected_cw_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_symbol_err_lsb", offsetof(kavo_pmon_enet_phy_rx_t, fec_symbol_err_lsb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->fec_symbol_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_symbol_err_msb", offsetof(kavo_pmon_enet_phy_rx_t, fec_symbol_err_msb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->fec_symbol_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bip_err_lsb", offsetof(kavo_pmon_enet_phy_rx_t, bip_err_lsb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->bip_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bip_err_msb", offsetof(kavo_pmon_enet_phy_rx_t, bip_err_msb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->bip_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"errored_blocks_lsb", offsetof(kavo_pmon_enet_phy_rx_t, errored_blocks_lsb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->errored_blocks_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"errored_blocks_msb", offsetof(kavo_pmon_enet_phy_rx_t, errored_blocks_msb), sizeof(((kavo_pmon_enet_phy_rx_t*)nullptr)->errored_blocks_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_enet_phy_rx_t = {"kavo_pmon_enet_phy_rx_t", sizeof(kavo_pmon_enet_phy_rx_t), false, members_kavo_pmon_enet_phy_rx_t, sizeof(members_kavo_pmon_enet_phy_rx_t) / sizeof(members_kavo_pmon_enet_phy_rx_t[0]), [](void* p) { kavo_pmon_enet_phy_rx_t_init((kavo_pmon_enet_phy_rx_t*)p); }, [](const void* p, FILE*) { kavo_pmon_enet_phy_rx_t_print((const kavo_pmon_enet_phy_rx_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_enet_mac_rx_t[] = {
+    {"frames_ok_lsb", offsetof(kavo_pmon_enet_mac_rx_t, frames_ok_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->frames_ok_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"frames_ok_msb", offsetof(kavo_pmon_enet_mac_rx_t, frames_ok_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->frames_ok_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"octets_ok_lsb", offsetof(kavo_pmon_enet_mac_rx_t, octets_ok_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->octets_ok_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"octets_ok_msb", offsetof(kavo_pmon_enet_mac_rx_t, octets_ok_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->octets_ok_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fcs_err_lsb", offsetof(kavo_pmon_enet_mac_rx_t, fcs_err_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->fcs_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fcs_err_msb", offsetof(kavo_pmon_enet_mac_rx_t, fcs_err_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->fcs_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"undersize_lsb", offsetof(kavo_pmon_enet_mac_rx_t, undersize_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->undersize_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"undersize_msb", offsetof(kavo_pmon_enet_mac_rx_t, undersize_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->undersize_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"oversize_lsb", offsetof(kavo_pmon_enet_mac_rx_t, oversize_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->oversize_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"oversize_msb", offsetof(kavo_pmon_enet_mac_rx_t, oversize_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->oversize_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fragments_lsb", offsetof(kavo_pmon_enet_mac_rx_t, fragments_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->fragments_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fragments_msb", offsetof(kavo_pmon_enet_mac_rx_t, fragments_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->fragments_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"jabbers_lsb", offsetof(kavo_pmon_enet_mac_rx_t, jabbers_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->jabbers_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"jabbers_msb", offsetof(kavo_pmon_enet_mac_rx_t, jabbers_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->jabbers_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_64_lsb", offsetof(kavo_pmon_enet_mac_rx_t, bin_64_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_64_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_64_msb", offsetof(kavo_pmon_enet_mac_rx_t, bin_64_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_64_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_65_127_lsb", offsetof(kavo_pmon_enet_mac_rx_t, bin_65_127_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_65_127_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_65_127_msb", offsetof(kavo_pmon_enet_mac_rx_t, bin_65_127_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_65_127_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_128_255_lsb", offsetof(kavo_pmon_enet_mac_rx_t, bin_128_255_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_128_255_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_128_255_msb", offsetof(kavo_pmon_enet_mac_rx_t, bin_128_255_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_128_255_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_256_511_lsb", offsetof(kavo_pmon_enet_mac_rx_t, bin_256_511_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_256_511_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_256_511_msb", offsetof(kavo_pmon_enet_mac_rx_t, bin_256_511_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_256_511_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_512_1023_lsb", offsetof(kavo_pmon_enet_mac_rx_t, bin_512_1023_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_512_1023_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_512_1023_msb", offsetof(kavo_pmon_enet_mac_rx_t, bin_512_1023_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_512_1023_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_1024_1518_lsb", offsetof(kavo_pmon_enet_mac_rx_t, bin_1024_1518_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_1024_1518_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_1024_1518_msb", offsetof(kavo_pmon_enet_mac_rx_t, bin_1024_1518_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_1024_1518_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_1519_max_lsb", offsetof(kavo_pmon_enet_mac_rx_t, bin_1519_max_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_1519_max_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_1519_max_msb", offsetof(kavo_pmon_enet_mac_rx_t, bin_1519_max_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->bin_1519_max_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pause_lsb", offsetof(kavo_pmon_enet_mac_rx_t, pause_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->pause_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pause_msb", offsetof(kavo_pmon_enet_mac_rx_t, pause_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->pause_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"unicast_lsb", offsetof(kavo_pmon_enet_mac_rx_t, unicast_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->unicast_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"unicast_msb", offsetof(kavo_pmon_enet_mac_rx_t, unicast_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->unicast_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"multicast_lsb", offsetof(kavo_pmon_enet_mac_rx_t, multicast_lsb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->multicast_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"multicast_msb", offsetof(kavo_pmon_enet_mac_rx_t, multicast_msb), sizeof(((kavo_pmon_enet_mac_rx_t*)nullptr)->multicast_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_enet_mac_rx_t = {"kavo_pmon_enet_mac_rx_t", sizeof(kavo_pmon_enet_mac_rx_t), false, members_kavo_pmon_enet_mac_rx_t, sizeof(members_kavo_pmon_enet_mac_rx_t) / sizeof(members_kavo_pmon_enet_mac_rx_t[0]), [](void* p) { kavo_pmon_enet_mac_rx_t_init((kavo_pmon_enet_mac_rx_t*)p); }, [](const void* p, FILE*) { kavo_pmon_enet_mac_rx_t_print((const kavo_pmon_enet_mac_rx_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_enet_mac_tx_t[] = {
+    {"frames_ok_lsb", offsetof(kavo_pmon_enet_mac_tx_t, frames_ok_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->frames_ok_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"frames_ok_msb", offsetof(kavo_pmon_enet_mac_tx_t, frames_ok_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->frames_ok_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"octets_ok_lsb", offsetof(kavo_pmon_enet_mac_tx_t, octets_ok_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->octets_ok_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"octets_ok_msb", offsetof(kavo_pmon_enet_mac_tx_t, octets_ok_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->octets_ok_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_64_lsb", offsetof(kavo_pmon_enet_mac_tx_t, bin_64_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_64_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_64_msb", offsetof(kavo_pmon_enet_mac_tx_t, bin_64_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_64_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_65_127_lsb", offsetof(kavo_pmon_enet_mac_tx_t, bin_65_127_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_65_127_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_65_127_msb", offsetof(kavo_pmon_enet_mac_tx_t, bin_65_127_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_65_127_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_128_255_lsb", offsetof(kavo_pmon_enet_mac_tx_t, bin_128_255_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_128_255_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_128_255_msb", offsetof(kavo_pmon_enet_mac_tx_t, bin_128_255_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_128_255_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_256_511_lsb", offsetof(kavo_pmon_enet_mac_tx_t, bin_256_511_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_256_511_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_256_511_msb", offsetof(kavo_pmon_enet_mac_tx_t, bin_256_511_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_256_511_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_512_1023_lsb", offsetof(kavo_pmon_enet_mac_tx_t, bin_512_1023_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_512_1023_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_512_1023_msb", offsetof(kavo_pmon_enet_mac_tx_t, bin_512_1023_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_512_1023_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_1024_1518_lsb", offsetof(kavo_pmon_enet_mac_tx_t, bin_1024_1518_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_1024_1518_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_1024_1518_msb", offsetof(kavo_pmon_enet_mac_tx_t, bin_1024_1518_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_1024_1518_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_1519_max_lsb", offsetof(kavo_pmon_enet_mac_tx_t, bin_1519_max_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_1519_max_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bin_1519_max_msb", offsetof(kavo_pmon_enet_mac_tx_t, bin_1519_max_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->bin_1519_max_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pause_lsb", offsetof(kavo_pmon_enet_mac_tx_t, pause_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->pause_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pause_msb", offsetof(kavo_pmon_enet_mac_tx_t, pause_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->pause_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"underflow_err_lsb", offsetof(kavo_pmon_enet_mac_tx_t, underflow_err_lsb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->underflow_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"underflow_err_msb", offsetof(kavo_pmon_enet_mac_tx_t, underflow_err_msb), sizeof(((kavo_pmon_enet_mac_tx_t*)nullptr)->underflow_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_enet_mac_tx_t = {"kavo_pmon_enet_mac_tx_t", sizeof(kavo_pmon_enet_mac_tx_t), false, members_kavo_pmon_enet_mac_tx_t, sizeof(members_kavo_pmon_enet_mac_tx_t) / sizeof(members_kavo_pmon_enet_mac_tx_t[0]), [](void* p) { kavo_pmon_enet_mac_tx_t_init((kavo_pmon_enet_mac_tx_t*)p); }, [](const void* p, FILE*) { kavo_pmon_enet_mac_tx_t_print((const kavo_pmon_enet_mac_tx_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_pb_t[] = {
+    {"rx_drops_lsb", offsetof(kavo_pmon_pb_t, rx_drops_lsb), sizeof(((kavo_pmon_pb_t*)nullptr)->rx_drops_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_drops_msb", offsetof(kavo_pmon_pb_t, rx_drops_msb), sizeof(((kavo_pmon_pb_t*)nullptr)->rx_drops_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_drops_lsb", offsetof(kavo_pmon_pb_t, tx_drops_lsb), sizeof(((kavo_pmon_pb_t*)nullptr)->tx_drops_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_drops_msb", offsetof(kavo_pmon_pb_t, tx_drops_msb), sizeof(((kavo_pmon_pb_t*)nullptr)->tx_drops_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_pb_t = {"kavo_pmon_pb_t", sizeof(kavo_pmon_pb_t), false, members_kavo_pmon_pb_t, sizeof(members_kavo_pmon_pb_t) / sizeof(members_kavo_pmon_pb_t[0]), [](void* p) { kavo_pmon_pb_t_init((kavo_pmon_pb_t*)p); }, [](const void* p, FILE*) { kavo_pmon_pb_t_print((const kavo_pmon_pb_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_enet_port_segment_t[] = {
+    {"trigger_count", offsetof(kavo_pmon_enet_port_segment_t, trigger_count), sizeof(((kavo_pmon_enet_port_segment_t*)nullptr)->trigger_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"period_ms", offsetof(kavo_pmon_enet_port_segment_t, period_ms), sizeof(((kavo_pmon_enet_port_segment_t*)nullptr)->period_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"phy_rx", offsetof(kavo_pmon_enet_port_segment_t, phy_rx), sizeof(((kavo_pmon_enet_port_segment_t*)nullptr)->phy_rx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_enet_phy_rx_t, false},
+    {"mac_rx", offsetof(kavo_pmon_enet_port_segment_t, mac_rx), sizeof(((kavo_pmon_enet_port_segment_t*)nullptr)->mac_rx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_enet_mac_rx_t, false},
+    {"mac_tx", offsetof(kavo_pmon_enet_port_segment_t, mac_tx), sizeof(((kavo_pmon_enet_port_segment_t*)nullptr)->mac_tx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_enet_mac_tx_t, false},
+    {"pb", offsetof(kavo_pmon_enet_port_segment_t, pb), sizeof(((kavo_pmon_enet_port_segment_t*)nullptr)->pb) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_pb_t, false},
+};
+const record_info record_kavo_pmon_enet_port_segment_t = {"kavo_pmon_enet_port_segment_t", sizeof(kavo_pmon_enet_port_segment_t), false, members_kavo_pmon_enet_port_segment_t, sizeof(members_kavo_pmon_enet_port_segment_t) / sizeof(members_kavo_pmon_enet_port_segment_t[0]), [](void* p) { kavo_pmon_enet_port_segment_t_init((kavo_pmon_enet_port_segment_t*)p); }, [](const void* p, FILE*) { kavo_pmon_enet_port_segment_t_print((const kavo_pmon_enet_port_segment_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_ilkn_fec_t[] = {
+    {"corrected_cw_lsb", offsetof(kavo_pmon_ilkn_fec_t, corrected_cw_lsb), sizeof(((kavo_pmon_ilkn_fec_t*)nullptr)->corrected_cw_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"corrected_cw_msb", offsetof(kavo_pmon_ilkn_fec_t, corrected_cw_msb), sizeof(((kavo_pmon_ilkn_fec_t*)nullptr)->corrected_cw_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"uncorrected_cw_lsb", offsetof(kavo_pmon_ilkn_fec_t, uncorrected_cw_lsb), sizeof(((kavo_pmon_ilkn_fec_t*)nullptr)->uncorrected_cw_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"uncorrected_cw_msb", offsetof(kavo_pmon_ilkn_fec_t, uncorrected_cw_msb), sizeof(((kavo_pmon_ilkn_fec_t*)nullptr)->uncorrected_cw_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_ilkn_fec_t = {"kavo_pmon_ilkn_fec_t", sizeof(kavo_pmon_ilkn_fec_t), false, members_kavo_pmon_ilkn_fec_t, sizeof(members_kavo_pmon_ilkn_fec_t) / sizeof(members_kavo_pmon_ilkn_fec_t[0]), [](void* p) { kavo_pmon_ilkn_fec_t_init((kavo_pmon_ilkn_fec_t*)p); }, [](const void* p, FILE*) { kavo_pmon_ilkn_fec_t_print((const kavo_pmon_ilkn_fec_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_ilkn_intf_counts_t[] = {
+    {"rx_pkts_lsb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_pkts_lsb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_pkts_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_pkts_msb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_pkts_msb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_pkts_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_bytes_lsb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_bytes_lsb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_bytes_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_bytes_msb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_bytes_msb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_bytes_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_crc24_err_lsb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_crc24_err_lsb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_crc24_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_crc24_err_msb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_crc24_err_msb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_crc24_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_crc32_err_lsb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_crc32_err_lsb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_crc32_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_crc32_err_msb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_crc32_err_msb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_crc32_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_burst_err_lsb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_burst_err_lsb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_burst_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_burst_err_msb", offsetof(kavo_pmon_ilkn_intf_counts_t, rx_burst_err_msb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->rx_burst_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_pkts_lsb", offsetof(kavo_pmon_ilkn_intf_counts_t, tx_pkts_lsb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->tx_pkts_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_pkts_msb", offsetof(kavo_pmon_ilkn_intf_counts_t, tx_pkts_msb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->tx_pkts_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_bytes_lsb", offsetof(kavo_pmon_ilkn_intf_counts_t, tx_bytes_lsb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->tx_bytes_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_bytes_msb", offsetof(kavo_pmon_ilkn_intf_counts_t, tx_bytes_msb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->tx_bytes_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_underflow_err_lsb", offsetof(kavo_pmon_ilkn_intf_counts_t, tx_underflow_err_lsb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->tx_underflow_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_underflow_err_msb", offsetof(kavo_pmon_ilkn_intf_counts_t, tx_underflow_err_msb), sizeof(((kavo_pmon_ilkn_intf_counts_t*)nullptr)->tx_underflow_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_ilkn_intf_counts_t = {"kavo_pmon_ilkn_intf_counts_t", sizeof(kavo_pmon_ilkn_intf_counts_t), false, members_kavo_pmon_ilkn_intf_counts_t, sizeof(members_kavo_pmon_ilkn_intf_counts_t) / sizeof(members_kavo_pmon_ilkn_intf_counts_t[0]), [](void* p) { kavo_pmon_ilkn_intf_counts_t_init((kavo_pmon_ilkn_intf_counts_t*)p); }, [](const void* p, FILE*) { kavo_pmon_ilkn_intf_counts_t_print((const kavo_pmon_ilkn_intf_counts_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_ilkn_intf_t[] = {
+    {"trigger_count", offsetof(kavo_pmon_ilkn_intf_t, trigger_count), sizeof(((kavo_pmon_ilkn_intf_t*)nullptr)->trigger_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"period_ms", offsetof(kavo_pmon_ilkn_intf_t, period_ms), sizeof(((kavo_pmon_ilkn_intf_t*)nullptr)->period_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"counts", offsetof(kavo_pmon_ilkn_intf_t, counts), sizeof(((kavo_pmon_ilkn_intf_t*)nullptr)->counts) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_ilkn_intf_counts_t, false},
+    {"fec", offsetof(kavo_pmon_ilkn_intf_t, fec), sizeof(((kavo_pmon_ilkn_intf_t*)nullptr)->fec) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_ilkn_fec_t, false},
+};
+const record_info record_kavo_pmon_ilkn_intf_t = {"kavo_pmon_ilkn_intf_t", sizeof(kavo_pmon_ilkn_intf_t), false, members_kavo_pmon_ilkn_intf_t, sizeof(members_kavo_pmon_ilkn_intf_t) / sizeof(members_kavo_pmon_ilkn_intf_t[0]), [](void* p) { kavo_pmon_ilkn_intf_t_init((kavo_pmon_ilkn_intf_t*)p); }, [](const void* p, FILE*) { kavo_pmon_ilkn_intf_t_print((const kavo_pmon_ilkn_intf_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_ilkn_pkt_t[] = {
+    {"trigger_count", offsetof(kavo_pmon_ilkn_pkt_t, trigger_count), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->trigger_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"period_ms", offsetof(kavo_pmon_ilkn_pkt_t, period_ms), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->period_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_pkts_lsb", offsetof(kavo_pmon_ilkn_pkt_t, rx_pkts_lsb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->rx_pkts_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_pkts_msb", offsetof(kavo_pmon_ilkn_pkt_t, rx_pkts_msb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->rx_pkts_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_bytes_lsb", offsetof(kavo_pmon_ilkn_pkt_t, rx_bytes_lsb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->rx_bytes_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_bytes_msb", offsetof(kavo_pmon_ilkn_pkt_t, rx_bytes_msb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->rx_bytes_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_err_pkts_lsb", offsetof(kavo_pmon_ilkn_pkt_t, rx_err_pkts_lsb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->rx_err_pkts_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_err_pkts_msb", offsetof(kavo_pmon_ilkn_pkt_t, rx_err_pkts_msb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->rx_err_pkts_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_drops_lsb", offsetof(kavo_pmon_ilkn_pkt_t, rx_drops_lsb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->rx_drops_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_drops_msb", offsetof(kavo_pmon_ilkn_pkt_t, rx_drops_msb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->rx_drops_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_pkts_lsb", offsetof(kavo_pmon_ilkn_pkt_t, tx_pkts_lsb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->tx_pkts_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_pkts_msb", offsetof(kavo_pmon_ilkn_pkt_t, tx_pkts_msb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->tx_pkts_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_bytes_lsb", offsetof(kavo_pmon_ilkn_pkt_t, tx_bytes_lsb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->tx_bytes_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_bytes_msb", offsetof(kavo_pmon_ilkn_pkt_t, tx_bytes_msb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->tx_bytes_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_err_pkts_lsb", offsetof(kavo_pmon_ilkn_pkt_t, tx_err_pkts_lsb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->tx_err_pkts_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_err_pkts_msb", offsetof(kavo_pmon_ilkn_pkt_t, tx_err_pkts_msb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->tx_err_pkts_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_drops_lsb", offsetof(kavo_pmon_ilkn_pkt_t, tx_drops_lsb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->tx_drops_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_drops_msb", offsetof(kavo_pmon_ilkn_pkt_t, tx_drops_msb), sizeof(((kavo_pmon_ilkn_pkt_t*)nullptr)->tx_drops_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_ilkn_pkt_t = {"kavo_pmon_ilkn_pkt_t", sizeof(kavo_pmon_ilkn_pkt_t), false, members_kavo_pmon_ilkn_pkt_t, sizeof(members_kavo_pmon_ilkn_pkt_t) / sizeof(members_kavo_pmon_ilkn_pkt_t[0]), [](void* p) { kavo_pmon_ilkn_pkt_t_init((kavo_pmon_ilkn_pkt_t*)p); }, [](const void* p, FILE*) { kavo_pmon_ilkn_pkt_t_print((const kavo_pmon_ilkn_pkt_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_flexe_mux_t[] = {
+    {"tx_blocks_lsb", offsetof(kavo_pmon_flexe_mux_t, tx_blocks_lsb), sizeof(((kavo_pmon_flexe_mux_t*)nullptr)->tx_blocks_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_blocks_msb", offsetof(kavo_pmon_flexe_mux_t, tx_blocks_msb), sizeof(((kavo_pmon_flexe_mux_t*)nullptr)->tx_blocks_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_idle_inserted_lsb", offsetof(kavo_pmon_flexe_mux_t, tx_idle_inserted_lsb), sizeof(((kavo_pmon_flexe_mux_t*)nullptr)->tx_idle_inserted_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_idle_inserted_msb", offsetof(kavo_pmon_flexe_mux_t, tx_idle_inserted_msb), sizeof(((kavo_pmon_flexe_mux_t*)nullptr)->tx_idle_inserted_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_fifo_err_lsb", offsetof(kavo_pmon_flexe_mux_t, tx_fifo_err_lsb), sizeof(((kavo_pmon_flexe_mux_t*)nullptr)->tx_fifo_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_fifo_err_msb", offsetof(kavo_pmon_flexe_mux_t, tx_fifo_err_msb), sizeof(((kavo_pmon_flexe_mux_t*)nullptr)->tx_fifo_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_flexe_mux_t = {"kavo_pmon_flexe_mux_t", sizeof(kavo_pmon_flexe_mux_t), false, members_kavo_pmon_flexe_mux_t, sizeof(members_kavo_pmon_flexe_mux_t) / sizeof(members_kavo_pmon_flexe_mux_t[0]), [](void* p) { kavo_pmon_flexe_mux_t_init((kavo_pmon_flexe_mux_t*)p); }, [](const void* p, FILE*) { kavo_pmon_flexe_mux_t_print((const kavo_pmon_flexe_mux_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_flexe_demux_t[] = {
+    {"rx_blocks_lsb", offsetof(kavo_pmon_flexe_demux_t, rx_blocks_lsb), sizeof(((kavo_pmon_flexe_demux_t*)nullptr)->rx_blocks_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_blocks_msb", offsetof(kavo_pmon_flexe_demux_t, rx_blocks_msb), sizeof(((kavo_pmon_flexe_demux_t*)nullptr)->rx_blocks_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_err_blocks_lsb", offsetof(kavo_pmon_flexe_demux_t, rx_err_blocks_lsb), sizeof(((kavo_pmon_flexe_demux_t*)nullptr)->rx_err_blocks_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_err_blocks_msb", offsetof(kavo_pmon_flexe_demux_t, rx_err_blocks_msb), sizeof(((kavo_pmon_flexe_demux_t*)nullptr)->rx_err_blocks_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_idle_deleted_lsb", offsetof(kavo_pmon_flexe_demux_t, rx_idle_deleted_lsb), sizeof(((kavo_pmon_flexe_demux_t*)nullptr)->rx_idle_deleted_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_idle_deleted_msb", offsetof(kavo_pmon_flexe_demux_t, rx_idle_deleted_msb), sizeof(((kavo_pmon_flexe_demux_t*)nullptr)->rx_idle_deleted_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_fifo_err_lsb", offsetof(kavo_pmon_flexe_demux_t, rx_fifo_err_lsb), sizeof(((kavo_pmon_flexe_demux_t*)nullptr)->rx_fifo_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rx_fifo_err_msb", offsetof(kavo_pmon_flexe_demux_t, rx_fifo_err_msb), sizeof(((kavo_pmon_flexe_demux_t*)nullptr)->rx_fifo_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_flexe_demux_t = {"kavo_pmon_flexe_demux_t", sizeof(kavo_pmon_flexe_demux_t), false, members_kavo_pmon_flexe_demux_t, sizeof(members_kavo_pmon_flexe_demux_t) / sizeof(members_kavo_pmon_flexe_demux_t[0]), [](void* p) { kavo_pmon_flexe_demux_t_init((kavo_pmon_flexe_demux_t*)p); }, [](const void* p, FILE*) { kavo_pmon_flexe_demux_t_print((const kavo_pmon_flexe_demux_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_flexe_client_t[] = {
+    {"trigger_count", offsetof(kavo_pmon_flexe_client_t, trigger_count), sizeof(((kavo_pmon_flexe_client_t*)nullptr)->trigger_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"period_ms", offsetof(kavo_pmon_flexe_client_t, period_ms), sizeof(((kavo_pmon_flexe_client_t*)nullptr)->period_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"mux", offsetof(kavo_pmon_flexe_client_t, mux), sizeof(((kavo_pmon_flexe_client_t*)nullptr)->mux) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_flexe_mux_t, false},
+    {"demux", offsetof(kavo_pmon_flexe_client_t, demux), sizeof(((kavo_pmon_flexe_client_t*)nullptr)->demux) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_flexe_demux_t, false},
+    {"mac_rx", offsetof(kavo_pmon_flexe_client_t, mac_rx), sizeof(((kavo_pmon_flexe_client_t*)nullptr)->mac_rx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_enet_mac_rx_t, false},
+    {"mac_tx", offsetof(kavo_pmon_flexe_client_t, mac_tx), sizeof(((kavo_pmon_flexe_client_t*)nullptr)->mac_tx) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_pmon_enet_mac_tx_t, false},
+};
+const record_info record_kavo_pmon_flexe_client_t = {"kavo_pmon_flexe_client_t", sizeof(kavo_pmon_flexe_client_t), false, members_kavo_pmon_flexe_client_t, sizeof(members_kavo_pmon_flexe_client_t) / sizeof(members_kavo_pmon_flexe_client_t[0]), [](void* p) { kavo_pmon_flexe_client_t_init((kavo_pmon_flexe_client_t*)p); }, [](const void* p, FILE*) { kavo_pmon_flexe_client_t_print((const kavo_pmon_flexe_client_t*)p, KAVO_PMON_PRINT_ALL); }};
+const member_info members_kavo_pmon_flexe_group_t[] = {
+    {"trigger_count", offsetof(kavo_pmon_flexe_group_t, trigger_count), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->trigger_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"period_ms", offsetof(kavo_pmon_flexe_group_t, period_ms), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->period_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"oh_crc_err_lsb", offsetof(kavo_pmon_flexe_group_t, oh_crc_err_lsb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->oh_crc_err_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"oh_crc_err_msb", offsetof(kavo_pmon_flexe_group_t, oh_crc_err_msb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->oh_crc_err_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lof_events_lsb", offsetof(kavo_pmon_flexe_group_t, lof_events_lsb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->lof_events_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lof_events_msb", offsetof(kavo_pmon_flexe_group_t, lof_events_msb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->lof_events_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lom_events_lsb", offsetof(kavo_pmon_flexe_group_t, lom_events_lsb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->lom_events_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lom_events_msb", offsetof(kavo_pmon_flexe_group_t, lom_events_msb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->lom_events_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rpf_events_lsb", offsetof(kavo_pmon_flexe_group_t, rpf_events_lsb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->rpf_events_lsb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rpf_events_msb", offsetof(kavo_pmon_flexe_group_t, rpf_events_msb), sizeof(((kavo_pmon_flexe_group_t*)nullptr)->rpf_events_msb) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_pmon_flexe_group_t = {"kavo_pmon_flexe_group_t", sizeof(kavo_pmon_flexe_group_t), false, members_kavo_pmon_flexe_group_t, sizeof(members_kavo_pmon_flexe_group_t) / sizeof(members_kavo_pmon_flexe_group_t[0]), [](void* p) { kavo_pmon_flexe_group_t_init((kavo_pmon_flexe_group_t*)p); }, [](const void* p, FILE*) { kavo_pmon_flexe_group_t_print((const kavo_pmon_flexe_group_t*)p, KAVO_PMON_PRINT_ALL); }};
 const member_info members_kavo_enet_vlan_chnl_config_t[] = {
     {"vlan_tag_num", offsetof(kavo_enet_vlan_chnl_config_t, vlan_tag_num), sizeof(((kavo_enet_vlan_chnl_config_t*)nullptr)->vlan_tag_num) / 1, 1, 1, value_kind::ENUM, &enum_kavo_ptp_vlan_tag_num_t, nullptr, false},
     {"tpid", offsetof(kavo_enet_vlan_chnl_config_t, tpid), sizeof(((kavo_enet_vlan_chnl_config_t*)nullptr)->tpid) / 2, 2, 1, value_kind::U32, nullptr, nullptr, true},
@@ -1041,6 +1697,157 @@ const arg_info args_kavo_debug_tcam_scrubbing_stats_get[] = {
     {"stats_ptr", "kavo_debug_macsec_tcam_scrub_stats_t*", true, 1, value_kind::RECORD, sizeof(kavo_debug_macsec_tcam_scrub_stats_t), nullptr, &record_kavo_debug_macsec_tcam_scrub_stats_t},
 };
 VELT_ERROR call_kavo_debug_tcam_scrubbing_stats_get(void* const* a) { return kavo_debug_tcam_scrubbing_stats_get(*(const UINT32*)a[0], *(const BOOL32*)a[1], (kavo_debug_macsec_tcam_scrub_stats_t*)a[2]); }
+const arg_info args_kavo_enet_port_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "kavo_defect_enet_port_segment_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_enet_port_segment_t), nullptr, &record_kavo_defect_enet_port_segment_t},
+};
+VELT_ERROR call_kavo_enet_port_defect_enable_set(void* const* a) { return kavo_enet_port_defect_enable_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_defect_enet_port_segment_t*)a[2]); }
+const arg_info args_kavo_flexe_client_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "kavo_defect_flexe_client_segment_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_flexe_client_segment_t), nullptr, &record_kavo_defect_flexe_client_segment_t},
+};
+VELT_ERROR call_kavo_flexe_client_defect_enable_set(void* const* a) { return kavo_flexe_client_defect_enable_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_defect_flexe_client_segment_t*)a[2]); }
+const arg_info args_kavo_flexe_group_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "kavo_defect_flexe_group_segment_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_flexe_group_segment_t), nullptr, &record_kavo_defect_flexe_group_segment_t},
+};
+VELT_ERROR call_kavo_flexe_group_defect_enable_set(void* const* a) { return kavo_flexe_group_defect_enable_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_defect_flexe_group_segment_t*)a[2]); }
+const arg_info args_kavo_ilkn_pkt_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "kavo_defect_ilkn_pkt_segment_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_ilkn_pkt_segment_t), nullptr, &record_kavo_defect_ilkn_pkt_segment_t},
+};
+VELT_ERROR call_kavo_ilkn_pkt_defect_enable_set(void* const* a) { return kavo_ilkn_pkt_defect_enable_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_defect_ilkn_pkt_segment_t*)a[2]); }
+const arg_info args_kavo_ilkn_intf_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "kavo_defect_ilkn_intf_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_ilkn_intf_t), nullptr, &record_kavo_defect_ilkn_intf_t},
+};
+VELT_ERROR call_kavo_ilkn_intf_defect_enable_set(void* const* a) { return kavo_ilkn_intf_defect_enable_set(*(const UINT32*)a[0], (kavo_defect_ilkn_intf_t*)a[1]); }
+const arg_info args_kavo_serdes_port_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "kavo_defect_serdes_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_serdes_t), nullptr, &record_kavo_defect_serdes_t},
+};
+VELT_ERROR call_kavo_serdes_port_defect_enable_set(void* const* a) { return kavo_serdes_port_defect_enable_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_defect_serdes_t*)a[2]); }
+const arg_info args_kavo_tlic_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "kavo_defect_tlic_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_tlic_t), nullptr, &record_kavo_defect_tlic_t},
+};
+VELT_ERROR call_kavo_tlic_defect_enable_set(void* const* a) { return kavo_tlic_defect_enable_set(*(const UINT32*)a[0], (kavo_defect_tlic_t*)a[1]); }
+const arg_info args_kavo_dcsu_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"dcsu_inst", "const kavo_dcsu_instance_t", false, 0, value_kind::ENUM, sizeof(kavo_dcsu_instance_t), &enum_kavo_dcsu_instance_t, nullptr},
+    {"enable", "kavo_defect_dcsu_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_dcsu_t), nullptr, &record_kavo_defect_dcsu_t},
+};
+VELT_ERROR call_kavo_dcsu_defect_enable_set(void* const* a) { return kavo_dcsu_defect_enable_set(*(const UINT32*)a[0], *(const kavo_dcsu_instance_t*)a[1], (kavo_defect_dcsu_t*)a[2]); }
+const arg_info args_kavo_anlt_defect_enable_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "kavo_defect_anlt_chnl_t*", false, 1, value_kind::RECORD, sizeof(kavo_defect_anlt_chnl_t), nullptr, &record_kavo_defect_anlt_chnl_t},
+};
+VELT_ERROR call_kavo_anlt_defect_enable_set(void* const* a) { return kavo_anlt_defect_enable_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_defect_anlt_chnl_t*)a[2]); }
+const arg_info args_kavo_defect_e_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"defect_type", "const kavo_defect_type_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_type_t), &enum_kavo_defect_type_t, nullptr},
+    {"ive_offset", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_defect_e_set(void* const* a) { return kavo_defect_e_set(*(const UINT32*)a[0], *(const kavo_defect_type_t*)a[1], *(const UINT32*)a[2], *(const BOOL32*)a[3]); }
+const arg_info args_kavo_defect_chnl_e_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"defect_type", "const kavo_defect_type_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_type_t), &enum_kavo_defect_type_t, nullptr},
+    {"ive_offset", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_defect_chnl_e_set(void* const* a) { return kavo_defect_chnl_e_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_defect_type_t*)a[2], *(const UINT32*)a[3], *(const BOOL32*)a[4]); }
+const arg_info args_kavo_defect_v_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"defect_type", "const kavo_defect_type_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_type_t), &enum_kavo_defect_type_t, nullptr},
+    {"ive_offset", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_defect_v_set(void* const* a) { return kavo_defect_v_set(*(const UINT32*)a[0], *(const kavo_defect_type_t*)a[1], *(const UINT32*)a[2], *(const BOOL32*)a[3]); }
+const arg_info args_kavo_defect_chnl_v_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"defect_type", "const kavo_defect_type_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_type_t), &enum_kavo_defect_type_t, nullptr},
+    {"ive_offset", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_defect_chnl_v_set(void* const* a) { return kavo_defect_chnl_v_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_defect_type_t*)a[2], *(const UINT32*)a[3], *(const BOOL32*)a[4]); }
+const arg_info args_kavo_ilkn_intf_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_ilkn_intf_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_ilkn_intf_t), nullptr, &record_kavo_defect_ilkn_intf_t},
+};
+VELT_ERROR call_kavo_ilkn_intf_defect_get(void* const* a) { return kavo_ilkn_intf_defect_get(*(const UINT32*)a[0], *(const kavo_defect_transfer_clear_t*)a[1], (kavo_defect_ilkn_intf_t*)a[2]); }
+const arg_info args_kavo_enet_port_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_enet_port_segment_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_enet_port_segment_t), nullptr, &record_kavo_defect_enet_port_segment_t},
+};
+VELT_ERROR call_kavo_enet_port_defect_get(void* const* a) { return kavo_enet_port_defect_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_defect_transfer_clear_t*)a[2], (kavo_defect_enet_port_segment_t*)a[3]); }
+const arg_info args_kavo_anlt_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_anlt_chnl_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_anlt_chnl_t), nullptr, &record_kavo_defect_anlt_chnl_t},
+};
+VELT_ERROR call_kavo_anlt_defect_get(void* const* a) { return kavo_anlt_defect_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_defect_transfer_clear_t*)a[2], (kavo_defect_anlt_chnl_t*)a[3]); }
+const arg_info args_kavo_serdes_port_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_serdes_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_serdes_t), nullptr, &record_kavo_defect_serdes_t},
+};
+VELT_ERROR call_kavo_serdes_port_defect_get(void* const* a) { return kavo_serdes_port_defect_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_defect_transfer_clear_t*)a[2], (kavo_defect_serdes_t*)a[3]); }
+const arg_info args_kavo_dcsu_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"dcsu_inst", "const kavo_dcsu_instance_t", false, 0, value_kind::ENUM, sizeof(kavo_dcsu_instance_t), &enum_kavo_dcsu_instance_t, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_dcsu_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_dcsu_t), nullptr, &record_kavo_defect_dcsu_t},
+};
+VELT_ERROR call_kavo_dcsu_defect_get(void* const* a) { return kavo_dcsu_defect_get(*(const UINT32*)a[0], *(const kavo_dcsu_instance_t*)a[1], *(const kavo_defect_transfer_clear_t*)a[2], (kavo_defect_dcsu_t*)a[3]); }
+const arg_info args_kavo_flexe_client_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_flexe_client_segment_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_flexe_client_segment_t), nullptr, &record_kavo_defect_flexe_client_segment_t},
+};
+VELT_ERROR call_kavo_flexe_client_defect_get(void* const* a) { return kavo_flexe_client_defect_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_defect_transfer_clear_t*)a[2], (kavo_defect_flexe_client_segment_t*)a[3]); }
+const arg_info args_kavo_flexe_group_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_flexe_group_segment_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_flexe_group_segment_t), nullptr, &record_kavo_defect_flexe_group_segment_t},
+};
+VELT_ERROR call_kavo_flexe_group_defect_get(void* const* a) { return kavo_flexe_group_defect_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_defect_transfer_clear_t*)a[2], (kavo_defect_flexe_group_segment_t*)a[3]); }
+const arg_info args_kavo_ilkn_pkt_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_ilkn_pkt_segment_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_ilkn_pkt_segment_t), nullptr, &record_kavo_defect_ilkn_pkt_segment_t},
+};
+VELT_ERROR call_kavo_ilkn_pkt_defect_get(void* const* a) { return kavo_ilkn_pkt_defect_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_defect_transfer_clear_t*)a[2], (kavo_defect_ilkn_pkt_segment_t*)a[3]); }
+const arg_info args_kavo_tlic_defect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"clear_type", "const kavo_defect_transfer_clear_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_transfer_clear_t), &enum_kavo_defect_transfer_clear_t, nullptr},
+    {"defect_ptr", "kavo_defect_tlic_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_tlic_t), nullptr, &record_kavo_defect_tlic_t},
+};
+VELT_ERROR call_kavo_tlic_defect_get(void* const* a) { return kavo_tlic_defect_get(*(const UINT32*)a[0], *(const kavo_defect_transfer_clear_t*)a[1], (kavo_defect_tlic_t*)a[2]); }
+const arg_info args_kavo_defect_summary_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"defect_ptr", "kavo_defect_device_summary_t*", true, 1, value_kind::RECORD, sizeof(kavo_defect_device_summary_t), nullptr, &record_kavo_defect_device_summary_t},
+};
+VELT_ERROR call_kavo_defect_summary_get(void* const* a) { return kavo_defect_summary_get(*(const UINT32*)a[0], (kavo_defect_device_summary_t*)a[1]); }
+const arg_info args_kavo_defect_sizeof[] = {
+    {"defect_type", "const kavo_defect_type_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_type_t), &enum_kavo_defect_type_t, nullptr},
+};
 const arg_info args_kavo_flexe_group_prov[] = {
     {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
     {"group_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
@@ -1479,6 +2286,56 @@ const arg_info args_kavo_pgmrclk_squelch_enable[] = {
     {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
 };
 VELT_ERROR call_kavo_pgmrclk_squelch_enable(void* const* a) { return kavo_pgmrclk_squelch_enable(*(const UINT32*)a[0], *(const kavo_pgmrclk_id_t*)a[1], *(const UINT32*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_pmon_cfg[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"auto_trigger", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"accumulate_enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"trigger_period_ms", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_pmon_cfg(void* const* a) { return kavo_pmon_cfg(*(const UINT32*)a[0], *(const BOOL32*)a[1], *(const BOOL32*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_pmon_cfg_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"pmon_cfg_ptr", "kavo_pmon_cfg_t*", true, 1, value_kind::RECORD, sizeof(kavo_pmon_cfg_t), nullptr, &record_kavo_pmon_cfg_t},
+};
+VELT_ERROR call_kavo_pmon_cfg_get(void* const* a) { return kavo_pmon_cfg_get(*(const UINT32*)a[0], (kavo_pmon_cfg_t*)a[1]); }
+const arg_info args_kavo_pmon_manual_trigger[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_pmon_manual_trigger(void* const* a) { return kavo_pmon_manual_trigger(*(const UINT32*)a[0]); }
+const arg_info args_kavo_ilkn_intf_pmon_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"pmon_ptr", "kavo_pmon_ilkn_intf_t*", true, 1, value_kind::RECORD, sizeof(kavo_pmon_ilkn_intf_t), nullptr, &record_kavo_pmon_ilkn_intf_t},
+};
+VELT_ERROR call_kavo_ilkn_intf_pmon_get(void* const* a) { return kavo_ilkn_intf_pmon_get(*(const UINT32*)a[0], *(const BOOL32*)a[1], (kavo_pmon_ilkn_intf_t*)a[2]); }
+const arg_info args_kavo_ilkn_pkt_pmon_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"ilkn_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"pmon_ptr", "kavo_pmon_ilkn_pkt_t*", true, 1, value_kind::RECORD, sizeof(kavo_pmon_ilkn_pkt_t), nullptr, &record_kavo_pmon_ilkn_pkt_t},
+};
+VELT_ERROR call_kavo_ilkn_pkt_pmon_get(void* const* a) { return kavo_ilkn_pkt_pmon_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_pmon_ilkn_pkt_t*)a[3]); }
+const arg_info args_kavo_enet_port_pmon_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"pmon_ptr", "kavo_pmon_enet_port_segment_t*", true, 1, value_kind::RECORD, sizeof(kavo_pmon_enet_port_segment_t), nullptr, &record_kavo_pmon_enet_port_segment_t},
+};
+VELT_ERROR call_kavo_enet_port_pmon_get(void* const* a) { return kavo_enet_port_pmon_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_pmon_enet_port_segment_t*)a[3]); }
+const arg_info args_kavo_flexe_client_pmon_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"client_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"pmon_ptr", "kavo_pmon_flexe_client_t*", true, 1, value_kind::RECORD, sizeof(kavo_pmon_flexe_client_t), nullptr, &record_kavo_pmon_flexe_client_t},
+};
+VELT_ERROR call_kavo_flexe_client_pmon_get(void* const* a) { return kavo_flexe_client_pmon_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_pmon_flexe_client_t*)a[3]); }
+const arg_info args_kavo_flexe_group_pmon_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"group_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"reset", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"pmon_ptr", "kavo_pmon_flexe_group_t*", true, 1, value_kind::RECORD, sizeof(kavo_pmon_flexe_group_t), nullptr, &record_kavo_pmon_flexe_group_t},
+};
+VELT_ERROR call_kavo_flexe_group_pmon_get(void* const* a) { return kavo_flexe_group_pmon_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL32*)a[2], (kavo_pmon_flexe_group_t*)a[3]); }
 const arg_info args_kavo_ptp_config[] = {
     {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
     {"ptp_cfg", "kavo_ptp_config_t*", false, 1, value_kind::RECORD, sizeof(kavo_ptp_config_t), nullptr, &record_kavo_ptp_config_t},
@@ -1779,6 +2636,30 @@ const command_info COMMANDS[] = {
     {"kavo_function_logging_set", "debug", "Turns the per-command call trace on or off (on at load).", "void kavo_function_logging_set(BOOL8 enable)", args_kavo_function_logging_set, 1, call_kavo_function_logging_set},
     {"kavo_status_logging_set", "debug", "Turns the call trace of the status-polling commands on or off (off at load).", "void kavo_status_logging_set(BOOL8 enable)", args_kavo_status_logging_set, 1, call_kavo_status_logging_set},
     {"kavo_debug_tcam_scrubbing_stats_get", "debug_tcam", "Scrub passes and corrected memory errors since the last reset; reset clears them after the read.", "VELT_ERROR kavo_debug_tcam_scrubbing_stats_get(const UINT32 device_id, const BOOL32 reset, kavo_debug_macsec_tcam_scrub_stats_t* stats_ptr)", args_kavo_debug_tcam_scrubbing_stats_get, 3, call_kavo_debug_tcam_scrubbing_stats_get},
+    {"kavo_enet_port_defect_enable_set", "defect", "Enables the defects of the Ethernet port on channel chnl_id whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_enet_port_defect_enable_set(const UINT32 device_id, const UINT32 chnl_id, kavo_defect_enet_port_segment_t* enable)", args_kavo_enet_port_defect_enable_set, 3, call_kavo_enet_port_defect_enable_set},
+    {"kavo_flexe_client_defect_enable_set", "defect", "Enables the defects of FlexE client chnl_id whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_flexe_client_defect_enable_set(const UINT32 device_id, const UINT32 chnl_id, kavo_defect_flexe_client_segment_t* enable)", args_kavo_flexe_client_defect_enable_set, 3, call_kavo_flexe_client_defect_enable_set},
+    {"kavo_flexe_group_defect_enable_set", "defect", "Enables the defects of FlexE group chnl_id whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_flexe_group_defect_enable_set(const UINT32 device_id, const UINT32 chnl_id, kavo_defect_flexe_group_segment_t* enable)", args_kavo_flexe_group_defect_enable_set, 3, call_kavo_flexe_group_defect_enable_set},
+    {"kavo_ilkn_pkt_defect_enable_set", "defect", "Enables the defects of Interlaken packet channel chnl_id whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_ilkn_pkt_defect_enable_set(const UINT32 device_id, const UINT32 chnl_id, kavo_defect_ilkn_pkt_segment_t* enable)", args_kavo_ilkn_pkt_defect_enable_set, 3, call_kavo_ilkn_pkt_defect_enable_set},
+    {"kavo_ilkn_intf_defect_enable_set", "defect", "Enables the defects of the Interlaken interface whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_ilkn_intf_defect_enable_set(const UINT32 device_id, kavo_defect_ilkn_intf_t* enable)", args_kavo_ilkn_intf_defect_enable_set, 2, call_kavo_ilkn_intf_defect_enable_set},
+    {"kavo_serdes_port_defect_enable_set", "defect", "Enables the defects of SerDes port serdes_port_id whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_serdes_port_defect_enable_set(const UINT32 device_id, const UINT32 serdes_port_id, kavo_defect_serdes_t* enable)", args_kavo_serdes_port_defect_enable_set, 3, call_kavo_serdes_port_defect_enable_set},
+    {"kavo_tlic_defect_enable_set", "defect", "Enables the defects of the chip's top level whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_tlic_defect_enable_set(const UINT32 device_id, kavo_defect_tlic_t* enable)", args_kavo_tlic_defect_enable_set, 2, call_kavo_tlic_defect_enable_set},
+    {"kavo_dcsu_defect_enable_set", "defect", "Enables the defects of clock unit dcsu_inst whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_dcsu_defect_enable_set(const UINT32 device_id, const kavo_dcsu_instance_t dcsu_inst, kavo_defect_dcsu_t* enable)", args_kavo_dcsu_defect_enable_set, 3, call_kavo_dcsu_defect_enable_set},
+    {"kavo_anlt_defect_enable_set", "defect", "Enables the defects of the AN/LT channel chnl_id whose e bit is set in enable, and disables the others.", "VELT_ERROR kavo_anlt_defect_enable_set(const UINT32 device_id, const UINT32 chnl_id, kavo_defect_anlt_chnl_t* enable)", args_kavo_anlt_defect_enable_set, 3, call_kavo_anlt_defect_enable_set},
+    {"kavo_defect_e_set", "defect", "Enables or disables one defect, at byte ive_offset of its type's record, of an object without a channel.", "VELT_ERROR kavo_defect_e_set(const UINT32 device_id, const kavo_defect_type_t defect_type, const UINT32 ive_offset, const BOOL32 enable)", args_kavo_defect_e_set, 4, call_kavo_defect_e_set},
+    {"kavo_defect_chnl_e_set", "defect", "Enables or disables one defect, at byte ive_offset of its type's record, of object chnl_id.", "VELT_ERROR kavo_defect_chnl_e_set(const UINT32 device_id, const UINT32 chnl_id, const kavo_defect_type_t defect_type, const UINT32 ive_offset, const BOOL32 enable)", args_kavo_defect_chnl_e_set, 5, call_kavo_defect_chnl_e_set},
+    {"kavo_defect_v_set", "defect", "Forces one defect of an object without a channel present (enable 1) or back to the chip's state (0), for testing.", "VELT_ERROR kavo_defect_v_set(const UINT32 device_id, const kavo_defect_type_t defect_type, const UINT32 ive_offset, const BOOL32 enable)", args_kavo_defect_v_set, 4, call_kavo_defect_v_set},
+    {"kavo_defect_chnl_v_set", "defect", "Forces one defect of object chnl_id present (enable 1) or back to the chip's state (0), for testing.", "VELT_ERROR kavo_defect_chnl_v_set(const UINT32 device_id, const UINT32 chnl_id, const kavo_defect_type_t defect_type, const UINT32 ive_offset, const BOOL32 enable)", args_kavo_defect_chnl_v_set, 5, call_kavo_defect_chnl_v_set},
+    {"kavo_ilkn_intf_defect_get", "defect", "Reads the defects of the Interlaken interface, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_ilkn_intf_defect_get(const UINT32 device_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_ilkn_intf_t* defect_ptr)", args_kavo_ilkn_intf_defect_get, 3, call_kavo_ilkn_intf_defect_get},
+    {"kavo_enet_port_defect_get", "defect", "Reads the defects of the Ethernet port on channel chnl_id, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_enet_port_defect_get(const UINT32 device_id, const UINT32 chnl_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_enet_port_segment_t* defect_ptr)", args_kavo_enet_port_defect_get, 4, call_kavo_enet_port_defect_get},
+    {"kavo_anlt_defect_get", "defect", "Reads the defects of the AN/LT channel chnl_id, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_anlt_defect_get(const UINT32 device_id, const UINT32 chnl_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_anlt_chnl_t* defect_ptr)", args_kavo_anlt_defect_get, 4, call_kavo_anlt_defect_get},
+    {"kavo_serdes_port_defect_get", "defect", "Reads the defects of SerDes port serdes_port_id, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_serdes_port_defect_get(const UINT32 device_id, const UINT32 serdes_port_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_serdes_t* defect_ptr)", args_kavo_serdes_port_defect_get, 4, call_kavo_serdes_port_defect_get},
+    {"kavo_dcsu_defect_get", "defect", "Reads the defects of clock unit dcsu_inst, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_dcsu_defect_get(const UINT32 device_id, const kavo_dcsu_instance_t dcsu_inst, const kavo_defect_transfer_clear_t clear_type, kavo_defect_dcsu_t* defect_ptr)", args_kavo_dcsu_defect_get, 4, call_kavo_dcsu_defect_get},
+    {"kavo_flexe_client_defect_get", "defect", "Reads the defects of FlexE client chnl_id, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_flexe_client_defect_get(const UINT32 device_id, const UINT32 chnl_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_flexe_client_segment_t* defect_ptr)", args_kavo_flexe_client_defect_get, 4, call_kavo_flexe_client_defect_get},
+    {"kavo_flexe_group_defect_get", "defect", "Reads the defects of FlexE group chnl_id, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_flexe_group_defect_get(const UINT32 device_id, const UINT32 chnl_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_flexe_group_segment_t* defect_ptr)", args_kavo_flexe_group_defect_get, 4, call_kavo_flexe_group_defect_get},
+    {"kavo_ilkn_pkt_defect_get", "defect", "Reads the defects of Interlaken packet channel chnl_id, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_ilkn_pkt_defect_get(const UINT32 device_id, const UINT32 chnl_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_ilkn_pkt_segment_t* defect_ptr)", args_kavo_ilkn_pkt_defect_get, 4, call_kavo_ilkn_pkt_defect_get},
+    {"kavo_tlic_defect_get", "defect", "Reads the defects of the chip's top level, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_tlic_defect_get(const UINT32 device_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_tlic_t* defect_ptr)", args_kavo_tlic_defect_get, 3, call_kavo_tlic_defect_get},
+    {"kavo_defect_summary_get", "defect", "Reads the summary byte of every object of the chip.", "VELT_ERROR kavo_defect_summary_get(const UINT32 device_id, kavo_defect_device_summary_t* defect_ptr)", args_kavo_defect_summary_get, 2, call_kavo_defect_summary_get},
+    {"kavo_defect_sizeof", "defect", "The size of a defect type's record; a type without one (5, 7, out of range) halts in the assertion.", "UINT32 kavo_defect_sizeof(const kavo_defect_type_t defect_type)", args_kavo_defect_sizeof, 1, nullptr},
     {"kavo_flexe_group_prov", "flexe", "Provisions channel group_chnl_id as a FlexE group of the PHYs in group_cfg, which take their SerDes lanes.", "VELT_ERROR kavo_flexe_group_prov(const UINT32 device_id, const UINT32 group_chnl_id, kavo_flexe_group_cfg_t* group_cfg)", args_kavo_flexe_group_prov, 3, call_kavo_flexe_group_prov},
     {"kavo_flexe_client_prov", "flexe", "Provisions channel client_chnl_id as a client of group group_chnl_id on the slots in client_data (into the calendars not in use).", "VELT_ERROR kavo_flexe_client_prov(const UINT32 device_id, const UINT32 client_chnl_id, const UINT32 group_chnl_id, kavo_flexe_client_t* client_data)", args_kavo_flexe_client_prov, 4, call_kavo_flexe_client_prov},
     {"kavo_flexe_calendar_update", "flexe", "Switches the group's calendars of the given scope to the ones not in use after ms_timer milliseconds.", "VELT_ERROR kavo_flexe_calendar_update(const UINT32 device_id, const UINT32 group_chnl_id, const kavo_flexe_calendar_update_mode_t cal_update_scope, const UINT32 ms_timer)", args_kavo_flexe_calendar_update, 4, call_kavo_flexe_calendar_update},
@@ -1851,6 +2732,14 @@ const command_info COMMANDS[] = {
     {"kavo_pgmrclk_cfg_get", "pgmrclk", "An output's configuration, the frequency its divider achieves, the divider and its squelch.", "VELT_ERROR kavo_pgmrclk_cfg_get(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, kavo_pgmrclk_cfg_get_t* cfg)", args_kavo_pgmrclk_cfg_get, 3, call_kavo_pgmrclk_cfg_get},
     {"kavo_pgmrclk_enable", "pgmrclk", "Turns a configured output on or off.", "VELT_ERROR kavo_pgmrclk_enable(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, const BOOL32 enable)", args_kavo_pgmrclk_enable, 3, call_kavo_pgmrclk_enable},
     {"kavo_pgmrclk_squelch_enable", "pgmrclk", "Holds the output while SerDes port dlos_serdes_id has no signal or Ethernet\nchannel enet_chnl_id has no link (0xFFFFFFFF: not that cause; both: no squelch).", "VELT_ERROR kavo_pgmrclk_squelch_enable(const UINT32 device_id, const kavo_pgmrclk_id_t clk_id, const UINT32 dlos_serdes_id, const UINT32 enet_chnl_id)", args_kavo_pgmrclk_squelch_enable, 4, call_kavo_pgmrclk_squelch_enable},
+    {"kavo_pmon_cfg", "pmon", "Sets the counter triggers: automatic every trigger_period_ms or manual only, and whether snapshots accumulate since the last reset or hold one period. The request carries a kavo_pmon_cfg_t of the arguments (debug_counter_enable 0).", "VELT_ERROR kavo_pmon_cfg(const UINT32 device_id, const BOOL32 auto_trigger, const BOOL32 accumulate_enable, const UINT32 trigger_period_ms)", args_kavo_pmon_cfg, 4, call_kavo_pmon_cfg},
+    {"kavo_pmon_cfg_get", "pmon", "Reads the counter trigger configuration.", "VELT_ERROR kavo_pmon_cfg_get(const UINT32 device_id, kavo_pmon_cfg_t* pmon_cfg_ptr)", args_kavo_pmon_cfg_get, 2, call_kavo_pmon_cfg_get},
+    {"kavo_pmon_manual_trigger", "pmon", "Takes a snapshot of every counter now; refused while triggers are automatic.", "VELT_ERROR kavo_pmon_manual_trigger(const UINT32 device_id)", args_kavo_pmon_manual_trigger, 1, call_kavo_pmon_manual_trigger},
+    {"kavo_ilkn_intf_pmon_get", "pmon", "Reads the Interlaken interface's counter snapshot; reset clears its counts afterwards.", "VELT_ERROR kavo_ilkn_intf_pmon_get(const UINT32 device_id, const BOOL32 reset, kavo_pmon_ilkn_intf_t* pmon_ptr)", args_kavo_ilkn_intf_pmon_get, 3, call_kavo_ilkn_intf_pmon_get},
+    {"kavo_ilkn_pkt_pmon_get", "pmon", "Reads the counter snapshot of Interlaken packet channel ilkn_chnl_id; reset clears its counts afterwards.", "VELT_ERROR kavo_ilkn_pkt_pmon_get(const UINT32 device_id, const UINT32 ilkn_chnl_id, const BOOL32 reset, kavo_pmon_ilkn_pkt_t* pmon_ptr)", args_kavo_ilkn_pkt_pmon_get, 4, call_kavo_ilkn_pkt_pmon_get},
+    {"kavo_enet_port_pmon_get", "pmon", "Reads the counter snapshot of the Ethernet port on channel enet_chnl_id; reset clears its counts afterwards.", "VELT_ERROR kavo_enet_port_pmon_get(const UINT32 device_id, const UINT32 enet_chnl_id, const BOOL32 reset, kavo_pmon_enet_port_segment_t* pmon_ptr)", args_kavo_enet_port_pmon_get, 4, call_kavo_enet_port_pmon_get},
+    {"kavo_flexe_client_pmon_get", "pmon", "Reads the counter snapshot of FlexE client client_chnl_id; reset clears its counts afterwards.", "VELT_ERROR kavo_flexe_client_pmon_get(const UINT32 device_id, const UINT32 client_chnl_id, const BOOL32 reset, kavo_pmon_flexe_client_t* pmon_ptr)", args_kavo_flexe_client_pmon_get, 4, call_kavo_flexe_client_pmon_get},
+    {"kavo_flexe_group_pmon_get", "pmon", "Reads the counter snapshot of FlexE group group_chnl_id; reset clears its counts afterwards.", "VELT_ERROR kavo_flexe_group_pmon_get(const UINT32 device_id, const UINT32 group_chnl_id, const BOOL32 reset, kavo_pmon_flexe_group_t* pmon_ptr)", args_kavo_flexe_group_pmon_get, 4, call_kavo_flexe_group_pmon_get},
     {"kavo_ptp_config", "ptp", "Sets the time-stamp format and what happens to received PTP messages.", "VELT_ERROR kavo_ptp_config(const UINT32 device_id, kavo_ptp_config_t* ptp_cfg)", args_kavo_ptp_config, 2, call_kavo_ptp_config},
     {"kavo_ptp_chnl_config", "ptp", "Configures time stamping on Ethernet channel enet_chnl_id.", "VELT_ERROR kavo_ptp_chnl_config(const UINT32 device_id, const UINT32 enet_chnl_id, kavo_ptp_chnl_config_t* ptp_chnl_cfg)", args_kavo_ptp_chnl_config, 3, call_kavo_ptp_chnl_config},
     {"kavo_ptp_chnl_config_get", "ptp", "Reads back the channel's time-stamping configuration (the defaults until configured).", "VELT_ERROR kavo_ptp_chnl_config_get(const UINT32 device_id, const UINT32 enet_chnl_id, kavo_ptp_chnl_config_t* ptp_chnl_cfg_ptr)", args_kavo_ptp_chnl_config_get, 3, call_kavo_ptp_chnl_config_get},
@@ -1903,6 +2792,9 @@ const enum_info* const ENUMS[] = {
     &enum_kavo_init_type_t,
     &enum_kavo_enet_dcsu_ref_clk_t,
     &enum_kavo_dcsu_instance_t,
+    &enum_kavo_defect_type_t,
+    &enum_kavo_defect_transfer_clear_t,
+    &enum_kavo_defect_print_filter_t,
     &enum_kavo_module_id_t,
     &enum_kavo_err_t,
     &enum_kavo_flexe_pin_mode_t,
@@ -1967,6 +2859,45 @@ const record_info* const RECORDS[] = {
     &record_kavo_chnl_info_t,
     &record_kavo_dcsu_cfg_get_t,
     &record_kavo_debug_macsec_tcam_scrub_stats_t,
+    &record_kavo_defect_ive_t,
+    &record_kavo_defect_summary_ive_valid_t,
+    &record_kavo_defect_summary_mask_t,
+    &record_kavo_defect_enet_phy_chnl_t,
+    &record_kavo_defect_enet_mac_chnl_t,
+    &record_kavo_defect_enet_alarms_proc_chnl_t,
+    &record_kavo_defect_timing_chnl_t,
+    &record_kavo_defect_enet_port_segment_t,
+    &record_kavo_defect_lt_serdes_port_t,
+    &record_kavo_defect_anlt_chnl_t,
+    &record_kavo_defect_ilkn_tx_link_t,
+    &record_kavo_defect_ilkn_rx_link_t,
+    &record_kavo_defect_ilkn_intf_t,
+    &record_kavo_defect_ilkn_chnl_t,
+    &record_kavo_defect_efc_ilkn_tx_chnl_t,
+    &record_kavo_defect_efc_ilkn_rx_chnl_t,
+    &record_kavo_defect_efc_ilkn_chnl_t,
+    &record_kavo_defect_cfc_chnl_t,
+    &record_kavo_defect_ilkn_pkt_segment_t,
+    &record_kavo_defect_foh_chnl_t,
+    &record_kavo_defect_flexe_phy_chnl_t,
+    &record_kavo_defect_flexe_group_segment_t,
+    &record_kavo_defect_flexe_client_chnl_t,
+    &record_kavo_defect_efc_enet_tx_chnl_t,
+    &record_kavo_defect_efc_enet_rx_chnl_t,
+    &record_kavo_defect_efc_enet_chnl_t,
+    &record_kavo_defect_pb_pcs_chnl_t,
+    &record_kavo_defect_sar_mpma_dsp_t,
+    &record_kavo_defect_flexe_client_segment_t,
+    &record_kavo_defect_serdes_t,
+    &record_kavo_defect_shw_t,
+    &record_kavo_defect_pb_igr_top_t,
+    &record_kavo_defect_pb_egr_top_t,
+    &record_kavo_defect_enet_top_t,
+    &record_kavo_defect_foh_t,
+    &record_kavo_defect_slice_top_t,
+    &record_kavo_defect_tlic_t,
+    &record_kavo_defect_dcsu_t,
+    &record_kavo_defect_device_summary_t,
     &record_kavo_flexe_phy_info_t,
     &record_kavo_flexe_phy_t,
     &record_kavo_flexe_group_info_t,
@@ -2025,6 +2956,19 @@ const record_info* const RECORDS[] = {
     &record_kavo_pgmrclk_cfg_t,
     &record_kavo_pgmrclk_cfg_get_t,
     &record_kavo_pmon_cfg_t,
+    &record_kavo_pmon_enet_phy_rx_t,
+    &record_kavo_pmon_enet_mac_rx_t,
+    &record_kavo_pmon_enet_mac_tx_t,
+    &record_kavo_pmon_pb_t,
+    &record_kavo_pmon_enet_port_segment_t,
+    &record_kavo_pmon_ilkn_fec_t,
+    &record_kavo_pmon_ilkn_intf_counts_t,
+    &record_kavo_pmon_ilkn_intf_t,
+    &record_kavo_pmon_ilkn_pkt_t,
+    &record_kavo_pmon_flexe_mux_t,
+    &record_kavo_pmon_flexe_demux_t,
+    &record_kavo_pmon_flexe_client_t,
+    &record_kavo_pmon_flexe_group_t,
     &record_kavo_enet_vlan_chnl_config_t,
     &record_kavo_ptp_config_t,
     &record_kavo_ptp_chnl_config_t,

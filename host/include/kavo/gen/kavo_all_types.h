@@ -6,6 +6,7 @@
 #include "kavo/gen/kavo_config_types.h"
 #include "kavo/gen/kavo_dcsu_types.h"
 #include "kavo/gen/kavo_debug_types.h"
+#include "kavo/gen/kavo_defect_types.h"
 #include "kavo/gen/kavo_err_types.h"
 #include "kavo/gen/kavo_flexe_types.h"
 #include "kavo/gen/kavo_fw_types.h"

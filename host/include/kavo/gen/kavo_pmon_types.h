@@ -27,10 +27,62 @@ KAVO_API const char* kavo_pmon_print_sel_t_print(kavo_pmon_print_sel_t value, ch
 KAVO_API const char* kavo_pmon_print_sel_t_suffix_print(kavo_pmon_print_sel_t value, char* buffer, UINT32 length);
 
 typedef struct kavo_pmon_cfg_t kavo_pmon_cfg_t;
+typedef struct kavo_pmon_enet_phy_rx_t kavo_pmon_enet_phy_rx_t;
+typedef struct kavo_pmon_enet_mac_rx_t kavo_pmon_enet_mac_rx_t;
+typedef struct kavo_pmon_enet_mac_tx_t kavo_pmon_enet_mac_tx_t;
+typedef struct kavo_pmon_pb_t kavo_pmon_pb_t;
+typedef struct kavo_pmon_enet_port_segment_t kavo_pmon_enet_port_segment_t;
+typedef struct kavo_pmon_ilkn_fec_t kavo_pmon_ilkn_fec_t;
+typedef struct kavo_pmon_ilkn_intf_counts_t kavo_pmon_ilkn_intf_counts_t;
+typedef struct kavo_pmon_ilkn_intf_t kavo_pmon_ilkn_intf_t;
+typedef struct kavo_pmon_ilkn_pkt_t kavo_pmon_ilkn_pkt_t;
+typedef struct kavo_pmon_flexe_mux_t kavo_pmon_flexe_mux_t;
+typedef struct kavo_pmon_flexe_demux_t kavo_pmon_flexe_demux_t;
+typedef struct kavo_pmon_flexe_client_t kavo_pmon_flexe_client_t;
+typedef struct kavo_pmon_flexe_group_t kavo_pmon_flexe_group_t;
 
 KAVO_API void kavo_pmon_cfg_t_init(kavo_pmon_cfg_t* value);
 KAVO_API void kavo_pmon_cfg_t_print_at(const kavo_pmon_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_pmon_cfg_t_print(const kavo_pmon_cfg_t* value, FILE* file);
+KAVO_API void kavo_pmon_enet_phy_rx_t_init(kavo_pmon_enet_phy_rx_t* value);
+KAVO_API void kavo_pmon_enet_phy_rx_t_print_at(const kavo_pmon_enet_phy_rx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_enet_phy_rx_t_print(const kavo_pmon_enet_phy_rx_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_enet_mac_rx_t_init(kavo_pmon_enet_mac_rx_t* value);
+KAVO_API void kavo_pmon_enet_mac_rx_t_print_at(const kavo_pmon_enet_mac_rx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_enet_mac_rx_t_print(const kavo_pmon_enet_mac_rx_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_enet_mac_tx_t_init(kavo_pmon_enet_mac_tx_t* value);
+KAVO_API void kavo_pmon_enet_mac_tx_t_print_at(const kavo_pmon_enet_mac_tx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_enet_mac_tx_t_print(const kavo_pmon_enet_mac_tx_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_pb_t_init(kavo_pmon_pb_t* value);
+KAVO_API void kavo_pmon_pb_t_print_at(const kavo_pmon_pb_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_pb_t_print(const kavo_pmon_pb_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_enet_port_segment_t_init(kavo_pmon_enet_port_segment_t* value);
+KAVO_API void kavo_pmon_enet_port_segment_t_print_at(const kavo_pmon_enet_port_segment_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_enet_port_segment_t_print(const kavo_pmon_enet_port_segment_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_ilkn_fec_t_init(kavo_pmon_ilkn_fec_t* value);
+KAVO_API void kavo_pmon_ilkn_fec_t_print_at(const kavo_pmon_ilkn_fec_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_ilkn_fec_t_print(const kavo_pmon_ilkn_fec_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_ilkn_intf_counts_t_init(kavo_pmon_ilkn_intf_counts_t* value);
+KAVO_API void kavo_pmon_ilkn_intf_counts_t_print_at(const kavo_pmon_ilkn_intf_counts_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_ilkn_intf_counts_t_print(const kavo_pmon_ilkn_intf_counts_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_ilkn_intf_t_init(kavo_pmon_ilkn_intf_t* value);
+KAVO_API void kavo_pmon_ilkn_intf_t_print_at(const kavo_pmon_ilkn_intf_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_ilkn_intf_t_print(const kavo_pmon_ilkn_intf_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_ilkn_pkt_t_init(kavo_pmon_ilkn_pkt_t* value);
+KAVO_API void kavo_pmon_ilkn_pkt_t_print_at(const kavo_pmon_ilkn_pkt_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_ilkn_pkt_t_print(const kavo_pmon_ilkn_pkt_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_flexe_mux_t_init(kavo_pmon_flexe_mux_t* value);
+KAVO_API void kavo_pmon_flexe_mux_t_print_at(const kavo_pmon_flexe_mux_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_flexe_mux_t_print(const kavo_pmon_flexe_mux_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_flexe_demux_t_init(kavo_pmon_flexe_demux_t* value);
+KAVO_API void kavo_pmon_flexe_demux_t_print_at(const kavo_pmon_flexe_demux_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_flexe_demux_t_print(const kavo_pmon_flexe_demux_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_flexe_client_t_init(kavo_pmon_flexe_client_t* value);
+KAVO_API void kavo_pmon_flexe_client_t_print_at(const kavo_pmon_flexe_client_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_flexe_client_t_print(const kavo_pmon_flexe_client_t* value, kavo_pmon_print_sel_t selection);
+KAVO_API void kavo_pmon_flexe_group_t_init(kavo_pmon_flexe_group_t* value);
+KAVO_API void kavo_pmon_flexe_group_t_print_at(const kavo_pmon_flexe_group_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
+KAVO_API void kavo_pmon_flexe_group_t_print(const kavo_pmon_flexe_group_t* value, kavo_pmon_print_sel_t selection);
 
 #ifdef __cplusplus
 } /* extern "C" */
@@ -57,6 +109,369 @@ KAVO_STATIC_ASSERT(offsetof(kavo_pmon_cfg_t, auto_trigger) == 0, "kavo_pmon_cfg_
 KAVO_STATIC_ASSERT(offsetof(kavo_pmon_cfg_t, accumulate_enable) == 4, "kavo_pmon_cfg_t.accumulate_enable at 4");
 KAVO_STATIC_ASSERT(offsetof(kavo_pmon_cfg_t, trigger_period_ms) == 8, "kavo_pmon_cfg_t.trigger_period_ms at 8");
 KAVO_STATIC_ASSERT(offsetof(kavo_pmon_cfg_t, debug_counter_enable) == 12, "kavo_pmon_cfg_t.debug_counter_enable at 12");
+
+/* Receive physical layer of an Ethernet port: FEC codewords and symbols, PCS errors. */
+typedef struct kavo_pmon_enet_phy_rx_t {
+    UINT32 fec_corrected_cw_lsb;
+    UINT32 fec_corrected_cw_msb;
+    UINT32 fec_uncorrected_cw_lsb;
+    UINT32 fec_uncorrected_cw_msb;
+    UINT32 fec_symbol_err_lsb;
+    UINT32 fec_symbol_err_msb;
+    UINT32 bip_err_lsb;
+    UINT32 bip_err_msb;
+    UINT32 errored_blocks_lsb;
+    UINT32 errored_blocks_msb;
+#ifdef __cplusplus
+    kavo_pmon_enet_phy_rx_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_enet_phy_rx_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_enet_phy_rx_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_enet_phy_rx_t) == 40, "kavo_pmon_enet_phy_rx_t is 40 bytes");
+
+/* Receive MAC: frames and octets received OK, errored frames by kind (FCS, shorter
+   than 64 bytes, longer than the maximum, short with bad FCS, long with bad FCS),
+   frames by size, pause frames. */
+typedef struct kavo_pmon_enet_mac_rx_t {
+    UINT32 frames_ok_lsb;
+    UINT32 frames_ok_msb;
+    UINT32 octets_ok_lsb;
+    UINT32 octets_ok_msb;
+    UINT32 fcs_err_lsb;
+    UINT32 fcs_err_msb;
+    UINT32 undersize_lsb;
+    UINT32 undersize_msb;
+    UINT32 oversize_lsb;
+    UINT32 oversize_msb;
+    UINT32 fragments_lsb;
+    UINT32 fragments_msb;
+    UINT32 jabbers_lsb;
+    UINT32 jabbers_msb;
+    UINT32 bin_64_lsb;
+    UINT32 bin_64_msb;
+    UINT32 bin_65_127_lsb;
+    UINT32 bin_65_127_msb;
+    UINT32 bin_128_255_lsb;
+    UINT32 bin_128_255_msb;
+    UINT32 bin_256_511_lsb;
+    UINT32 bin_256_511_msb;
+    UINT32 bin_512_1023_lsb;
+    UINT32 bin_512_1023_msb;
+    UINT32 bin_1024_1518_lsb;
+    UINT32 bin_1024_1518_msb;
+    UINT32 bin_1519_max_lsb;
+    UINT32 bin_1519_max_msb;
+    UINT32 pause_lsb;
+    UINT32 pause_msb;
+    UINT32 unicast_lsb;
+    UINT32 unicast_msb;
+    UINT32 multicast_lsb;
+    UINT32 multicast_msb;
+#ifdef __cplusplus
+    kavo_pmon_enet_mac_rx_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_enet_mac_rx_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_enet_mac_rx_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_enet_mac_rx_t) == 136, "kavo_pmon_enet_mac_rx_t is 136 bytes");
+
+/* Transmit MAC: frames and octets sent OK, frames by size, pause frames, underflows. */
+typedef struct kavo_pmon_enet_mac_tx_t {
+    UINT32 frames_ok_lsb;
+    UINT32 frames_ok_msb;
+    UINT32 octets_ok_lsb;
+    UINT32 octets_ok_msb;
+    UINT32 bin_64_lsb;
+    UINT32 bin_64_msb;
+    UINT32 bin_65_127_lsb;
+    UINT32 bin_65_127_msb;
+    UINT32 bin_128_255_lsb;
+    UINT32 bin_128_255_msb;
+    UINT32 bin_256_511_lsb;
+    UINT32 bin_256_511_msb;
+    UINT32 bin_512_1023_lsb;
+    UINT32 bin_512_1023_msb;
+    UINT32 bin_1024_1518_lsb;
+    UINT32 bin_1024_1518_msb;
+    UINT32 bin_1519_max_lsb;
+    UINT32 bin_1519_max_msb;
+    UINT32 pause_lsb;
+    UINT32 pause_msb;
+    UINT32 underflow_err_lsb;
+    UINT32 underflow_err_msb;
+#ifdef __cplusplus
+    kavo_pmon_enet_mac_tx_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_enet_mac_tx_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_enet_mac_tx_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_enet_mac_tx_t) == 88, "kavo_pmon_enet_mac_tx_t is 88 bytes");
+
+/* Packet buffer drops of a channel. */
+typedef struct kavo_pmon_pb_t {
+    UINT32 rx_drops_lsb;
+    UINT32 rx_drops_msb;
+    UINT32 tx_drops_lsb;
+    UINT32 tx_drops_msb;
+#ifdef __cplusplus
+    kavo_pmon_pb_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_pb_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_pb_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_pb_t) == 16, "kavo_pmon_pb_t is 16 bytes");
+
+/* Counters of an Ethernet port. trigger_count numbers the trigger that took the
+   snapshot, period_ms is the time the snapshot covers. */
+typedef struct kavo_pmon_enet_port_segment_t {
+    UINT32 trigger_count;
+    UINT32 period_ms;
+    kavo_pmon_enet_phy_rx_t phy_rx;
+    kavo_pmon_enet_mac_rx_t mac_rx;
+    kavo_pmon_enet_mac_tx_t mac_tx;
+    kavo_pmon_pb_t pb;
+#ifdef __cplusplus
+    kavo_pmon_enet_port_segment_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+        this->phy_rx.init();
+        this->mac_rx.init();
+        this->mac_tx.init();
+        this->pb.init();
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_enet_port_segment_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_enet_port_segment_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_enet_port_segment_t) == 288, "kavo_pmon_enet_port_segment_t is 288 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_enet_port_segment_t, trigger_count) == 0, "kavo_pmon_enet_port_segment_t.trigger_count at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_enet_port_segment_t, period_ms) == 4, "kavo_pmon_enet_port_segment_t.period_ms at 4");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_enet_port_segment_t, phy_rx) == 8, "kavo_pmon_enet_port_segment_t.phy_rx at 8");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_enet_port_segment_t, mac_rx) == 48, "kavo_pmon_enet_port_segment_t.mac_rx at 48");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_enet_port_segment_t, mac_tx) == 184, "kavo_pmon_enet_port_segment_t.mac_tx at 184");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_enet_port_segment_t, pb) == 272, "kavo_pmon_enet_port_segment_t.pb at 272");
+
+/* Interlaken FEC codewords. */
+typedef struct kavo_pmon_ilkn_fec_t {
+    UINT32 corrected_cw_lsb;
+    UINT32 corrected_cw_msb;
+    UINT32 uncorrected_cw_lsb;
+    UINT32 uncorrected_cw_msb;
+#ifdef __cplusplus
+    kavo_pmon_ilkn_fec_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_ilkn_fec_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_ilkn_fec_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_ilkn_fec_t) == 16, "kavo_pmon_ilkn_fec_t is 16 bytes");
+
+/* Interlaken interface: packets and bytes each way, CRC and burst errors, underflows. */
+typedef struct kavo_pmon_ilkn_intf_counts_t {
+    UINT32 rx_pkts_lsb;
+    UINT32 rx_pkts_msb;
+    UINT32 rx_bytes_lsb;
+    UINT32 rx_bytes_msb;
+    UINT32 rx_crc24_err_lsb;
+    UINT32 rx_crc24_err_msb;
+    UINT32 rx_crc32_err_lsb;
+    UINT32 rx_crc32_err_msb;
+    UINT32 rx_burst_err_lsb;
+    UINT32 rx_burst_err_msb;
+    UINT32 tx_pkts_lsb;
+    UINT32 tx_pkts_msb;
+    UINT32 tx_bytes_lsb;
+    UINT32 tx_bytes_msb;
+    UINT32 tx_underflow_err_lsb;
+    UINT32 tx_underflow_err_msb;
+#ifdef __cplusplus
+    kavo_pmon_ilkn_intf_counts_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_ilkn_intf_counts_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_ilkn_intf_counts_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_ilkn_intf_counts_t) == 64, "kavo_pmon_ilkn_intf_counts_t is 64 bytes");
+
+/* Counters of the Interlaken interface. */
+typedef struct kavo_pmon_ilkn_intf_t {
+    UINT32 trigger_count;
+    UINT32 period_ms;
+    kavo_pmon_ilkn_intf_counts_t counts;
+    kavo_pmon_ilkn_fec_t fec;
+#ifdef __cplusplus
+    kavo_pmon_ilkn_intf_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+        this->counts.init();
+        this->fec.init();
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_ilkn_intf_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_ilkn_intf_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_ilkn_intf_t) == 88, "kavo_pmon_ilkn_intf_t is 88 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_ilkn_intf_t, trigger_count) == 0, "kavo_pmon_ilkn_intf_t.trigger_count at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_ilkn_intf_t, period_ms) == 4, "kavo_pmon_ilkn_intf_t.period_ms at 4");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_ilkn_intf_t, counts) == 8, "kavo_pmon_ilkn_intf_t.counts at 8");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_ilkn_intf_t, fec) == 72, "kavo_pmon_ilkn_intf_t.fec at 72");
+
+/* Counters of an Interlaken packet channel (0 to 7). */
+typedef struct kavo_pmon_ilkn_pkt_t {
+    UINT32 trigger_count;
+    UINT32 period_ms;
+    UINT32 rx_pkts_lsb;
+    UINT32 rx_pkts_msb;
+    UINT32 rx_bytes_lsb;
+    UINT32 rx_bytes_msb;
+    UINT32 rx_err_pkts_lsb;
+    UINT32 rx_err_pkts_msb;
+    UINT32 rx_drops_lsb;
+    UINT32 rx_drops_msb;
+    UINT32 tx_pkts_lsb;
+    UINT32 tx_pkts_msb;
+    UINT32 tx_bytes_lsb;
+    UINT32 tx_bytes_msb;
+    UINT32 tx_err_pkts_lsb;
+    UINT32 tx_err_pkts_msb;
+    UINT32 tx_drops_lsb;
+    UINT32 tx_drops_msb;
+#ifdef __cplusplus
+    kavo_pmon_ilkn_pkt_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_ilkn_pkt_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_ilkn_pkt_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_ilkn_pkt_t) == 72, "kavo_pmon_ilkn_pkt_t is 72 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_ilkn_pkt_t, trigger_count) == 0, "kavo_pmon_ilkn_pkt_t.trigger_count at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_ilkn_pkt_t, period_ms) == 4, "kavo_pmon_ilkn_pkt_t.period_ms at 4");
+
+/* FlexE mux of a client: blocks sent, idles inserted, FIFO errors. */
+typedef struct kavo_pmon_flexe_mux_t {
+    UINT32 tx_blocks_lsb;
+    UINT32 tx_blocks_msb;
+    UINT32 tx_idle_inserted_lsb;
+    UINT32 tx_idle_inserted_msb;
+    UINT32 tx_fifo_err_lsb;
+    UINT32 tx_fifo_err_msb;
+#ifdef __cplusplus
+    kavo_pmon_flexe_mux_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_flexe_mux_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_flexe_mux_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_flexe_mux_t) == 24, "kavo_pmon_flexe_mux_t is 24 bytes");
+
+/* FlexE demux of a client: blocks received, errored blocks, idles deleted, FIFO errors. */
+typedef struct kavo_pmon_flexe_demux_t {
+    UINT32 rx_blocks_lsb;
+    UINT32 rx_blocks_msb;
+    UINT32 rx_err_blocks_lsb;
+    UINT32 rx_err_blocks_msb;
+    UINT32 rx_idle_deleted_lsb;
+    UINT32 rx_idle_deleted_msb;
+    UINT32 rx_fifo_err_lsb;
+    UINT32 rx_fifo_err_msb;
+#ifdef __cplusplus
+    kavo_pmon_flexe_demux_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_flexe_demux_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_flexe_demux_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_flexe_demux_t) == 32, "kavo_pmon_flexe_demux_t is 32 bytes");
+
+/* Counters of a FlexE client (0 to 23). */
+typedef struct kavo_pmon_flexe_client_t {
+    UINT32 trigger_count;
+    UINT32 period_ms;
+    kavo_pmon_flexe_mux_t mux;
+    kavo_pmon_flexe_demux_t demux;
+    kavo_pmon_enet_mac_rx_t mac_rx;
+    kavo_pmon_enet_mac_tx_t mac_tx;
+#ifdef __cplusplus
+    kavo_pmon_flexe_client_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+        this->mux.init();
+        this->demux.init();
+        this->mac_rx.init();
+        this->mac_tx.init();
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_flexe_client_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_flexe_client_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_flexe_client_t) == 288, "kavo_pmon_flexe_client_t is 288 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_flexe_client_t, trigger_count) == 0, "kavo_pmon_flexe_client_t.trigger_count at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_flexe_client_t, period_ms) == 4, "kavo_pmon_flexe_client_t.period_ms at 4");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_flexe_client_t, mux) == 8, "kavo_pmon_flexe_client_t.mux at 8");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_flexe_client_t, demux) == 32, "kavo_pmon_flexe_client_t.demux at 32");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_flexe_client_t, mac_rx) == 64, "kavo_pmon_flexe_client_t.mac_rx at 64");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_flexe_client_t, mac_tx) == 200, "kavo_pmon_flexe_client_t.mac_tx at 200");
+
+/* Counters of a FlexE group (0 to 11): overhead CRC errors, frame and multiframe losses, remote PHY faults. */
+typedef struct kavo_pmon_flexe_group_t {
+    UINT32 trigger_count;
+    UINT32 period_ms;
+    UINT32 oh_crc_err_lsb;
+    UINT32 oh_crc_err_msb;
+    UINT32 lof_events_lsb;
+    UINT32 lof_events_msb;
+    UINT32 lom_events_lsb;
+    UINT32 lom_events_msb;
+    UINT32 rpf_events_lsb;
+    UINT32 rpf_events_msb;
+#ifdef __cplusplus
+    kavo_pmon_flexe_group_t() { init(); }
+    void init()
+    {
+        std::memset(static_cast<void*>(this), 0, sizeof(*this));
+    }
+    void print(const char* name, kavo_pmon_print_sel_t selection, int indent, int index) const
+    { kavo_pmon_flexe_group_t_print_at(this, name, selection, indent, index); }
+#endif
+} kavo_pmon_flexe_group_t;
+KAVO_STATIC_ASSERT(sizeof(kavo_pmon_flexe_group_t) == 40, "kavo_pmon_flexe_group_t is 40 bytes");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_flexe_group_t, trigger_count) == 0, "kavo_pmon_flexe_group_t.trigger_count at 0");
+KAVO_STATIC_ASSERT(offsetof(kavo_pmon_flexe_group_t, period_ms) == 4, "kavo_pmon_flexe_group_t.period_ms at 4");
 
 #ifdef __cplusplus
 inline const char* kavo_pmon_print_sel_t_print(kavo_pmon_print_sel_t value) { return kavo_pmon_print_sel_t_print(value, nullptr, 0); }

@@ -62,4 +62,295 @@ void kavo_pmon_cfg_t_print_at(const kavo_pmon_cfg_t* value, const char* name, FI
 
 void kavo_pmon_cfg_t_print(const kavo_pmon_cfg_t* value, FILE* file) { kavo_pmon_cfg_t_print_at(value, "kavo_pmon_cfg_t", file, 0, -1); }
 
+
+void kavo_pmon_enet_phy_rx_t_init(kavo_pmon_enet_phy_rx_t* value) { value->init(); }
+
+void kavo_pmon_enet_phy_rx_t_print_at(const kavo_pmon_enet_phy_rx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "fec_corrected_cw_lsb", (UINT64)value->fec_corrected_cw_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "fec_corrected_cw_msb", (UINT64)value->fec_corrected_cw_msb, "%u");
+    velt_print_counter(selection, indent + 1, "fec_uncorrected_cw_lsb", (UINT64)value->fec_uncorrected_cw_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "fec_uncorrected_cw_msb", (UINT64)value->fec_uncorrected_cw_msb, "%u");
+    velt_print_counter(selection, indent + 1, "fec_symbol_err_lsb", (UINT64)value->fec_symbol_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "fec_symbol_err_msb", (UINT64)value->fec_symbol_err_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bip_err_lsb", (UINT64)value->bip_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bip_err_msb", (UINT64)value->bip_err_msb, "%u");
+    velt_print_counter(selection, indent + 1, "errored_blocks_lsb", (UINT64)value->errored_blocks_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "errored_blocks_msb", (UINT64)value->errored_blocks_msb, "%u");
+}
+
+void kavo_pmon_enet_phy_rx_t_print(const kavo_pmon_enet_phy_rx_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_enet_phy_rx_t_print_at(value, "kavo_pmon_enet_phy_rx_t", selection, 0, -1); }
+
+
+void kavo_pmon_enet_mac_rx_t_init(kavo_pmon_enet_mac_rx_t* value) { value->init(); }
+
+void kavo_pmon_enet_mac_rx_t_print_at(const kavo_pmon_enet_mac_rx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "frames_ok_lsb", (UINT64)value->frames_ok_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "frames_ok_msb", (UINT64)value->frames_ok_msb, "%u");
+    velt_print_counter(selection, indent + 1, "octets_ok_lsb", (UINT64)value->octets_ok_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "octets_ok_msb", (UINT64)value->octets_ok_msb, "%u");
+    velt_print_counter(selection, indent + 1, "fcs_err_lsb", (UINT64)value->fcs_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "fcs_err_msb", (UINT64)value->fcs_err_msb, "%u");
+    velt_print_counter(selection, indent + 1, "undersize_lsb", (UINT64)value->undersize_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "undersize_msb", (UINT64)value->undersize_msb, "%u");
+    velt_print_counter(selection, indent + 1, "oversize_lsb", (UINT64)value->oversize_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "oversize_msb", (UINT64)value->oversize_msb, "%u");
+    velt_print_counter(selection, indent + 1, "fragments_lsb", (UINT64)value->fragments_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "fragments_msb", (UINT64)value->fragments_msb, "%u");
+    velt_print_counter(selection, indent + 1, "jabbers_lsb", (UINT64)value->jabbers_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "jabbers_msb", (UINT64)value->jabbers_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_64_lsb", (UINT64)value->bin_64_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_64_msb", (UINT64)value->bin_64_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_65_127_lsb", (UINT64)value->bin_65_127_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_65_127_msb", (UINT64)value->bin_65_127_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_128_255_lsb", (UINT64)value->bin_128_255_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_128_255_msb", (UINT64)value->bin_128_255_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_256_511_lsb", (UINT64)value->bin_256_511_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_256_511_msb", (UINT64)value->bin_256_511_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_512_1023_lsb", (UINT64)value->bin_512_1023_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_512_1023_msb", (UINT64)value->bin_512_1023_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_1024_1518_lsb", (UINT64)value->bin_1024_1518_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_1024_1518_msb", (UINT64)value->bin_1024_1518_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_1519_max_lsb", (UINT64)value->bin_1519_max_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_1519_max_msb", (UINT64)value->bin_1519_max_msb, "%u");
+    velt_print_counter(selection, indent + 1, "pause_lsb", (UINT64)value->pause_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "pause_msb", (UINT64)value->pause_msb, "%u");
+    velt_print_counter(selection, indent + 1, "unicast_lsb", (UINT64)value->unicast_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "unicast_msb", (UINT64)value->unicast_msb, "%u");
+    velt_print_counter(selection, indent + 1, "multicast_lsb", (UINT64)value->multicast_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "multicast_msb", (UINT64)value->multicast_msb, "%u");
+}
+
+void kavo_pmon_enet_mac_rx_t_print(const kavo_pmon_enet_mac_rx_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_enet_mac_rx_t_print_at(value, "kavo_pmon_enet_mac_rx_t", selection, 0, -1); }
+
+
+void kavo_pmon_enet_mac_tx_t_init(kavo_pmon_enet_mac_tx_t* value) { value->init(); }
+
+void kavo_pmon_enet_mac_tx_t_print_at(const kavo_pmon_enet_mac_tx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "frames_ok_lsb", (UINT64)value->frames_ok_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "frames_ok_msb", (UINT64)value->frames_ok_msb, "%u");
+    velt_print_counter(selection, indent + 1, "octets_ok_lsb", (UINT64)value->octets_ok_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "octets_ok_msb", (UINT64)value->octets_ok_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_64_lsb", (UINT64)value->bin_64_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_64_msb", (UINT64)value->bin_64_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_65_127_lsb", (UINT64)value->bin_65_127_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_65_127_msb", (UINT64)value->bin_65_127_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_128_255_lsb", (UINT64)value->bin_128_255_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_128_255_msb", (UINT64)value->bin_128_255_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_256_511_lsb", (UINT64)value->bin_256_511_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_256_511_msb", (UINT64)value->bin_256_511_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_512_1023_lsb", (UINT64)value->bin_512_1023_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_512_1023_msb", (UINT64)value->bin_512_1023_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_1024_1518_lsb", (UINT64)value->bin_1024_1518_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_1024_1518_msb", (UINT64)value->bin_1024_1518_msb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_1519_max_lsb", (UINT64)value->bin_1519_max_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "bin_1519_max_msb", (UINT64)value->bin_1519_max_msb, "%u");
+    velt_print_counter(selection, indent + 1, "pause_lsb", (UINT64)value->pause_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "pause_msb", (UINT64)value->pause_msb, "%u");
+    velt_print_counter(selection, indent + 1, "underflow_err_lsb", (UINT64)value->underflow_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "underflow_err_msb", (UINT64)value->underflow_err_msb, "%u");
+}
+
+void kavo_pmon_enet_mac_tx_t_print(const kavo_pmon_enet_mac_tx_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_enet_mac_tx_t_print_at(value, "kavo_pmon_enet_mac_tx_t", selection, 0, -1); }
+
+
+void kavo_pmon_pb_t_init(kavo_pmon_pb_t* value) { value->init(); }
+
+void kavo_pmon_pb_t_print_at(const kavo_pmon_pb_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "rx_drops_lsb", (UINT64)value->rx_drops_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_drops_msb", (UINT64)value->rx_drops_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_drops_lsb", (UINT64)value->tx_drops_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_drops_msb", (UINT64)value->tx_drops_msb, "%u");
+}
+
+void kavo_pmon_pb_t_print(const kavo_pmon_pb_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_pb_t_print_at(value, "kavo_pmon_pb_t", selection, 0, -1); }
+
+
+void kavo_pmon_enet_port_segment_t_init(kavo_pmon_enet_port_segment_t* value) { value->init(); }
+
+void kavo_pmon_enet_port_segment_t_print_at(const kavo_pmon_enet_port_segment_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "trigger_count", (UINT64)value->trigger_count, "%u");
+    velt_print_counter(selection, indent + 1, "period_ms", (UINT64)value->period_ms, "%u");
+    kavo_pmon_enet_phy_rx_t_print_at(&value->phy_rx, "phy_rx", selection, indent + 1, -1);
+    kavo_pmon_enet_mac_rx_t_print_at(&value->mac_rx, "mac_rx", selection, indent + 1, -1);
+    kavo_pmon_enet_mac_tx_t_print_at(&value->mac_tx, "mac_tx", selection, indent + 1, -1);
+    kavo_pmon_pb_t_print_at(&value->pb, "pb", selection, indent + 1, -1);
+}
+
+void kavo_pmon_enet_port_segment_t_print(const kavo_pmon_enet_port_segment_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_enet_port_segment_t_print_at(value, "kavo_pmon_enet_port_segment_t", selection, 0, -1); }
+
+
+void kavo_pmon_ilkn_fec_t_init(kavo_pmon_ilkn_fec_t* value) { value->init(); }
+
+void kavo_pmon_ilkn_fec_t_print_at(const kavo_pmon_ilkn_fec_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "corrected_cw_lsb", (UINT64)value->corrected_cw_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "corrected_cw_msb", (UINT64)value->corrected_cw_msb, "%u");
+    velt_print_counter(selection, indent + 1, "uncorrected_cw_lsb", (UINT64)value->uncorrected_cw_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "uncorrected_cw_msb", (UINT64)value->uncorrected_cw_msb, "%u");
+}
+
+void kavo_pmon_ilkn_fec_t_print(const kavo_pmon_ilkn_fec_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_ilkn_fec_t_print_at(value, "kavo_pmon_ilkn_fec_t", selection, 0, -1); }
+
+
+void kavo_pmon_ilkn_intf_counts_t_init(kavo_pmon_ilkn_intf_counts_t* value) { value->init(); }
+
+void kavo_pmon_ilkn_intf_counts_t_print_at(const kavo_pmon_ilkn_intf_counts_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "rx_pkts_lsb", (UINT64)value->rx_pkts_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_pkts_msb", (UINT64)value->rx_pkts_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_bytes_lsb", (UINT64)value->rx_bytes_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_bytes_msb", (UINT64)value->rx_bytes_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_crc24_err_lsb", (UINT64)value->rx_crc24_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_crc24_err_msb", (UINT64)value->rx_crc24_err_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_crc32_err_lsb", (UINT64)value->rx_crc32_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_crc32_err_msb", (UINT64)value->rx_crc32_err_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_burst_err_lsb", (UINT64)value->rx_burst_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_burst_err_msb", (UINT64)value->rx_burst_err_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_pkts_lsb", (UINT64)value->tx_pkts_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_pkts_msb", (UINT64)value->tx_pkts_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_bytes_lsb", (UINT64)value->tx_bytes_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_bytes_msb", (UINT64)value->tx_bytes_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_underflow_err_lsb", (UINT64)value->tx_underflow_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_underflow_err_msb", (UINT64)value->tx_underflow_err_msb, "%u");
+}
+
+void kavo_pmon_ilkn_intf_counts_t_print(const kavo_pmon_ilkn_intf_counts_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_ilkn_intf_counts_t_print_at(value, "kavo_pmon_ilkn_intf_counts_t", selection, 0, -1); }
+
+
+void kavo_pmon_ilkn_intf_t_init(kavo_pmon_ilkn_intf_t* value) { value->init(); }
+
+void kavo_pmon_ilkn_intf_t_print_at(const kavo_pmon_ilkn_intf_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "trigger_count", (UINT64)value->trigger_count, "%u");
+    velt_print_counter(selection, indent + 1, "period_ms", (UINT64)value->period_ms, "%u");
+    kavo_pmon_ilkn_intf_counts_t_print_at(&value->counts, "counts", selection, indent + 1, -1);
+    kavo_pmon_ilkn_fec_t_print_at(&value->fec, "fec", selection, indent + 1, -1);
+}
+
+void kavo_pmon_ilkn_intf_t_print(const kavo_pmon_ilkn_intf_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_ilkn_intf_t_print_at(value, "kavo_pmon_ilkn_intf_t", selection, 0, -1); }
+
+
+void kavo_pmon_ilkn_pkt_t_init(kavo_pmon_ilkn_pkt_t* value) { value->init(); }
+
+void kavo_pmon_ilkn_pkt_t_print_at(const kavo_pmon_ilkn_pkt_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "trigger_count", (UINT64)value->trigger_count, "%u");
+    velt_print_counter(selection, indent + 1, "period_ms", (UINT64)value->period_ms, "%u");
+    velt_print_counter(selection, indent + 1, "rx_pkts_lsb", (UINT64)value->rx_pkts_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_pkts_msb", (UINT64)value->rx_pkts_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_bytes_lsb", (UINT64)value->rx_bytes_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_bytes_msb", (UINT64)value->rx_bytes_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_err_pkts_lsb", (UINT64)value->rx_err_pkts_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_err_pkts_msb", (UINT64)value->rx_err_pkts_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_drops_lsb", (UINT64)value->rx_drops_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_drops_msb", (UINT64)value->rx_drops_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_pkts_lsb", (UINT64)value->tx_pkts_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_pkts_msb", (UINT64)value->tx_pkts_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_bytes_lsb", (UINT64)value->tx_bytes_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_bytes_msb", (UINT64)value->tx_bytes_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_err_pkts_lsb", (UINT64)value->tx_err_pkts_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_err_pkts_msb", (UINT64)value->tx_err_pkts_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_drops_lsb", (UINT64)value->tx_drops_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_drops_msb", (UINT64)value->tx_drops_msb, "%u");
+}
+
+void kavo_pmon_ilkn_pkt_t_print(const kavo_pmon_ilkn_pkt_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_ilkn_pkt_t_print_at(value, "kavo_pmon_ilkn_pkt_t", selection, 0, -1); }
+
+
+void kavo_pmon_flexe_mux_t_init(kavo_pmon_flexe_mux_t* value) { value->init(); }
+
+void kavo_pmon_flexe_mux_t_print_at(const kavo_pmon_flexe_mux_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "tx_blocks_lsb", (UINT64)value->tx_blocks_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_blocks_msb", (UINT64)value->tx_blocks_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_idle_inserted_lsb", (UINT64)value->tx_idle_inserted_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_idle_inserted_msb", (UINT64)value->tx_idle_inserted_msb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_fifo_err_lsb", (UINT64)value->tx_fifo_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "tx_fifo_err_msb", (UINT64)value->tx_fifo_err_msb, "%u");
+}
+
+void kavo_pmon_flexe_mux_t_print(const kavo_pmon_flexe_mux_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_flexe_mux_t_print_at(value, "kavo_pmon_flexe_mux_t", selection, 0, -1); }
+
+
+void kavo_pmon_flexe_demux_t_init(kavo_pmon_flexe_demux_t* value) { value->init(); }
+
+void kavo_pmon_flexe_demux_t_print_at(const kavo_pmon_flexe_demux_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "rx_blocks_lsb", (UINT64)value->rx_blocks_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_blocks_msb", (UINT64)value->rx_blocks_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_err_blocks_lsb", (UINT64)value->rx_err_blocks_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_err_blocks_msb", (UINT64)value->rx_err_blocks_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_idle_deleted_lsb", (UINT64)value->rx_idle_deleted_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_idle_deleted_msb", (UINT64)value->rx_idle_deleted_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_fifo_err_lsb", (UINT64)value->rx_fifo_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rx_fifo_err_msb", (UINT64)value->rx_fifo_err_msb, "%u");
+}
+
+void kavo_pmon_flexe_demux_t_print(const kavo_pmon_flexe_demux_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_flexe_demux_t_print_at(value, "kavo_pmon_flexe_demux_t", selection, 0, -1); }
+
+
+void kavo_pmon_flexe_client_t_init(kavo_pmon_flexe_client_t* value) { value->init(); }
+
+void kavo_pmon_flexe_client_t_print_at(const kavo_pmon_flexe_client_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "trigger_count", (UINT64)value->trigger_count, "%u");
+    velt_print_counter(selection, indent + 1, "period_ms", (UINT64)value->period_ms, "%u");
+    kavo_pmon_flexe_mux_t_print_at(&value->mux, "mux", selection, indent + 1, -1);
+    kavo_pmon_flexe_demux_t_print_at(&value->demux, "demux", selection, indent + 1, -1);
+    kavo_pmon_enet_mac_rx_t_print_at(&value->mac_rx, "mac_rx", selection, indent + 1, -1);
+    kavo_pmon_enet_mac_tx_t_print_at(&value->mac_tx, "mac_tx", selection, indent + 1, -1);
+}
+
+void kavo_pmon_flexe_client_t_print(const kavo_pmon_flexe_client_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_flexe_client_t_print_at(value, "kavo_pmon_flexe_client_t", selection, 0, -1); }
+
+
+void kavo_pmon_flexe_group_t_init(kavo_pmon_flexe_group_t* value) { value->init(); }
+
+void kavo_pmon_flexe_group_t_print_at(const kavo_pmon_flexe_group_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index)
+{
+    velt_print_counts_header(name, indent, index);
+    if (selection == KAVO_PMON_PRINT_NONE) return;
+    velt_print_counter(selection, indent + 1, "trigger_count", (UINT64)value->trigger_count, "%u");
+    velt_print_counter(selection, indent + 1, "period_ms", (UINT64)value->period_ms, "%u");
+    velt_print_counter(selection, indent + 1, "oh_crc_err_lsb", (UINT64)value->oh_crc_err_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "oh_crc_err_msb", (UINT64)value->oh_crc_err_msb, "%u");
+    velt_print_counter(selection, indent + 1, "lof_events_lsb", (UINT64)value->lof_events_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "lof_events_msb", (UINT64)value->lof_events_msb, "%u");
+    velt_print_counter(selection, indent + 1, "lom_events_lsb", (UINT64)value->lom_events_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "lom_events_msb", (UINT64)value->lom_events_msb, "%u");
+    velt_print_counter(selection, indent + 1, "rpf_events_lsb", (UINT64)value->rpf_events_lsb, "%u");
+    velt_print_counter(selection, indent + 1, "rpf_events_msb", (UINT64)value->rpf_events_msb, "%u");
+}
+
+void kavo_pmon_flexe_group_t_print(const kavo_pmon_flexe_group_t* value, kavo_pmon_print_sel_t selection) { kavo_pmon_flexe_group_t_print_at(value, "kavo_pmon_flexe_group_t", selection, 0, -1); }
+
 } /* extern "C" */
