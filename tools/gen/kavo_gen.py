@@ -24,6 +24,7 @@ Definition format (one file per area, called a group):
   name = "kavo_status_info_t"
   size = 48                         # checked at compile time in C and C++
   counts = true                     # optional: a counter record (selection printer)
+  hand_print = true                 # optional: printer declared, its body written by hand
   members = [
     "UINT32 build_code @0",         # TYPE NAME[dims] [=default] [@offset] [flags]
     "UINT32 fw_version hex",        # flags: hex (address, mask, version), list, inline
@@ -233,6 +234,7 @@ class Struct:
         self.doc = d.get("doc", "")
         self.counts = d.get("counts", False)
         self.no_print = d.get("no_print", False)
+        self.hand_print = d.get("hand_print", False)  # printer declared here, written by hand
         self.members = [Member(t, self.name) for t in d["members"]]
 
     def header(self, types):
@@ -316,7 +318,7 @@ class Struct:
 
     def source(self, types):
         n = self.name
-        if self.no_print:
+        if self.no_print or self.hand_print:
             return f"\nvoid {n}_init({n}* value) {{ value->init(); }}\n"
         if self.counts:
             return self.counts_source(types)

@@ -4,7 +4,9 @@
 #define KAVO_GEN_ALL_TYPES_H
 
 #include "kavo/gen/kavo_config_types.h"
+#include "kavo/gen/kavo_datapath_types.h"
 #include "kavo/gen/kavo_dcsu_types.h"
+#include "kavo/gen/kavo_enet_types.h"
 #include "kavo/gen/kavo_err_types.h"
 #include "kavo/gen/kavo_fw_types.h"
 #include "kavo/gen/kavo_htl_types.h"
