@@ -54,7 +54,8 @@ Printed formats (every line indented by 4 x depth blanks):
 Enumerations have a fixed 32-bit type in C++, so an unknown value read from
 the firmware is still a value of the type and prints as "illegal <type>".
 
-Also generated here: the firmware log decoder (kavo_gen_fwlog.py, from
+Also generated here: the command API from host/commands/*.toml (kavo_gen_commands.py:
+declarations, frame bodies, the reference and kavoctl's catalogue), the firmware log decoder (kavo_gen_fwlog.py, from
 host/types/fw_log_formats.toml) and the register accessors (kavo_gen_regs.py,
 from host/types/registers/registers.toml, into the internal velt_registers.h).
 """
@@ -633,11 +634,14 @@ def main():
     ap.add_argument("--check", action="store_true", help="fail when a generated file differs")
     args = ap.parse_args()
     sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+    import kavo_gen_commands
     try:
         host = load_groups(["host/types"])
         files = host_outputs(host)
         files.update(outputs(load_groups(["tests/types"]), extra_types=host))
-    except GenError as e:
+        types = {t.name: t for g in host for t in g.enums + g.structs}
+        files.update(kavo_gen_commands.generate(ROOT, types, BANNER))
+    except (GenError, kavo_gen_commands.CommandError) as e:
         print(f"kavo_gen: {e}", file=sys.stderr)
         return 2
     stale = []

@@ -1,4 +1,5 @@
-/* SDK entry, device bring-up and device-wide configuration. */
+/* SDK entry, device bring-up and device-wide configuration: the commands whose
+   algorithm is more than one request (the regular ones are generated). */
 #include "kavo/kavo_api.h"
 #include "kavo_command_frame.h"
 
@@ -32,22 +33,6 @@ VELT_ERROR kavo_device_uninit(UINT32 device_id, BOOL8 shutdown)
     return rc;
 }
 
-VELT_ERROR kavo_device_config(const UINT32 device_id, kavo_config_t* device_cfg)
-{
-    KAVO_COMMAND(frame, device_id);
-    frame.trace_record("kavo_config_t", device_cfg);
-    frame.request(KAVO_HTL_OPERATION_CONFIG).data(device_cfg, sizeof(kavo_config_t));
-    return frame.send();
-}
-
-VELT_ERROR kavo_device_config_get(const UINT32 device_id, kavo_config_t* cfg_ptr)
-{
-    KAVO_COMMAND(frame, device_id);
-    frame.trace(", [cfg_ptr=0x%p]", (void*)cfg_ptr);
-    frame.request(KAVO_HTL_OPERATION_CONFIG_GET).reply(cfg_ptr, sizeof(kavo_config_t));
-    return frame.send();
-}
-
 VELT_ERROR kavo_device_status_get(const UINT32 device_id, kavo_status_info_t* status_ptr)
 {
     KAVO_STATUS_COMMAND(frame, device_id);
@@ -75,20 +60,6 @@ VELT_ERROR kavo_device_status_get(const UINT32 device_id, kavo_status_info_t* st
         return KAVO_SW_FW_VERSION_MISMATCH;
     }
     return rc;
-}
-
-VELT_ERROR kavo_device_chnl_get(const UINT32 device_id, kavo_chnl_info_t* chnl_info_ptr)
-{
-    KAVO_COMMAND(frame, device_id);
-    frame.request(KAVO_HTL_OPERATION_CHNL_INFO_GET).reply(chnl_info_ptr, sizeof(kavo_chnl_info_t));
-    return frame.send();
-}
-
-VELT_ERROR kavo_dcsu_cfg_get(const UINT32 device_id, const kavo_dcsu_instance_t dcsu_inst, kavo_dcsu_cfg_get_t* cfg)
-{
-    kavo_command_frame frame(__func__, device_id, nullptr, true);  // no statistics, no trace
-    frame.request(KAVO_HTL_OPERATION_DCSU_CFG_GET).element(dcsu_inst).reply(cfg, sizeof(kavo_dcsu_cfg_get_t));
-    return frame.send();
 }
 
 VELT_ERROR kavo_fw_filename_set(const char* file_name)

@@ -57,6 +57,9 @@ KAVO_API void kavo_options_usage_print(void);
 /* Every option back to its default. */
 KAVO_API void kavo_options_reset(void);
 
+/* Name of a result code, e.g. "HTL_ERR_DEVICE_OFFLINE". */
+KAVO_API const char* kavo_err_t_string(VELT_ERROR value);
+
 #ifdef __cplusplus
 }
 #endif
