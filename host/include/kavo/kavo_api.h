@@ -9,7 +9,9 @@
 #include "kavo/gen/kavo_all_types.h"
 #include "kavo/kavo_sdk.h"
 #include "kavo/kavo_api_config.h"
+#include "kavo/kavo_api_datapath.h"
 #include "kavo/kavo_api_debug.h"
+#include "kavo/kavo_api_enet.h"
 #include "kavo/kavo_api_ipi.h"
 
 #endif /* KAVO_API_H */

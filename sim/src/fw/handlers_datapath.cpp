@@ -845,9 +845,11 @@ void connect(firmware& fw, const request& req, reply& rep)
     const UINT32 dst = req.info.element_id, src = req.info.parent_id;
     if (!channel_ok(fw, dst, rep) || !channel_ok(fw, src, rep)) return;
     datapath_model& d = dp(fw);
-    rep.result = check_connection(fw, src, dst);
-    if (rep.result == VELT_SUCCESS && d.source[dst] != NO_CHANNEL && d.source[dst] != src)
+    // A destination has one source; connecting it again to the same one changes nothing.
+    if (d.source[dst] != NO_CHANNEL && d.source[dst] != src && fw.device.channels[src] != KAVO_SEGMENT_TYPE_UNUSED)
         rep.result = SEGMENT_BASE_ERR_PHYSICAL_RESOURCE_UNAVAILABLE;
+    else
+        rep.result = check_connection(fw, src, dst);
     if (rep.result != VELT_SUCCESS) {
         fw.console("connect %u -> %u refused (0x%x)\n", src, dst, rep.result);
         return;
