@@ -1,0 +1,77 @@
+// What kavoctl's verbs share: the settings of the run, the device they act on,
+// how results and failures are reported, and the verbs themselves.
+#ifndef KAVOCTL_KAVOCTL_H
+#define KAVOCTL_KAVOCTL_H
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "kavo/kavo_api.h"
+
+namespace kavoctl {
+
+struct settings {
+    UINT32 device = 0;
+    std::string socket_path;
+    std::string firmware;
+    kavo_init_type_t init = KAVO_INIT_AUTO;
+    bool revb = false;
+    bool trace = false;
+    bool json = false; // results as JSON on standard output
+};
+
+using args_t = std::vector<std::string>;
+
+/* One verb of the command line: `kavoctl NAME ARGS`. */
+struct verb {
+    const char* name;
+    const char* usage;   // the arguments, e.g. "read ADDR | write ADDR VALUE"
+    const char* summary; // one line
+    int (*run)(const settings& s, const args_t& args); // checks its arguments, then calls device_ready
+};
+
+// The verbs, one list per area (views/<area>.cpp, builtin.cpp, call.cpp).
+std::span<const verb> builtin_verbs();
+std::span<const verb> catalogue_verbs();
+std::span<const verb> datapath_verbs();
+std::span<const verb> macsec_verbs();
+std::span<const verb> serdes_verbs();
+std::span<const verb> flexe_verbs();
+std::span<const verb> mux_verbs();
+std::span<const verb> defect_verbs();
+
+const verb* find_verb(const std::string& name);
+void print_usage(FILE* out);
+
+/* Brings the device up on first use (the virtual device unless a socket is
+   given); 0 when it is up, else the failure reported and its exit status.
+   Verbs call it after checking their arguments. */
+int device_ready(const settings& s);
+void close_device(const settings& s);
+/* Where the library's lines go: standard error, so that results on standard
+   output stay clean; the verbs that show the firmware's logs point it at
+   standard output while they do. */
+void log_to(FILE* sink);
+
+/* A usage error: one line on standard error, status 2. */
+int usage_error(const std::string& what);
+/* A command's result: 0, or its code by name on standard error and status 1. */
+int finish(VELT_ERROR rc, const char* what);
+/* Prints a JSON document on standard output (one line per document). */
+void print_json(const nlohmann::json& doc);
+/* {"result": code, "result_name": "..."} for a command's result. */
+nlohmann::json result_json(VELT_ERROR rc);
+
+/* A record as a JSON object keyed by member name; null when the type is not in the catalogue. */
+nlohmann::json record_json(const char* type_name, const void* record);
+template <class T> nlohmann::json record_json(const char* type_name, const T& record)
+{
+    return record_json(type_name, static_cast<const void*>(&record));
+}
+
+} // namespace kavoctl
+
+#endif
