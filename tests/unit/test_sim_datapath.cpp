@@ -19,6 +19,7 @@ class SimDatapath : public ::testing::Test {
         ASSERT_EQ(bus.exchange(KAVO_HTL_OPERATION_CONFIG, &c, sizeof(c)).result(), VELT_SUCCESS);
         port.enet_chnl_id = 4;
         port.serdes_port_id = 8;
+        port.fec = KAVO_ENET_FEC_MODE_RS_544; // mandatory on the PAM4 lanes of the default mode
     }
     void TearDown() override { kavo_sim::chip_destroy_all(); }
     UINT32 prov(const kavo_traffic_enet_t& t, UINT32 chnl, UINT32 parent, UINT32 size = sizeof(kavo_traffic_enet_t))
@@ -29,7 +30,7 @@ class SimDatapath : public ::testing::Test {
         return bus.exchange(KAVO_HTL_OPERATION_ENET_PROV, &t, size, info).result();
     }
     kavo_sim::bus_client bus{kavo_sim::callouts(), 3};
-    kavo_traffic_enet_t port; // the defaults: 100G over four 25G NRZ lanes, MAC, no FEC
+    kavo_traffic_enet_t port; // the defaults: 100G over two 50G PAM4 lanes, MAC
 };
 
 } // namespace
@@ -51,13 +52,13 @@ TEST_F(SimDatapath, ProvisioningRecordMustAgreeWithTheRequest)
     kavo_traffic_enet_t custom = port;
     custom.enet_chnl_id = 6;
     custom.use_custom_serdes_lanes = 1;
-    const UINT32 lanes[8] = {19, 18, 17, 16, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF};
+    const UINT32 lanes[8] = {17, 16, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF};
     std::copy(std::begin(lanes), std::end(lanes), custom.serdes_lanes);
     EXPECT_EQ(prov(custom, 6, 16), UINT32(ENET_LOG_ERR_INVALID_PARAMETERS)) << "the first lane is the list's";
-    EXPECT_EQ(prov(custom, 6, 19), VELT_SUCCESS);
+    EXPECT_EQ(prov(custom, 6, 17), VELT_SUCCESS);
     custom.use_custom_serdes_lanes = 2;
     custom.enet_chnl_id = 7;
-    EXPECT_EQ(prov(custom, 7, 19), UINT32(ENET_LOG_ERR_INVALID_PARAMETERS));
+    EXPECT_EQ(prov(custom, 7, 17), UINT32(ENET_LOG_ERR_INVALID_PARAMETERS));
 }
 
 TEST_F(SimDatapath, ShutdownReleasesChannelsLanesAndConnections)

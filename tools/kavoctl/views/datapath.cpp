@@ -39,7 +39,7 @@ bool parse_channel(const std::string& text, UINT32& chnl)
 kavo_serdes_pin_mode_t pin_mode_of(kavo_enet_port_mode_t mode)
 {
     switch (mode) {
-    case KAVO_ENET_PORT_MODE_1GE: return KAVO_SERDES_PIN_MODE_1G_NRZ;
+    case KAVO_ENET_PORT_MODE_1GE:
     case KAVO_ENET_PORT_MODE_10GE:
     case KAVO_ENET_PORT_MODE_40GE_4X10G: return KAVO_SERDES_PIN_MODE_10G_NRZ;
     case KAVO_ENET_PORT_MODE_25GE:

@@ -14,25 +14,24 @@ extern "C" {
 
 #define KAVO_ENET_MAX_SERDES_LANES 8
 
-/* Signalling of a SerDes lane: its rate and whether it is NRZ or PAM4. */
+/* Lane signalling: symbol coding and lane rate class. */
 #ifdef __cplusplus
 typedef enum kavo_serdes_pin_mode_t : int {
 #else
 typedef enum kavo_serdes_pin_mode_t {
 #endif
-    KAVO_SERDES_PIN_MODE_1G_NRZ = 0,
-    KAVO_SERDES_PIN_MODE_10G_NRZ = 1,
-    KAVO_SERDES_PIN_MODE_25G_NRZ = 2,
-    KAVO_SERDES_PIN_MODE_50G_PAM4 = 3,
-    KAVO_SERDES_PIN_MODE_100G_PAM4 = 4,
-    LAST_KAVO_SERDES_PIN_MODE = 5,
+    KAVO_SERDES_PIN_MODE_10G_NRZ = 0,
+    KAVO_SERDES_PIN_MODE_25G_NRZ = 1,
+    KAVO_SERDES_PIN_MODE_50G_PAM4 = 2,
+    KAVO_SERDES_PIN_MODE_100G_PAM4 = 3,
+    LAST_KAVO_SERDES_PIN_MODE = 4,
 } kavo_serdes_pin_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_serdes_pin_mode_t) == 4, "kavo_serdes_pin_mode_t is 32 bits");
 KAVO_API const char* kavo_serdes_pin_mode_t_print(kavo_serdes_pin_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_serdes_pin_mode_t_suffix_print(kavo_serdes_pin_mode_t value, char* buffer, UINT32 length);
 
 /* Ethernet port modes: rate and lanes (the lane signalling follows from the lane rate:
-   10G and 25G lanes are NRZ, 50G and 100G lanes PAM4). */
+   10G and 25G lanes are NRZ, 50G and 100G lanes PAM4; 1GE runs on a lane of the 10G NRZ class). */
 #ifdef __cplusplus
 typedef enum kavo_enet_port_mode_t : int {
 #else
@@ -44,9 +43,9 @@ typedef enum kavo_enet_port_mode_t {
     KAVO_ENET_PORT_MODE_40GE_4X10G = 20,
     KAVO_ENET_PORT_MODE_50GE_2X25G = 24,
     KAVO_ENET_PORT_MODE_50GE_1X50G = 25,
-    KAVO_ENET_PORT_MODE_100GE_4X25G = 32,
-    KAVO_ENET_PORT_MODE_100GE_2X50G = 33,
-    KAVO_ENET_PORT_MODE_100GE_1X100G = 34,
+    KAVO_ENET_PORT_MODE_100GE_2X50G = 32,
+    KAVO_ENET_PORT_MODE_100GE_1X100G = 33,
+    KAVO_ENET_PORT_MODE_100GE_4X25G = 34,
     KAVO_ENET_PORT_MODE_200GE_4X50G = 40,
     KAVO_ENET_PORT_MODE_200GE_2X100G = 41,
     KAVO_ENET_PORT_MODE_400GE_8X50G = 48,

@@ -28,12 +28,11 @@ extern "C" {
 static const char* kavo_serdes_pin_mode_t_name(UINT32 value)
 {
     switch (value) {
-    case 0: return "KAVO_SERDES_PIN_MODE_1G_NRZ";
-    case 1: return "KAVO_SERDES_PIN_MODE_10G_NRZ";
-    case 2: return "KAVO_SERDES_PIN_MODE_25G_NRZ";
-    case 3: return "KAVO_SERDES_PIN_MODE_50G_PAM4";
-    case 4: return "KAVO_SERDES_PIN_MODE_100G_PAM4";
-    case 5: return "LAST_KAVO_SERDES_PIN_MODE";
+    case 0: return "KAVO_SERDES_PIN_MODE_10G_NRZ";
+    case 1: return "KAVO_SERDES_PIN_MODE_25G_NRZ";
+    case 2: return "KAVO_SERDES_PIN_MODE_50G_PAM4";
+    case 3: return "KAVO_SERDES_PIN_MODE_100G_PAM4";
+    case 4: return "LAST_KAVO_SERDES_PIN_MODE";
     default: return nullptr;
     }
 }
@@ -54,12 +53,11 @@ const char* kavo_serdes_pin_mode_t_suffix_print(kavo_serdes_pin_mode_t value, ch
 }
 
 static const velt_enum_entry_t kavo_serdes_pin_mode_t_entries[] = {
-    {"KAVO_SERDES_PIN_MODE_1G_NRZ", 0},
-    {"KAVO_SERDES_PIN_MODE_10G_NRZ", 1},
-    {"KAVO_SERDES_PIN_MODE_25G_NRZ", 2},
-    {"KAVO_SERDES_PIN_MODE_50G_PAM4", 3},
-    {"KAVO_SERDES_PIN_MODE_100G_PAM4", 4},
-    {"LAST_KAVO_SERDES_PIN_MODE", 5}
+    {"KAVO_SERDES_PIN_MODE_10G_NRZ", 0},
+    {"KAVO_SERDES_PIN_MODE_25G_NRZ", 1},
+    {"KAVO_SERDES_PIN_MODE_50G_PAM4", 2},
+    {"KAVO_SERDES_PIN_MODE_100G_PAM4", 3},
+    {"LAST_KAVO_SERDES_PIN_MODE", 4}
 };
 const velt_enum_table_t kavo_serdes_pin_mode_t_table = {"kavo_serdes_pin_mode_t", "KAVO_SERDES_PIN_MODE_", kavo_serdes_pin_mode_t_entries,
     (UINT32)(sizeof(kavo_serdes_pin_mode_t_entries) / sizeof(kavo_serdes_pin_mode_t_entries[0]))};
@@ -74,9 +72,9 @@ static const char* kavo_enet_port_mode_t_name(UINT32 value)
     case 20: return "KAVO_ENET_PORT_MODE_40GE_4X10G";
     case 24: return "KAVO_ENET_PORT_MODE_50GE_2X25G";
     case 25: return "KAVO_ENET_PORT_MODE_50GE_1X50G";
-    case 32: return "KAVO_ENET_PORT_MODE_100GE_4X25G";
-    case 33: return "KAVO_ENET_PORT_MODE_100GE_2X50G";
-    case 34: return "KAVO_ENET_PORT_MODE_100GE_1X100G";
+    case 32: return "KAVO_ENET_PORT_MODE_100GE_2X50G";
+    case 33: return "KAVO_ENET_PORT_MODE_100GE_1X100G";
+    case 34: return "KAVO_ENET_PORT_MODE_100GE_4X25G";
     case 40: return "KAVO_ENET_PORT_MODE_200GE_4X50G";
     case 41: return "KAVO_ENET_PORT_MODE_200GE_2X100G";
     case 48: return "KAVO_ENET_PORT_MODE_400GE_8X50G";
@@ -108,9 +106,9 @@ static const velt_enum_entry_t kavo_enet_port_mode_t_entries[] = {
     {"KAVO_ENET_PORT_MODE_40GE_4X10G", 20},
     {"KAVO_ENET_PORT_MODE_50GE_2X25G", 24},
     {"KAVO_ENET_PORT_MODE_50GE_1X50G", 25},
-    {"KAVO_ENET_PORT_MODE_100GE_4X25G", 32},
-    {"KAVO_ENET_PORT_MODE_100GE_2X50G", 33},
-    {"KAVO_ENET_PORT_MODE_100GE_1X100G", 34},
+    {"KAVO_ENET_PORT_MODE_100GE_2X50G", 32},
+    {"KAVO_ENET_PORT_MODE_100GE_1X100G", 33},
+    {"KAVO_ENET_PORT_MODE_100GE_4X25G", 34},
     {"KAVO_ENET_PORT_MODE_200GE_4X50G", 40},
     {"KAVO_ENET_PORT_MODE_200GE_2X100G", 41},
     {"KAVO_ENET_PORT_MODE_400GE_8X50G", 48},
