@@ -30,6 +30,46 @@ class kavo_enet_dcsu_ref_clk_t(IntEnum):
     KAVO_ENET_DCSU_REF_CLK_PTP_REF_CLK_125MHZ = 2
     LAST_KAVO_ENET_DCSU_REF_CLK = 3
 
+class kavo_deprov_t(IntEnum):
+    KAVO_DEPROV_SAFE = 0
+    KAVO_DEPROV_FORCE = 1
+    LAST_KAVO_DEPROV = 2
+
+class kavo_loopback_t(IntEnum):
+    KAVO_LOOPBACK_NONE = 0
+    KAVO_LOOPBACK_HOST = 1
+    KAVO_LOOPBACK_LINE = 2
+    LAST_KAVO_LOOPBACK = 3
+
+class kavo_flow_control_mode_t(IntEnum):
+    KAVO_FLOW_CONTROL_MODE_DISABLED = 0
+    KAVO_FLOW_CONTROL_MODE_RX = 1
+    KAVO_FLOW_CONTROL_MODE_TX = 2
+    KAVO_FLOW_CONTROL_MODE_RX_TX = 3
+    LAST_KAVO_FLOW_CONTROL_MODE = 4
+
+class kavo_flow_control_frame_t(IntEnum):
+    KAVO_FLOW_CONTROL_FRAME_PAUSE = 0
+    KAVO_FLOW_CONTROL_FRAME_PFC = 1
+    LAST_KAVO_FLOW_CONTROL_FRAME = 2
+
+class kavo_flow_control_pfc_mask_t(IntEnum):
+    KAVO_FLOW_CONTROL_PFC_MASK_NONE = 0
+    KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_0 = 1
+    KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_1 = 2
+    KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_2 = 4
+    KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_3 = 8
+    KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_4 = 16
+    KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_5 = 32
+    KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_6 = 64
+    KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_7 = 128
+    KAVO_FLOW_CONTROL_PFC_MASK_ALL = 255
+
+class kavo_flow_control_buffer_mgmt_t(IntEnum):
+    KAVO_FLOW_CONTROL_BUFFER_MGMT_STATIC = 0
+    KAVO_FLOW_CONTROL_BUFFER_MGMT_DYNAMIC = 1
+    LAST_KAVO_FLOW_CONTROL_BUFFER_MGMT = 2
+
 class kavo_dcsu_instance_t(IntEnum):
     KAVO_DCSU_INSTANCE_0 = 0
     KAVO_DCSU_INSTANCE_1 = 1
@@ -66,6 +106,128 @@ class kavo_defect_print_filter_t(IntEnum):
     KAVO_DEFECT_PRINT_FILTER_V_ASSERTED = 2
     KAVO_DEFECT_PRINT_FILTER_V_OR_I_ASSERTED = 3
     LAST_KAVO_DEFECT_PRINT_FILTER = 4
+
+class kavo_enet_port_mode_t(IntEnum):
+    KAVO_ENET_PORT_MODE_1GE = 0
+    KAVO_ENET_PORT_MODE_10GE = 8
+    KAVO_ENET_PORT_MODE_25GE = 16
+    KAVO_ENET_PORT_MODE_40GE_4X10G = 20
+    KAVO_ENET_PORT_MODE_50GE_2X25G = 24
+    KAVO_ENET_PORT_MODE_50GE_1X50G = 25
+    KAVO_ENET_PORT_MODE_100GE_2X50G = 32
+    KAVO_ENET_PORT_MODE_100GE_1X100G = 33
+    KAVO_ENET_PORT_MODE_100GE_4X25G = 34
+    KAVO_ENET_PORT_MODE_200GE_4X50G = 40
+    KAVO_ENET_PORT_MODE_200GE_2X100G = 41
+    KAVO_ENET_PORT_MODE_400GE_8X50G = 48
+    KAVO_ENET_PORT_MODE_400GE_4X100G = 49
+    LAST_KAVO_ENET_PORT_MODE = 64
+
+class kavo_enet_fec_mode_t(IntEnum):
+    KAVO_ENET_FEC_MODE_NONE = 0
+    KAVO_ENET_FEC_MODE_BASE_R = 1
+    KAVO_ENET_FEC_MODE_RS_528 = 2
+    KAVO_ENET_FEC_MODE_RS_544 = 3
+    LAST_KAVO_ENET_FEC_MODE = 4
+
+class kavo_enet_prov_mode_t(IntEnum):
+    KAVO_ENET_PROV_MODE_ANALOG_RETIMER = 0
+    KAVO_ENET_PROV_MODE_PCS_RETIMER = 1
+    KAVO_ENET_PROV_MODE_FLEXE_PHY = 2
+    KAVO_ENET_PROV_MODE_PCS = 3
+    KAVO_ENET_PROV_MODE_MAC = 4
+    LAST_KAVO_ENET_PROV_MODE = 5
+
+class kavo_enet_scramble_idle_level_t(IntEnum):
+    KAVO_ENET_SCRAMBLE_IDLE_LEVEL_PCS = 0
+    KAVO_ENET_SCRAMBLE_IDLE_LEVEL_FEC = 1
+    LAST_KAVO_ENET_SCRAMBLE_IDLE_LEVEL = 2
+
+class kavo_enet_tx_timing_mode_t(IntEnum):
+    KAVO_ENET_TX_TIMING_MODE_NOMINAL = 0
+    KAVO_ENET_TX_TIMING_MODE_THROUGH = 1
+    KAVO_ENET_TX_TIMING_MODE_LOOP = 2
+    LAST_KAVO_ENET_TX_TIMING_MODE = 3
+
+class kavo_enet_alarm_mode_t(IntEnum):
+    KAVO_ENET_ALARM_MODE_TERMINATED = 0
+    KAVO_ENET_ALARM_MODE_RELAY = 1
+    LAST_KAVO_ENET_ALARM_MODE = 2
+
+class kavo_enet_anlt_advertize_type_t(IntEnum):
+    KAVO_ENET_ANLT_ADVERTIZE_1000BASE_KX = 0
+    KAVO_ENET_ANLT_ADVERTIZE_10GBASE_KR = 1
+    KAVO_ENET_ANLT_ADVERTIZE_25GBASE_KR = 2
+    KAVO_ENET_ANLT_ADVERTIZE_25GBASE_CR = 3
+    KAVO_ENET_ANLT_ADVERTIZE_40GBASE_KR4 = 4
+    KAVO_ENET_ANLT_ADVERTIZE_40GBASE_CR4 = 5
+    KAVO_ENET_ANLT_ADVERTIZE_50GBASE_KR = 6
+    KAVO_ENET_ANLT_ADVERTIZE_50GBASE_CR = 7
+    KAVO_ENET_ANLT_ADVERTIZE_100GBASE_KR4 = 8
+    KAVO_ENET_ANLT_ADVERTIZE_100GBASE_CR4 = 9
+    KAVO_ENET_ANLT_ADVERTIZE_100GBASE_KR2 = 10
+    KAVO_ENET_ANLT_ADVERTIZE_100GBASE_CR2 = 11
+    KAVO_ENET_ANLT_ADVERTIZE_100GBASE_KR1 = 12
+    KAVO_ENET_ANLT_ADVERTIZE_100GBASE_CR1 = 13
+    KAVO_ENET_ANLT_ADVERTIZE_200GBASE_KR4 = 14
+    KAVO_ENET_ANLT_ADVERTIZE_200GBASE_CR4 = 15
+    KAVO_ENET_ANLT_ADVERTIZE_400GBASE_KR4 = 16
+    KAVO_ENET_ANLT_ADVERTIZE_400GBASE_CR4 = 17
+    KAVO_ENET_ANLT_ADVERTIZE_400GBASE_KR8 = 18
+    KAVO_ENET_ANLT_ADVERTIZE_400GBASE_CR8 = 19
+    LAST_KAVO_ENET_ANLT_ADVERTIZE = 20
+
+class kavo_enet_anlt_state_t(IntEnum):
+    KAVO_ENET_ANLT_STATE_IDLE = 0
+    KAVO_ENET_ANLT_STATE_AN = 1
+    KAVO_ENET_ANLT_STATE_LT = 2
+    KAVO_ENET_ANLT_STATE_LINK_UP = 3
+    LAST_KAVO_ENET_ANLT_STATE = 4
+
+class kavo_mac_rx_error_t(IntEnum):
+    KAVO_MAC_RX_ERROR_NONE = 0
+    KAVO_MAC_RX_ERROR_FCS = 1
+    KAVO_MAC_RX_ERROR_RUNT = 2
+    KAVO_MAC_RX_ERROR_OVERSIZE = 4
+    KAVO_MAC_RX_ERROR_PCS = 8
+    KAVO_MAC_RX_ERROR_ALL = 15
+
+class kavo_enet_direction_t(IntEnum):
+    KAVO_ENET_DIRECTION_RX = 0
+    KAVO_ENET_DIRECTION_TX = 1
+    LAST_KAVO_ENET_DIRECTION = 2
+
+class kavo_enet_ca_enable_t(IntEnum):
+    KAVO_ENET_CA_ENABLE_RX_FAULT_TO_TX_RF = 0
+    KAVO_ENET_CA_ENABLE_RX_DEFECT_TO_HOST = 1
+    KAVO_ENET_CA_ENABLE_HOST_FAULT_TO_TX = 2
+    LAST_KAVO_ENET_CA_ENABLE = 3
+
+class kavo_enet_alarm_mask_t(IntEnum):
+    KAVO_ENET_ALARM_MASK_NONE = 0
+    KAVO_ENET_ALARM_MASK_LOS = 1
+    KAVO_ENET_ALARM_MASK_LOBL = 2
+    KAVO_ENET_ALARM_MASK_LOAML = 4
+    KAVO_ENET_ALARM_MASK_HI_BER = 8
+    KAVO_ENET_ALARM_MASK_LF = 16
+    KAVO_ENET_ALARM_MASK_RF = 32
+    KAVO_ENET_ALARM_MASK_FEC_DEG_SER = 64
+    KAVO_ENET_ALARM_MASK_RX_AM_SF = 128
+    KAVO_ENET_ALARM_MASK_ALL = 255
+
+class kavo_enet_alarm_force_t(IntEnum):
+    KAVO_ENET_ALARM_FORCE_OFF = 0
+    KAVO_ENET_ALARM_FORCE_TX = 1
+    KAVO_ENET_ALARM_FORCE_RX = 2
+    LAST_KAVO_ENET_ALARM_FORCE = 3
+
+class kavo_enet_alarm_action_t(IntEnum):
+    KAVO_ENET_ALARM_ACTION_NONE = 0
+    KAVO_ENET_ALARM_ACTION_LF = 1
+    KAVO_ENET_ALARM_ACTION_RF = 2
+    KAVO_ENET_ALARM_ACTION_IDLE = 3
+    KAVO_ENET_ALARM_ACTION_ERROR = 4
+    LAST_KAVO_ENET_ALARM_ACTION = 5
 
 class kavo_module_id_t(IntEnum):
     KAVO_MID_BASE = 0
@@ -1264,6 +1426,10 @@ class kavo_chnl_info_t(Record):
     _init_ = "kavo_chnl_info_t_init"
     _fields_ = [("info", (ctypes.c_uint32 * 48))]
 
+class kavo_flow_control_cfg_t(Record):
+    _init_ = "kavo_flow_control_cfg_t_init"
+    _fields_ = [("mode", ctypes.c_uint32), ("frame_type", ctypes.c_uint32), ("pfc_mask", ctypes.c_uint32), ("buffer_mgmt", ctypes.c_uint32), ("pause_quanta", ctypes.c_uint32), ("refresh_quanta", ctypes.c_uint32), ("xoff_threshold", ctypes.c_uint32), ("xon_threshold", ctypes.c_uint32), ("pfc_quanta", (ctypes.c_uint16 * 8)), ("reserved", (ctypes.c_uint32 * 2))]
+
 class kavo_dcsu_cfg_get_t(Record):
     _init_ = "kavo_dcsu_cfg_get_t_init"
     _fields_ = [("iddq_mode", ctypes.c_uint32), ("dcsu_reset", ctypes.c_uint32), ("boot_mode", ctypes.c_uint32), ("sw_reset", ctypes.c_uint32), ("iddq", ctypes.c_uint32), ("atmsb", ctypes.c_uint32), ("enb", ctypes.c_uint32), ("osc_clk_en", ctypes.c_uint32), ("arstb", ctypes.c_uint32), ("shift_clk_sel", (ctypes.c_uint32 * 8)), ("ac_pulse_req", (ctypes.c_uint32 * 8)), ("clk_stop", (ctypes.c_uint32 * 8)), ("clk_bypass_en", (ctypes.c_uint32 * 8)), ("post_sync_en", (ctypes.c_uint32 * 8)), ("post_sync_cnt", ctypes.c_uint32), ("pre_div_by", ctypes.c_uint32), ("post_div_by", (ctypes.c_uint32 * 8)), ("fb_int_div_rd", ctypes.c_uint32), ("fb_int_div", ctypes.c_uint32), ("fb_div_numerator", ctypes.c_uint32), ("fb_div_denumerator", ctypes.c_uint32), ("m_en", ctypes.c_uint32), ("m_int_div", ctypes.c_uint32), ("m_numerator", ctypes.c_uint32), ("m_stepsize", ctypes.c_uint32)]
@@ -1427,6 +1593,66 @@ class kavo_defect_dcsu_t(Record):
 class kavo_defect_device_summary_t(Record):
     _init_ = "kavo_defect_device_summary_t_init"
     _fields_ = [("ilkn_intf", kavo_defect_summary_ive_valid_t), ("ilkn_chnl", (kavo_defect_summary_ive_valid_t * 8)), ("enet_port", (kavo_defect_summary_ive_valid_t * 48)), ("flexe_client", (kavo_defect_summary_ive_valid_t * 24)), ("flexe_group", (kavo_defect_summary_ive_valid_t * 12)), ("serdes", (kavo_defect_summary_ive_valid_t * 48)), ("tlic", kavo_defect_summary_ive_valid_t), ("dcsu", (kavo_defect_summary_ive_valid_t * 6)), ("anlt", (kavo_defect_summary_ive_valid_t * 48))]
+
+class kavo_traffic_enet_t(Record):
+    _init_ = "kavo_traffic_enet_t_init"
+    _fields_ = [("enet_chnl_id", ctypes.c_uint32), ("enet_phy_id", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32), ("pin_mode", ctypes.c_uint32), ("mode", ctypes.c_uint32), ("prov_mode", ctypes.c_uint32), ("fec", ctypes.c_uint32), ("use_custom_serdes_lanes", ctypes.c_uint32), ("serdes_lanes", (ctypes.c_uint32 * 8)), ("tx_timing_mode", ctypes.c_uint32), ("alarm_mode", ctypes.c_uint32), ("reserved", (ctypes.c_uint32 * 4))]
+
+class kavo_enet_status_t(Record):
+    _init_ = "kavo_enet_status_t_init"
+    _fields_ = [("link_up", ctypes.c_uint32), ("pcs_block_lock", ctypes.c_uint8), ("pcs_align_lock", ctypes.c_uint8), ("fec_align_lock", ctypes.c_uint8), ("hi_ber", ctypes.c_uint8), ("local_fault", ctypes.c_uint8), ("remote_fault", ctypes.c_uint8), ("los", ctypes.c_uint8), ("training", ctypes.c_uint8), ("signal_mask", ctypes.c_uint32)]
+
+class kavo_enet_vlan_cfg_t(Record):
+    _init_ = "kavo_enet_vlan_cfg_t_init"
+    _fields_ = [("vlan_tag_num", ctypes.c_uint32), ("outer_tpid", ctypes.c_uint32), ("inner_tpid", ctypes.c_uint32), ("tag_extends_mru", ctypes.c_uint32)]
+
+class kavo_enet_fec_deg_ser_cfg_t(Record):
+    _init_ = "kavo_enet_fec_deg_ser_cfg_t_init"
+    _fields_ = [("enable", ctypes.c_uint32), ("activate_threshold", ctypes.c_uint32), ("deactivate_threshold", ctypes.c_uint32), ("interval_ms", ctypes.c_uint32)]
+
+class kavo_enet_fec_err_cfg_t(Record):
+    _init_ = "kavo_enet_fec_err_cfg_t_init"
+    _fields_ = [("bypass_correction", ctypes.c_uint32), ("bypass_indication", ctypes.c_uint32), ("mark_ser_errors", ctypes.c_uint32)]
+
+class kavo_enet_tx_am_sf_cfg_t(Record):
+    _init_ = "kavo_enet_tx_am_sf_cfg_t_init"
+    _fields_ = [("alarm_mode", ctypes.c_uint32), ("tx_am_sf_value", ctypes.c_uint32)]
+
+class kavo_enet_alarm_cfg_t(Record):
+    _init_ = "kavo_enet_alarm_cfg_t_init"
+    _fields_ = [("ca", ctypes.c_uint32), ("force", ctypes.c_uint32), ("defect_mask", ctypes.c_uint32), ("action", ctypes.c_uint32)]
+
+class kavo_enet_ca_enable_get_t(Record):
+    _init_ = "kavo_enet_ca_enable_get_t_init"
+    _fields_ = [("enable", (ctypes.c_uint32 * 3))]
+
+class kavo_enet_alarm_mask_get_t(Record):
+    _init_ = "kavo_enet_alarm_mask_get_t_init"
+    _fields_ = [("defect_mask", ctypes.c_uint32), ("action", ctypes.c_uint32), ("nominal_mask", ctypes.c_uint32)]
+
+class kavo_enet_alarm_force_get_t(Record):
+    _init_ = "kavo_enet_alarm_force_get_t_init"
+    _fields_ = [("force", ctypes.c_uint32), ("action", ctypes.c_uint32)]
+
+class kavo_enet_alarm_cfg_get_t(Record):
+    _init_ = "kavo_enet_alarm_cfg_get_t_init"
+    _fields_ = [("alarm_mode", ctypes.c_uint32), ("ca_enable", kavo_enet_ca_enable_get_t), ("mask", kavo_enet_alarm_mask_get_t), ("force", kavo_enet_alarm_force_get_t), ("dp_nominal_force", ctypes.c_uint32), ("active_defects", ctypes.c_uint32)]
+
+class kavo_enet_cfg_get_t(Record):
+    _init_ = "kavo_enet_cfg_get_t_init"
+    _fields_ = [("mode", ctypes.c_uint32), ("prov_mode", ctypes.c_uint32), ("pin_mode", ctypes.c_uint32), ("fec_mode", ctypes.c_uint32), ("num_serdes_lanes", ctypes.c_uint32), ("serdes_lanes", (ctypes.c_uint32 * 8)), ("mru", ctypes.c_uint32), ("mtu", ctypes.c_uint32), ("ipg", ctypes.c_uint32), ("inband_fcs", ctypes.c_uint32), ("err_relay_mask", ctypes.c_uint32), ("vlan", kavo_enet_vlan_cfg_t), ("tx_timing_mode", ctypes.c_uint32), ("alarm_mode", ctypes.c_uint32), ("am_relay_mode", ctypes.c_uint32), ("idle_gen_level", ctypes.c_uint32), ("idle_gen_enable", ctypes.c_uint32), ("idle_mon_level", ctypes.c_uint32), ("idle_mon_enable", ctypes.c_uint32), ("idle_err_inj_level", ctypes.c_uint32), ("idle_err_inj_enable", ctypes.c_uint32), ("fec_deg_ser", kavo_enet_fec_deg_ser_cfg_t), ("fec_err", kavo_enet_fec_err_cfg_t), ("tx_am_sf", kavo_enet_tx_am_sf_cfg_t), ("dp_nominal_force", ctypes.c_uint32), ("phy_id", ctypes.c_uint32), ("rpf_force_mask", ctypes.c_uint32), ("rdi_detect_mask", ctypes.c_uint32)]
+
+class kavo_enet_anlt_chnl_cfg_t(Record):
+    _init_ = "kavo_enet_anlt_chnl_cfg_t_init"
+    _fields_ = [("advertize_mask", ctypes.c_uint32), ("num_serdes_lanes", ctypes.c_uint32), ("serdes_lanes", (ctypes.c_uint32 * 8)), ("fec_ability", ctypes.c_uint32), ("fec_request_rs", ctypes.c_uint32), ("fec_request_base_r", ctypes.c_uint32), ("lt_only", ctypes.c_uint32), ("reserved", (ctypes.c_uint32 * 8))]
+
+class kavo_enet_anlt_chnl_ts_t(Record):
+    _init_ = "kavo_enet_anlt_chnl_ts_t_init"
+    _fields_ = [("start_us", ctypes.c_uint32), ("an_done_us", ctypes.c_uint32), ("lt_done_us", ctypes.c_uint32), ("link_up_us", ctypes.c_uint32), ("lt_lane_done_us", (ctypes.c_uint32 * 8))]
+
+class kavo_enet_anlt_chnl_status_t(Record):
+    _init_ = "kavo_enet_anlt_chnl_status_t_init"
+    _fields_ = [("state", ctypes.c_uint32), ("resolved", ctypes.c_uint32), ("port_mode", ctypes.c_uint32), ("fec_mode", ctypes.c_uint32), ("partner_advertize_mask", ctypes.c_uint32), ("restart_count", ctypes.c_uint32), ("link_up", ctypes.c_uint32), ("lt_done_mask", ctypes.c_uint32), ("ts", kavo_enet_anlt_chnl_ts_t)]
 
 class kavo_flexe_phy_info_t(Record):
     _init_ = "kavo_flexe_phy_info_t_init"
@@ -1797,6 +2023,7 @@ SIZES = {
     "kavo_device_status_info_t": 32,
     "kavo_status_info_t": 48,
     "kavo_chnl_info_t": 192,
+    "kavo_flow_control_cfg_t": 56,
     "kavo_dcsu_cfg_get_t": 268,
     "kavo_debug_macsec_tcam_scrub_stats_t": 16,
     "kavo_defect_ive_t": 1,
@@ -1838,6 +2065,21 @@ SIZES = {
     "kavo_defect_tlic_t": 104,
     "kavo_defect_dcsu_t": 8,
     "kavo_defect_device_summary_t": 196,
+    "kavo_traffic_enet_t": 88,
+    "kavo_enet_status_t": 16,
+    "kavo_enet_vlan_cfg_t": 16,
+    "kavo_enet_fec_deg_ser_cfg_t": 16,
+    "kavo_enet_fec_err_cfg_t": 12,
+    "kavo_enet_tx_am_sf_cfg_t": 8,
+    "kavo_enet_alarm_cfg_t": 16,
+    "kavo_enet_ca_enable_get_t": 12,
+    "kavo_enet_alarm_mask_get_t": 12,
+    "kavo_enet_alarm_force_get_t": 8,
+    "kavo_enet_alarm_cfg_get_t": 44,
+    "kavo_enet_cfg_get_t": 176,
+    "kavo_enet_anlt_chnl_cfg_t": 88,
+    "kavo_enet_anlt_chnl_ts_t": 48,
+    "kavo_enet_anlt_chnl_status_t": 80,
     "kavo_flexe_phy_info_t": 8,
     "kavo_flexe_phy_t": 32,
     "kavo_flexe_group_info_t": 12,
@@ -1966,6 +2208,16 @@ OFFSETS = [
     ("kavo_status_info_t", "device_connected", 12),
     ("kavo_status_info_t", "sw_fw_mismatch", 13),
     ("kavo_status_info_t", "device_info", 16),
+    ("kavo_flow_control_cfg_t", "mode", 0),
+    ("kavo_flow_control_cfg_t", "frame_type", 4),
+    ("kavo_flow_control_cfg_t", "pfc_mask", 8),
+    ("kavo_flow_control_cfg_t", "buffer_mgmt", 12),
+    ("kavo_flow_control_cfg_t", "pause_quanta", 16),
+    ("kavo_flow_control_cfg_t", "refresh_quanta", 20),
+    ("kavo_flow_control_cfg_t", "xoff_threshold", 24),
+    ("kavo_flow_control_cfg_t", "xon_threshold", 28),
+    ("kavo_flow_control_cfg_t", "pfc_quanta", 32),
+    ("kavo_flow_control_cfg_t", "reserved", 48),
     ("kavo_dcsu_cfg_get_t", "iddq_mode", 0),
     ("kavo_dcsu_cfg_get_t", "arstb", 32),
     ("kavo_dcsu_cfg_get_t", "shift_clk_sel", 36),
@@ -2034,6 +2286,107 @@ OFFSETS = [
     ("kavo_defect_device_summary_t", "tlic", 141),
     ("kavo_defect_device_summary_t", "dcsu", 142),
     ("kavo_defect_device_summary_t", "anlt", 148),
+    ("kavo_traffic_enet_t", "enet_chnl_id", 0),
+    ("kavo_traffic_enet_t", "enet_phy_id", 4),
+    ("kavo_traffic_enet_t", "serdes_port_id", 8),
+    ("kavo_traffic_enet_t", "pin_mode", 12),
+    ("kavo_traffic_enet_t", "mode", 16),
+    ("kavo_traffic_enet_t", "prov_mode", 20),
+    ("kavo_traffic_enet_t", "fec", 24),
+    ("kavo_traffic_enet_t", "use_custom_serdes_lanes", 28),
+    ("kavo_traffic_enet_t", "serdes_lanes", 32),
+    ("kavo_traffic_enet_t", "tx_timing_mode", 64),
+    ("kavo_traffic_enet_t", "alarm_mode", 68),
+    ("kavo_traffic_enet_t", "reserved", 72),
+    ("kavo_enet_status_t", "link_up", 0),
+    ("kavo_enet_status_t", "pcs_block_lock", 4),
+    ("kavo_enet_status_t", "pcs_align_lock", 5),
+    ("kavo_enet_status_t", "fec_align_lock", 6),
+    ("kavo_enet_status_t", "hi_ber", 7),
+    ("kavo_enet_status_t", "local_fault", 8),
+    ("kavo_enet_status_t", "remote_fault", 9),
+    ("kavo_enet_status_t", "los", 10),
+    ("kavo_enet_status_t", "training", 11),
+    ("kavo_enet_status_t", "signal_mask", 12),
+    ("kavo_enet_vlan_cfg_t", "vlan_tag_num", 0),
+    ("kavo_enet_vlan_cfg_t", "outer_tpid", 4),
+    ("kavo_enet_vlan_cfg_t", "inner_tpid", 8),
+    ("kavo_enet_vlan_cfg_t", "tag_extends_mru", 12),
+    ("kavo_enet_fec_deg_ser_cfg_t", "enable", 0),
+    ("kavo_enet_fec_deg_ser_cfg_t", "activate_threshold", 4),
+    ("kavo_enet_fec_deg_ser_cfg_t", "deactivate_threshold", 8),
+    ("kavo_enet_fec_deg_ser_cfg_t", "interval_ms", 12),
+    ("kavo_enet_fec_err_cfg_t", "bypass_correction", 0),
+    ("kavo_enet_fec_err_cfg_t", "bypass_indication", 4),
+    ("kavo_enet_fec_err_cfg_t", "mark_ser_errors", 8),
+    ("kavo_enet_tx_am_sf_cfg_t", "alarm_mode", 0),
+    ("kavo_enet_tx_am_sf_cfg_t", "tx_am_sf_value", 4),
+    ("kavo_enet_alarm_cfg_t", "ca", 0),
+    ("kavo_enet_alarm_cfg_t", "force", 4),
+    ("kavo_enet_alarm_cfg_t", "defect_mask", 8),
+    ("kavo_enet_alarm_cfg_t", "action", 12),
+    ("kavo_enet_ca_enable_get_t", "enable", 0),
+    ("kavo_enet_alarm_mask_get_t", "defect_mask", 0),
+    ("kavo_enet_alarm_mask_get_t", "action", 4),
+    ("kavo_enet_alarm_mask_get_t", "nominal_mask", 8),
+    ("kavo_enet_alarm_force_get_t", "force", 0),
+    ("kavo_enet_alarm_force_get_t", "action", 4),
+    ("kavo_enet_alarm_cfg_get_t", "alarm_mode", 0),
+    ("kavo_enet_alarm_cfg_get_t", "ca_enable", 4),
+    ("kavo_enet_alarm_cfg_get_t", "mask", 16),
+    ("kavo_enet_alarm_cfg_get_t", "force", 28),
+    ("kavo_enet_alarm_cfg_get_t", "dp_nominal_force", 36),
+    ("kavo_enet_alarm_cfg_get_t", "active_defects", 40),
+    ("kavo_enet_cfg_get_t", "mode", 0),
+    ("kavo_enet_cfg_get_t", "prov_mode", 4),
+    ("kavo_enet_cfg_get_t", "pin_mode", 8),
+    ("kavo_enet_cfg_get_t", "fec_mode", 12),
+    ("kavo_enet_cfg_get_t", "num_serdes_lanes", 16),
+    ("kavo_enet_cfg_get_t", "serdes_lanes", 20),
+    ("kavo_enet_cfg_get_t", "mru", 52),
+    ("kavo_enet_cfg_get_t", "mtu", 56),
+    ("kavo_enet_cfg_get_t", "ipg", 60),
+    ("kavo_enet_cfg_get_t", "inband_fcs", 64),
+    ("kavo_enet_cfg_get_t", "err_relay_mask", 68),
+    ("kavo_enet_cfg_get_t", "vlan", 72),
+    ("kavo_enet_cfg_get_t", "tx_timing_mode", 88),
+    ("kavo_enet_cfg_get_t", "alarm_mode", 92),
+    ("kavo_enet_cfg_get_t", "am_relay_mode", 96),
+    ("kavo_enet_cfg_get_t", "idle_gen_level", 100),
+    ("kavo_enet_cfg_get_t", "idle_gen_enable", 104),
+    ("kavo_enet_cfg_get_t", "idle_mon_level", 108),
+    ("kavo_enet_cfg_get_t", "idle_mon_enable", 112),
+    ("kavo_enet_cfg_get_t", "idle_err_inj_level", 116),
+    ("kavo_enet_cfg_get_t", "idle_err_inj_enable", 120),
+    ("kavo_enet_cfg_get_t", "fec_deg_ser", 124),
+    ("kavo_enet_cfg_get_t", "fec_err", 140),
+    ("kavo_enet_cfg_get_t", "tx_am_sf", 152),
+    ("kavo_enet_cfg_get_t", "dp_nominal_force", 160),
+    ("kavo_enet_cfg_get_t", "phy_id", 164),
+    ("kavo_enet_cfg_get_t", "rpf_force_mask", 168),
+    ("kavo_enet_cfg_get_t", "rdi_detect_mask", 172),
+    ("kavo_enet_anlt_chnl_cfg_t", "advertize_mask", 0),
+    ("kavo_enet_anlt_chnl_cfg_t", "num_serdes_lanes", 4),
+    ("kavo_enet_anlt_chnl_cfg_t", "serdes_lanes", 8),
+    ("kavo_enet_anlt_chnl_cfg_t", "fec_ability", 40),
+    ("kavo_enet_anlt_chnl_cfg_t", "fec_request_rs", 44),
+    ("kavo_enet_anlt_chnl_cfg_t", "fec_request_base_r", 48),
+    ("kavo_enet_anlt_chnl_cfg_t", "lt_only", 52),
+    ("kavo_enet_anlt_chnl_cfg_t", "reserved", 56),
+    ("kavo_enet_anlt_chnl_ts_t", "start_us", 0),
+    ("kavo_enet_anlt_chnl_ts_t", "an_done_us", 4),
+    ("kavo_enet_anlt_chnl_ts_t", "lt_done_us", 8),
+    ("kavo_enet_anlt_chnl_ts_t", "link_up_us", 12),
+    ("kavo_enet_anlt_chnl_ts_t", "lt_lane_done_us", 16),
+    ("kavo_enet_anlt_chnl_status_t", "state", 0),
+    ("kavo_enet_anlt_chnl_status_t", "resolved", 4),
+    ("kavo_enet_anlt_chnl_status_t", "port_mode", 8),
+    ("kavo_enet_anlt_chnl_status_t", "fec_mode", 12),
+    ("kavo_enet_anlt_chnl_status_t", "partner_advertize_mask", 16),
+    ("kavo_enet_anlt_chnl_status_t", "restart_count", 20),
+    ("kavo_enet_anlt_chnl_status_t", "link_up", 24),
+    ("kavo_enet_anlt_chnl_status_t", "lt_done_mask", 28),
+    ("kavo_enet_anlt_chnl_status_t", "ts", 32),
     ("kavo_flexe_phy_info_t", "flexe_phy_number", 0),
     ("kavo_flexe_phy_info_t", "num_unavailable_slots", 4),
     ("kavo_flexe_phy_t", "phy_data_tx", 0),
@@ -2462,6 +2815,26 @@ kavo_fw_filename_set = command("kavo_fw_filename_set", "code", [("file_name", ct
     "The firmware image file for the next start; \"revx\" in the name becomes\n\"reva\" or \"revb\" by the chip's revision.")
 kavo_fw_filename_get = command("kavo_fw_filename_get", None, [("file_name", ctypes.POINTER(ctypes.c_char_p), "out_text_ptr", ctypes.c_char)],
     "The firmware image file name in use (the library's copy).")
+kavo_deprov = command("kavo_deprov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mode", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Deprovisions channel chnl_id and releases its SerDes lanes; a connected channel is refused with KAVO_DEPROV_SAFE and disconnected first with KAVO_DEPROV_FORCE.")
+kavo_connect = command("kavo_connect", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("src_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dst_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Connects source channel src_chnl_id to destination channel dst_chnl_id: what src receives, dst transmits. A destination has one source.")
+kavo_disconnect = command("kavo_disconnect", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("dst_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Removes the connection into destination channel dst_chnl_id.")
+kavo_bidirectional_connect = command("kavo_bidirectional_connect", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("line_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Adds the reverse of line_chnl_id's connection: the channel that line_chnl_id feeds now feeds line_chnl_id too.")
+kavo_bidirectional_disconnect = command("kavo_bidirectional_disconnect", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("line_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Removes both directions between line_chnl_id and the channel it feeds.")
+kavo_connect_get = command("kavo_connect_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rx_connect", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32), ("tx_connect", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Reports whether channel chnl_id's receive side feeds a destination (rx_connect) and whether its transmit side has a source (tx_connect).")
+kavo_loopback_set = command("kavo_loopback_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mode", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the loopback of channel chnl_id; KAVO_LOOPBACK_NONE clears it, another loopback is refused while one is set.")
+kavo_loopback_status_get = command("kavo_loopback_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mode", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Reads the loopback of channel chnl_id.")
+kavo_flow_control_cfg_set = command("kavo_flow_control_cfg_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cfg_ptr", ctypes.POINTER(kavo_flow_control_cfg_t), "in_record", kavo_flow_control_cfg_t)],
+    "Configures the flow control of channel chnl_id (an Ethernet MAC port or an Interlaken packet channel).")
+kavo_flow_control_cfg_get = command("kavo_flow_control_cfg_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cfg_ptr", ctypes.POINTER(kavo_flow_control_cfg_t), "out_record", kavo_flow_control_cfg_t)],
+    "Reads the flow control of channel chnl_id.")
 kavo_debug_ping = command("kavo_debug_ping", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("data_size", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("data_ptr", ctypes.POINTER(ctypes.c_uint32), "in_array", ctypes.c_uint32), ("resp_data_ptr", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
     "Echoes data_size bytes (a multiple of 4, at most 16344) through the firmware into resp_data_ptr.")
 kavo_debug_cmd = command("kavo_debug_cmd", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cmd", ctypes.c_char_p, "text", ctypes.c_char), ("max_resp_data_size", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("resp_data_ptr", ctypes.c_char_p, "out_text", ctypes.c_char)],
@@ -2528,6 +2901,74 @@ kavo_defect_summary_get = command("kavo_defect_summary_get", "code", [("device_i
     "Reads the summary byte of every object of the chip.")
 kavo_defect_sizeof = command("kavo_defect_sizeof", None, [("defect_type", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
     "The size of a defect type's record; a type without one (5, 7, out of range) halts in the assertion.")
+kavo_enet_prov = command("kavo_enet_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_port_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("pin_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("prov_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fec_type", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Provisions channel enet_chnl_id as an Ethernet port on the lanes from serdes_port_id up, as many as mode needs.")
+kavo_enet_super_prov = command("kavo_enet_super_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("serdes_lanes", ctypes.POINTER(ctypes.c_uint32), "in_array", ctypes.c_uint32), ("pin_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("prov_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fec_type", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Provisions channel enet_chnl_id as an Ethernet port on the lanes given: serdes_lanes holds KAVO_ENET_MAX_SERDES_LANES entries, the port's lanes first, the rest 0xFFFFFFFF.")
+kavo_enet_status_get = command("kavo_enet_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("status_ptr", ctypes.POINTER(kavo_enet_status_t), "out_record", kavo_enet_status_t)],
+    "Reads the receive state of Ethernet port enet_chnl_id: link, PCS lock and alignment, faults, signal per lane.")
+kavo_enet_anlt_prov = command("kavo_enet_anlt_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("prov_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("anlt_cfg", ctypes.POINTER(kavo_enet_anlt_chnl_cfg_t), "in_record", kavo_enet_anlt_chnl_cfg_t)],
+    "Provisions channel enet_chnl_id as an Ethernet port that auto-negotiates and trains its link on the lanes of anlt_cfg.")
+kavo_enet_anlt_status_get = command("kavo_enet_anlt_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("status_ptr", ctypes.POINTER(kavo_enet_anlt_chnl_status_t), "out_record", kavo_enet_anlt_chnl_status_t)],
+    "Reads where auto-negotiation and link training of port enet_chnl_id stand, with their time stamps.")
+kavo_enet_tx_timing_mode_set = command("kavo_enet_tx_timing_mode_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mode", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the transmit timing of port chnl_id (while it is not connected).")
+kavo_enet_alarm_mode_set = command("kavo_enet_alarm_mode_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("mode", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets whether port chnl_id terminates or relays link faults (while it is not connected).")
+kavo_enet_pcs_am_relay_mode_enable = command("kavo_enet_pcs_am_relay_mode_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("am_relay_mode", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
+    "Relays the alignment markers of PCS port chnl_id unchanged to its destination instead of regenerating them.")
+kavo_enet_cfg_get = command("kavo_enet_cfg_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("cfg_ptr", ctypes.POINTER(kavo_enet_cfg_get_t), "out_record", kavo_enet_cfg_get_t)],
+    "Reads every setting of Ethernet port chnl_id.")
+kavo_enet_mru_set = command("kavo_enet_mru_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("max_length", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the longest frame MAC port chnl_id accepts, in bytes (64..16000).")
+kavo_enet_mtu_set = command("kavo_enet_mtu_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("max_length", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the longest frame MAC port chnl_id transmits, in bytes (64..16000).")
+kavo_enet_ipg_set = command("kavo_enet_ipg_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("inter_packet_gap", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the average inter-packet gap MAC port chnl_id transmits, in bytes (a multiple of 4 from 8 to 32).")
+kavo_enet_ilkn_inband_fcs_set = command("kavo_enet_ilkn_inband_fcs_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
+    "Keeps (enable) or strips the FCS of frames MAC port chnl_id passes to an Interlaken channel.")
+kavo_enet_vlan_cfg_set = command("kavo_enet_vlan_cfg_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("vlan_cfg", ctypes.POINTER(kavo_enet_vlan_cfg_t), "in_record", kavo_enet_vlan_cfg_t)],
+    "Sets the VLAN tags MAC port chnl_id recognises.")
+kavo_enet_err_relay_msk_set = command("kavo_enet_err_relay_msk_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("err_msk", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets which receive errors (kavo_mac_rx_error_t bits) MAC port chnl_id relays to its destination.")
+kavo_enet_fec_mode_set = command("kavo_enet_fec_mode_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fec_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Changes the FEC of port chnl_id; the FEC must suit its lanes.")
+kavo_enet_scrambled_idle_gen_set = command("kavo_enet_scrambled_idle_gen_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("scramble_idle_level", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
+    "Starts or stops the scrambled idle test pattern generator of port enet_chnl_id at the level given.")
+kavo_enet_scrambled_idle_mon_set = command("kavo_enet_scrambled_idle_mon_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("scramble_idle_level", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
+    "Starts or stops the scrambled idle test pattern checker of port enet_chnl_id at the level given.")
+kavo_enet_err_inj_set = command("kavo_enet_err_inj_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("scramble_idle_level", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
+    "Starts or stops error injection into the scrambled idle pattern port enet_chnl_id generates at the level given.")
+kavo_enet_ca_enable = command("kavo_enet_ca_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ca", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Enables or disables consequent action ca of port chnl_id.")
+kavo_enet_ca_mask_enable = command("kavo_enet_ca_mask_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_mask", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("action", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the receive defects (kavo_enet_alarm_mask_t bits) of port chnl_id that trigger action towards its destination.")
+kavo_enet_ca_force = command("kavo_enet_ca_force", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("force", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("action", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Forces port chnl_id to send action in direction force; KAVO_ENET_ALARM_FORCE_OFF ends it.")
+kavo_enet_nominal_mask_enable = command("kavo_enet_nominal_mask_enable", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("defect_mask", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the receive defects (kavo_enet_alarm_mask_t bits) on which port chnl_id, timed through, falls back to nominal timing.")
+kavo_enet_aflexe_rpf_force = command("kavo_enet_aflexe_rpf_force", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
+    "Forces (or stops forcing) remote PHY fault on FlexE PHY phy_id of the FlexE PHY port group_chnl_id.")
+kavo_enet_aflexe_rpf_force_get = command("kavo_enet_aflexe_rpf_force_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Reads whether remote PHY fault is forced on FlexE PHY phy_id of port group_chnl_id.")
+kavo_enet_dflexe_rdi_detect_config = command("kavo_enet_dflexe_rdi_detect_config", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable_mask", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets which remote defect indications FlexE PHY phy_id of port group_chnl_id detects (a mask).")
+kavo_enet_dflexe_rdi_detect_config_get = command("kavo_enet_dflexe_rdi_detect_config_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("phy_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable_mask", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Reads which remote defect indications FlexE PHY phy_id of port group_chnl_id detects.")
+kavo_enet_dp_nominal_force = command("kavo_enet_dp_nominal_force", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enable", ctypes.c_uint8, "scalar", ctypes.c_uint8)],
+    "Forces (or releases) nominal transmit timing on port enet_chnl_id.")
+kavo_enet_fec_tx_am_sf_mode_set = command("kavo_enet_fec_tx_am_sf_mode_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("alarm_mode", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("tx_am_sf_value", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Sets the signal-fail bits RS(544,514) port enet_chnl_id sends in its alignment markers: tx_am_sf_value (0..7) when terminated, the source's when relayed.")
+kavo_enet_fec_deg_ser_set = command("kavo_enet_fec_deg_ser_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("enet_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fec_deg_ser_cfg", ctypes.POINTER(kavo_enet_fec_deg_ser_cfg_t), "in_record", kavo_enet_fec_deg_ser_cfg_t)],
+    "Configures FEC degraded-SER detection of RS FEC port enet_chnl_id.")
+kavo_enet_fec_err_cfg_set = command("kavo_enet_fec_err_cfg_set", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("fec_cfg", ctypes.POINTER(kavo_enet_fec_err_cfg_t), "in_record", kavo_enet_fec_err_cfg_t)],
+    "Configures how RS FEC port chnl_id corrects and marks errors.")
+kavo_rs_alarm_cfg_get = command("kavo_rs_alarm_cfg_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("ca", ctypes.POINTER(kavo_enet_alarm_cfg_get_t), "out_record", kavo_enet_alarm_cfg_get_t)],
+    "Reads the alarm mode, consequent actions and current receive defects of port chnl_id.")
+kavo_enet_fec_rx_am_sf_status_get = command("kavo_enet_fec_rx_am_sf_status_get", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("rx_status", ctypes.POINTER(ctypes.c_uint32), "out_scalar", ctypes.c_uint32)],
+    "Reads the signal-fail bits RS(544,514) port chnl_id receives in the alignment markers.")
+kavo_an_restart_trigger = command("kavo_an_restart_trigger", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32)],
+    "Restarts auto-negotiation and link training of AN/LT port chnl_id.")
 kavo_flexe_group_prov = command("kavo_flexe_group_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_cfg", ctypes.POINTER(kavo_flexe_group_cfg_t), "in_record", kavo_flexe_group_cfg_t)],
     "Provisions channel group_chnl_id as a FlexE group of the PHYs in group_cfg, which take their SerDes lanes.")
 kavo_flexe_client_prov = command("kavo_flexe_client_prov", "code", [("device_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("client_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("group_chnl_id", ctypes.c_uint32, "scalar", ctypes.c_uint32), ("client_data", ctypes.POINTER(kavo_flexe_client_t), "in_record", kavo_flexe_client_t)],

@@ -69,6 +69,153 @@ VELT_ERROR run_kavo_dcsu_cfg_get(wire_run& r)
     return rc;
 }
 
+VELT_ERROR run_kavo_deprov(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_deprov_t mode = static_cast<kavo_deprov_t>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(mode);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_deprov(device_id, chnl_id, mode);
+    return rc;
+}
+
+VELT_ERROR run_kavo_connect(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 src_chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 dst_chnl_id = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(dst_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(src_chnl_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_connect(device_id, src_chnl_id, dst_chnl_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_disconnect(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 dst_chnl_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(dst_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_disconnect(device_id, dst_chnl_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_bidirectional_connect(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 line_chnl_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(line_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_bidirectional_connect(device_id, line_chnl_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_bidirectional_disconnect(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 line_chnl_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(line_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_bidirectional_disconnect(device_id, line_chnl_id);
+    return rc;
+}
+
+VELT_ERROR run_kavo_connect_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<BOOL32> out_rx_connect;
+    BOOL32* rx_connect = r.null_outputs ? nullptr : out_rx_connect.get();
+    wire_output<BOOL32> out_tx_connect;
+    BOOL32* tx_connect = r.null_outputs ? nullptr : out_tx_connect.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_connect_get(device_id, chnl_id, rx_connect, tx_connect);
+    r.observe(out_rx_connect.value() == static_cast<BOOL32>(r.field("mode")), out_rx_connect.untouched());
+    r.observe(out_tx_connect.value() == static_cast<BOOL32>(r.field("value")), out_tx_connect.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_loopback_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_loopback_t mode = static_cast<kavo_loopback_t>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(mode);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_loopback_set(device_id, chnl_id, mode);
+    return rc;
+}
+
+VELT_ERROR run_kavo_loopback_status_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_loopback_t> out_mode;
+    kavo_loopback_t* mode = r.null_outputs ? nullptr : out_mode.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_loopback_status_get(device_id, chnl_id, mode);
+    r.observe(out_mode.value() == static_cast<kavo_loopback_t>(r.field("mode")), out_mode.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_flow_control_cfg_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_input<kavo_flow_control_cfg_t> in_cfg_ptr(2);
+    kavo_flow_control_cfg_t* cfg_ptr = in_cfg_ptr.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(cfg_ptr, 56);
+    const VELT_ERROR rc = kavo_flow_control_cfg_set(device_id, chnl_id, cfg_ptr);
+    return rc;
+}
+
+VELT_ERROR run_kavo_flow_control_cfg_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_flow_control_cfg_t> out_cfg_ptr;
+    kavo_flow_control_cfg_t* cfg_ptr = out_cfg_ptr.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_flow_control_cfg_get(device_id, chnl_id, cfg_ptr);
+    r.observe(out_cfg_ptr.holds(r.reply, sizeof(kavo_flow_control_cfg_t)), out_cfg_ptr.untouched());
+    return rc;
+}
+
 VELT_ERROR run_kavo_debug_tcam_scrubbing_stats_get(wire_run& r)
 {
     const UINT32 device_id = r.device_id;
@@ -97,6 +244,554 @@ VELT_ERROR run_kavo_defect_summary_get(wire_run& r)
     r.expect_payload(nullptr, 0);
     const VELT_ERROR rc = kavo_defect_summary_get(device_id, defect_ptr);
     r.observe(out_defect_ptr.holds(r.reply, sizeof(kavo_defect_device_summary_t)), out_defect_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_prov(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 phy_id = static_cast<UINT32>(wire_value(2));
+    const UINT32 serdes_port_id = static_cast<UINT32>(wire_value(3));
+    const kavo_serdes_pin_mode_t pin_mode = static_cast<kavo_serdes_pin_mode_t>(wire_value(4));
+    const kavo_enet_port_mode_t mode = static_cast<kavo_enet_port_mode_t>(wire_value(5));
+    const kavo_enet_prov_mode_t prov_mode = static_cast<kavo_enet_prov_mode_t>(wire_value(6));
+    const kavo_enet_fec_mode_t fec_type = static_cast<kavo_enet_fec_mode_t>(wire_value(7));
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(serdes_port_id);
+    r.info[3] = 0u;
+    kavo_traffic_enet_t payload;
+    payload.enet_chnl_id = static_cast<decltype(payload.enet_chnl_id)>(enet_chnl_id);
+    payload.enet_phy_id = static_cast<decltype(payload.enet_phy_id)>(phy_id);
+    payload.serdes_port_id = static_cast<decltype(payload.serdes_port_id)>(serdes_port_id);
+    payload.pin_mode = static_cast<decltype(payload.pin_mode)>(pin_mode);
+    payload.mode = static_cast<decltype(payload.mode)>(mode);
+    payload.prov_mode = static_cast<decltype(payload.prov_mode)>(prov_mode);
+    payload.fec = static_cast<decltype(payload.fec)>(fec_type);
+    r.expect_payload(&payload, 88);
+    const VELT_ERROR rc = kavo_enet_prov(device_id, enet_chnl_id, phy_id, serdes_port_id, pin_mode, mode, prov_mode, fec_type);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_super_prov(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 phy_id = static_cast<UINT32>(wire_value(2));
+    wire_input<UINT32> in_serdes_lanes(3);
+    const UINT32* serdes_lanes = r.null_inputs ? nullptr : in_serdes_lanes.get();
+    const kavo_serdes_pin_mode_t pin_mode = static_cast<kavo_serdes_pin_mode_t>(wire_value(4));
+    const kavo_enet_port_mode_t mode = static_cast<kavo_enet_port_mode_t>(wire_value(5));
+    const kavo_enet_prov_mode_t prov_mode = static_cast<kavo_enet_prov_mode_t>(wire_value(6));
+    const kavo_enet_fec_mode_t fec_type = static_cast<kavo_enet_fec_mode_t>(wire_value(7));
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(serdes_lanes[0]);
+    r.info[3] = 0u;
+    kavo_traffic_enet_t payload;
+    payload.enet_chnl_id = static_cast<decltype(payload.enet_chnl_id)>(enet_chnl_id);
+    payload.enet_phy_id = static_cast<decltype(payload.enet_phy_id)>(phy_id);
+    payload.serdes_port_id = static_cast<decltype(payload.serdes_port_id)>(serdes_lanes[0]);
+    payload.pin_mode = static_cast<decltype(payload.pin_mode)>(pin_mode);
+    payload.mode = static_cast<decltype(payload.mode)>(mode);
+    payload.prov_mode = static_cast<decltype(payload.prov_mode)>(prov_mode);
+    payload.fec = static_cast<decltype(payload.fec)>(fec_type);
+    payload.use_custom_serdes_lanes = static_cast<decltype(payload.use_custom_serdes_lanes)>(1);
+    std::memcpy(payload.serdes_lanes, serdes_lanes, sizeof(payload.serdes_lanes));
+    r.expect_payload(&payload, 88);
+    const VELT_ERROR rc = kavo_enet_super_prov(device_id, enet_chnl_id, phy_id, serdes_lanes, pin_mode, mode, prov_mode, fec_type);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_status_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_enet_status_t> out_status_ptr;
+    kavo_enet_status_t* status_ptr = out_status_ptr.get();
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_status_get(device_id, enet_chnl_id, status_ptr);
+    r.observe(out_status_ptr.holds(r.reply, sizeof(kavo_enet_status_t)), out_status_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_anlt_prov(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 phy_id = static_cast<UINT32>(wire_value(2));
+    const kavo_enet_prov_mode_t prov_mode = static_cast<kavo_enet_prov_mode_t>(wire_value(3));
+    wire_input<kavo_enet_anlt_chnl_cfg_t> in_anlt_cfg(4);
+    kavo_enet_anlt_chnl_cfg_t* anlt_cfg = in_anlt_cfg.get();
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = (UINT32)(prov_mode);
+    r.info[2] = (UINT32)(phy_id);
+    r.info[3] = 0u;
+    r.expect_payload(anlt_cfg, 88);
+    const VELT_ERROR rc = kavo_enet_anlt_prov(device_id, enet_chnl_id, phy_id, prov_mode, anlt_cfg);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_anlt_status_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_enet_anlt_chnl_status_t> out_status_ptr;
+    kavo_enet_anlt_chnl_status_t* status_ptr = out_status_ptr.get();
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_anlt_status_get(device_id, enet_chnl_id, status_ptr);
+    r.observe(out_status_ptr.holds(r.reply, sizeof(kavo_enet_anlt_chnl_status_t)), out_status_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_tx_timing_mode_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_tx_timing_mode_t mode = static_cast<kavo_enet_tx_timing_mode_t>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(mode);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(0);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_tx_timing_mode_set(device_id, chnl_id, mode);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_alarm_mode_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_alarm_mode_t mode = static_cast<kavo_enet_alarm_mode_t>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(mode);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_alarm_mode_set(device_id, chnl_id, mode);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_pcs_am_relay_mode_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const BOOL8 am_relay_mode = 1;
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(am_relay_mode);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_pcs_am_relay_mode_enable(device_id, chnl_id, am_relay_mode);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_cfg_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_enet_cfg_get_t> out_cfg_ptr;
+    kavo_enet_cfg_get_t* cfg_ptr = out_cfg_ptr.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_cfg_get(device_id, chnl_id, cfg_ptr);
+    r.observe(out_cfg_ptr.holds(r.reply, sizeof(kavo_enet_cfg_get_t)), out_cfg_ptr.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_mru_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 max_length = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(max_length);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_mru_set(device_id, chnl_id, max_length);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_mtu_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 max_length = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(max_length);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_mtu_set(device_id, chnl_id, max_length);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_ipg_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 inter_packet_gap = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(inter_packet_gap);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_ipg_set(device_id, chnl_id, inter_packet_gap);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_ilkn_inband_fcs_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const BOOL8 enable = 1;
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(enable);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_ilkn_inband_fcs_set(device_id, chnl_id, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_vlan_cfg_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_input<kavo_enet_vlan_cfg_t> in_vlan_cfg(2);
+    kavo_enet_vlan_cfg_t* vlan_cfg = in_vlan_cfg.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(vlan_cfg, 16);
+    const VELT_ERROR rc = kavo_enet_vlan_cfg_set(device_id, chnl_id, vlan_cfg);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_err_relay_msk_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 err_msk = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(err_msk);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_err_relay_msk_set(device_id, chnl_id, err_msk);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_fec_mode_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_fec_mode_t fec_mode = static_cast<kavo_enet_fec_mode_t>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = (UINT32)(fec_mode);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_fec_mode_set(device_id, chnl_id, fec_mode);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_scrambled_idle_gen_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_scramble_idle_level_t scramble_idle_level = static_cast<kavo_enet_scramble_idle_level_t>(wire_value(2));
+    const BOOL8 enable = 1;
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = (UINT32)(scramble_idle_level);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_scrambled_idle_gen_set(device_id, enet_chnl_id, scramble_idle_level, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_scrambled_idle_mon_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_scramble_idle_level_t scramble_idle_level = static_cast<kavo_enet_scramble_idle_level_t>(wire_value(2));
+    const BOOL8 enable = 1;
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = (UINT32)(scramble_idle_level);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_scrambled_idle_mon_set(device_id, enet_chnl_id, scramble_idle_level, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_err_inj_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_scramble_idle_level_t scramble_idle_level = static_cast<kavo_enet_scramble_idle_level_t>(wire_value(2));
+    const BOOL8 enable = 1;
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = (UINT32)(scramble_idle_level);
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_err_inj_set(device_id, enet_chnl_id, scramble_idle_level, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_ca_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_ca_enable_t ca = static_cast<kavo_enet_ca_enable_t>(wire_value(2));
+    const BOOL32 enable = 1;
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(enable);
+    kavo_enet_alarm_cfg_t payload;
+    payload.ca = static_cast<decltype(payload.ca)>(ca);
+    r.expect_payload(&payload, 16);
+    const VELT_ERROR rc = kavo_enet_ca_enable(device_id, chnl_id, ca, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_ca_mask_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 defect_mask = static_cast<UINT32>(wire_value(2));
+    const kavo_enet_alarm_action_t action = static_cast<kavo_enet_alarm_action_t>(wire_value(3));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_enet_alarm_cfg_t payload;
+    payload.defect_mask = static_cast<decltype(payload.defect_mask)>(defect_mask);
+    payload.action = static_cast<decltype(payload.action)>(action);
+    r.expect_payload(&payload, 16);
+    const VELT_ERROR rc = kavo_enet_ca_mask_enable(device_id, chnl_id, defect_mask, action);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_ca_force(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_alarm_force_t force = static_cast<kavo_enet_alarm_force_t>(wire_value(2));
+    const kavo_enet_alarm_action_t action = static_cast<kavo_enet_alarm_action_t>(wire_value(3));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_enet_alarm_cfg_t payload;
+    payload.force = static_cast<decltype(payload.force)>(force);
+    payload.action = static_cast<decltype(payload.action)>(action);
+    r.expect_payload(&payload, 16);
+    const VELT_ERROR rc = kavo_enet_ca_force(device_id, chnl_id, force, action);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_nominal_mask_enable(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 defect_mask = static_cast<UINT32>(wire_value(2));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_enet_alarm_cfg_t payload;
+    payload.defect_mask = static_cast<decltype(payload.defect_mask)>(defect_mask);
+    r.expect_payload(&payload, 16);
+    const VELT_ERROR rc = kavo_enet_nominal_mask_enable(device_id, chnl_id, defect_mask);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_aflexe_rpf_force(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 group_chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 phy_id = static_cast<UINT32>(wire_value(2));
+    const BOOL8 enable = 1;
+    r.info[0] = (UINT32)(group_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(phy_id);
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_aflexe_rpf_force(device_id, group_chnl_id, phy_id, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_aflexe_rpf_force_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 group_chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 phy_id = static_cast<UINT32>(wire_value(2));
+    wire_output<std::array<UINT8, WIRE_BUFFER>> out_enable;
+    UINT32* enable = reinterpret_cast<UINT32*>(out_enable.get());
+    r.info[0] = (UINT32)(group_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(phy_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_aflexe_rpf_force_get(device_id, group_chnl_id, phy_id, enable);
+    r.observe(out_enable.holds(r.reply, 4), out_enable.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_dflexe_rdi_detect_config(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 group_chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 phy_id = static_cast<UINT32>(wire_value(2));
+    const UINT32 enable_mask = static_cast<UINT32>(wire_value(3));
+    r.info[0] = (UINT32)(group_chnl_id);
+    r.info[1] = (UINT32)(enable_mask);
+    r.info[2] = (UINT32)(phy_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_dflexe_rdi_detect_config(device_id, group_chnl_id, phy_id, enable_mask);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_dflexe_rdi_detect_config_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 group_chnl_id = static_cast<UINT32>(wire_value(1));
+    const UINT32 phy_id = static_cast<UINT32>(wire_value(2));
+    wire_output<std::array<UINT8, WIRE_BUFFER>> out_enable_mask;
+    UINT32* enable_mask = reinterpret_cast<UINT32*>(out_enable_mask.get());
+    r.info[0] = (UINT32)(group_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = (UINT32)(phy_id);
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_dflexe_rdi_detect_config_get(device_id, group_chnl_id, phy_id, enable_mask);
+    r.observe(out_enable_mask.holds(r.reply, 4), out_enable_mask.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_dp_nominal_force(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const BOOL8 enable = 1;
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = (UINT32)(enable);
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_dp_nominal_force(device_id, enet_chnl_id, enable);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_fec_tx_am_sf_mode_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    const kavo_enet_alarm_mode_t alarm_mode = static_cast<kavo_enet_alarm_mode_t>(wire_value(2));
+    const UINT32 tx_am_sf_value = static_cast<UINT32>(wire_value(3));
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    kavo_enet_tx_am_sf_cfg_t payload;
+    payload.alarm_mode = static_cast<decltype(payload.alarm_mode)>(alarm_mode);
+    payload.tx_am_sf_value = static_cast<decltype(payload.tx_am_sf_value)>(tx_am_sf_value);
+    r.expect_payload(&payload, 8);
+    const VELT_ERROR rc = kavo_enet_fec_tx_am_sf_mode_set(device_id, enet_chnl_id, alarm_mode, tx_am_sf_value);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_fec_deg_ser_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 enet_chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_input<kavo_enet_fec_deg_ser_cfg_t> in_fec_deg_ser_cfg(2);
+    kavo_enet_fec_deg_ser_cfg_t* fec_deg_ser_cfg = in_fec_deg_ser_cfg.get();
+    r.info[0] = (UINT32)(enet_chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(fec_deg_ser_cfg, 16);
+    const VELT_ERROR rc = kavo_enet_fec_deg_ser_set(device_id, enet_chnl_id, fec_deg_ser_cfg);
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_fec_err_cfg_set(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_input<kavo_enet_fec_err_cfg_t> in_fec_cfg(2);
+    kavo_enet_fec_err_cfg_t* fec_cfg = in_fec_cfg.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(fec_cfg, 12);
+    const VELT_ERROR rc = kavo_enet_fec_err_cfg_set(device_id, chnl_id, fec_cfg);
+    return rc;
+}
+
+VELT_ERROR run_kavo_rs_alarm_cfg_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<kavo_enet_alarm_cfg_get_t> out_ca;
+    kavo_enet_alarm_cfg_get_t* ca = out_ca.get();
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_rs_alarm_cfg_get(device_id, chnl_id, ca);
+    r.observe(out_ca.holds(r.reply, sizeof(kavo_enet_alarm_cfg_get_t)), out_ca.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_enet_fec_rx_am_sf_status_get(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    wire_output<std::array<UINT8, WIRE_BUFFER>> out_rx_status;
+    UINT32* rx_status = reinterpret_cast<UINT32*>(out_rx_status.get());
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_enet_fec_rx_am_sf_status_get(device_id, chnl_id, rx_status);
+    r.observe(out_rx_status.holds(r.reply, 4), out_rx_status.untouched());
+    return rc;
+}
+
+VELT_ERROR run_kavo_an_restart_trigger(wire_run& r)
+{
+    const UINT32 device_id = r.device_id;
+    const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
+    r.info[0] = (UINT32)(chnl_id);
+    r.info[1] = 0xFFFFFFFFu;
+    r.info[2] = 0xFFFFFFFFu;
+    r.info[3] = 0u;
+    r.expect_payload(nullptr, 0);
+    const VELT_ERROR rc = kavo_an_restart_trigger(device_id, chnl_id);
     return rc;
 }
 
@@ -1840,8 +2535,52 @@ const wire_case WIRE_CASES[] = {
     {"kavo_device_config_get", "config", KAVO_HTL_OPERATION_CONFIG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(284), run_kavo_device_config_get},
     {"kavo_device_chnl_get", "config", KAVO_HTL_OPERATION_CHNL_INFO_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(192), run_kavo_device_chnl_get},
     {"kavo_dcsu_cfg_get", "config", KAVO_HTL_OPERATION_DCSU_CFG_GET, "none", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_dcsu_cfg_get_t)), run_kavo_dcsu_cfg_get},
+    {"kavo_deprov", "datapath", KAVO_HTL_OPERATION_DEPROV, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_deprov},
+    {"kavo_connect", "datapath", KAVO_HTL_OPERATION_CONNECT, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_connect},
+    {"kavo_disconnect", "datapath", KAVO_HTL_OPERATION_DISCONNECT, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_disconnect},
+    {"kavo_bidirectional_connect", "datapath", KAVO_HTL_OPERATION_BIDIRECTIONAL_CONNECT, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_bidirectional_connect},
+    {"kavo_bidirectional_disconnect", "datapath", KAVO_HTL_OPERATION_BIDIRECTIONAL_DISCONNECT, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_bidirectional_disconnect},
+    {"kavo_connect_get", "datapath", KAVO_HTL_OPERATION_CONNECT_GET, "plain", true, false, VELT_SUCCESS, (UINT32)(0), run_kavo_connect_get},
+    {"kavo_loopback_set", "datapath", KAVO_HTL_OPERATION_LOOPBACK_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_loopback_set},
+    {"kavo_loopback_status_get", "datapath", KAVO_HTL_OPERATION_LOOPBACK_GET, "status", true, false, VELT_SUCCESS, (UINT32)(0), run_kavo_loopback_status_get},
+    {"kavo_flow_control_cfg_set", "datapath", KAVO_HTL_OPERATION_FLOW_CONTROL_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_flow_control_cfg_set},
+    {"kavo_flow_control_cfg_get", "datapath", KAVO_HTL_OPERATION_FLOW_CONTROL_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_flow_control_cfg_t)), run_kavo_flow_control_cfg_get},
     {"kavo_debug_tcam_scrubbing_stats_get", "debug_tcam", KAVO_HTL_OPERATION_DEBUG_MACSEC_TCAM_SCRUB_STATS, "plain", false, true, VELT_ERR_INVALID_ARGS, (UINT32)(sizeof(kavo_debug_macsec_tcam_scrub_stats_t)), run_kavo_debug_tcam_scrubbing_stats_get},
     {"kavo_defect_summary_get", "defect", KAVO_HTL_OPERATION_DEFECT_SUMMARY_GET, "status", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_defect_device_summary_t)), run_kavo_defect_summary_get},
+    {"kavo_enet_prov", "enet", KAVO_HTL_OPERATION_ENET_PROV, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_prov},
+    {"kavo_enet_super_prov", "enet", KAVO_HTL_OPERATION_ENET_PROV, "plain", false, true, ENET_LOG_ERR_INVALID_PARAMETERS, (UINT32)(0), run_kavo_enet_super_prov},
+    {"kavo_enet_status_get", "enet", KAVO_HTL_OPERATION_ENET_STATUS_GET, "status", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_enet_status_t)), run_kavo_enet_status_get},
+    {"kavo_enet_anlt_prov", "enet", KAVO_HTL_OPERATION_ENET_ANLT_PROV, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_anlt_prov},
+    {"kavo_enet_anlt_status_get", "enet", KAVO_HTL_OPERATION_ENET_ANLT_STATUS_GET, "status", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_enet_anlt_chnl_status_t)), run_kavo_enet_anlt_status_get},
+    {"kavo_enet_tx_timing_mode_set", "enet", KAVO_HTL_OPERATION_ENET_TX_TIMING_MODE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_tx_timing_mode_set},
+    {"kavo_enet_alarm_mode_set", "enet", KAVO_HTL_OPERATION_ENET_ALARM_MODE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_alarm_mode_set},
+    {"kavo_enet_pcs_am_relay_mode_enable", "enet", KAVO_HTL_OPERATION_ENET_PCS_AM_RELAY_MODE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_pcs_am_relay_mode_enable},
+    {"kavo_enet_cfg_get", "enet", KAVO_HTL_OPERATION_ENET_CH_CFG_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_enet_cfg_get_t)), run_kavo_enet_cfg_get},
+    {"kavo_enet_mru_set", "enet", KAVO_HTL_OPERATION_ENET_MRU_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_mru_set},
+    {"kavo_enet_mtu_set", "enet", KAVO_HTL_OPERATION_ENET_MTU_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_mtu_set},
+    {"kavo_enet_ipg_set", "enet", KAVO_HTL_OPERATION_ENET_IPG_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_ipg_set},
+    {"kavo_enet_ilkn_inband_fcs_set", "enet", KAVO_HTL_OPERATION_ENET_INBAND_FCS_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_ilkn_inband_fcs_set},
+    {"kavo_enet_vlan_cfg_set", "enet", KAVO_HTL_OPERATION_ENET_VLAN_CFG_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_vlan_cfg_set},
+    {"kavo_enet_err_relay_msk_set", "enet", KAVO_HTL_OPERATION_ENET_DPI_ERR_MSK_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_err_relay_msk_set},
+    {"kavo_enet_fec_mode_set", "enet", KAVO_HTL_OPERATION_ENET_FEC_MODE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_fec_mode_set},
+    {"kavo_enet_scrambled_idle_gen_set", "enet", KAVO_HTL_OPERATION_ENET_SCRAMBLED_IDLE_GEN, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_scrambled_idle_gen_set},
+    {"kavo_enet_scrambled_idle_mon_set", "enet", KAVO_HTL_OPERATION_ENET_SCRAMBLED_IDLE_MON, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_scrambled_idle_mon_set},
+    {"kavo_enet_err_inj_set", "enet", KAVO_HTL_OPERATION_ENET_SCRAMBLED_IDLE_ERR_INJ, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_err_inj_set},
+    {"kavo_enet_ca_enable", "enet", KAVO_HTL_OPERATION_ENET_RS_ALARM_CA_ENABLE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_ca_enable},
+    {"kavo_enet_ca_mask_enable", "enet", KAVO_HTL_OPERATION_ENET_RS_ALARM_CA_ENABLE_MASK_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_ca_mask_enable},
+    {"kavo_enet_ca_force", "enet", KAVO_HTL_OPERATION_ENET_RS_ALARM_CA_FORCE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_ca_force},
+    {"kavo_enet_nominal_mask_enable", "enet", KAVO_HTL_OPERATION_ENET_DP_NOMINAL_ENABLE_MASK, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_nominal_mask_enable},
+    {"kavo_enet_aflexe_rpf_force", "enet", KAVO_HTL_OPERATION_ENET_AFLEXE_RPF_CA_FORCE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_aflexe_rpf_force},
+    {"kavo_enet_aflexe_rpf_force_get", "enet", KAVO_HTL_OPERATION_ENET_AFLEXE_RPF_CA_FORCE_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(4), run_kavo_enet_aflexe_rpf_force_get},
+    {"kavo_enet_dflexe_rdi_detect_config", "enet", KAVO_HTL_OPERATION_ENET_DFLEXE_RDI_CA_DETECT, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_dflexe_rdi_detect_config},
+    {"kavo_enet_dflexe_rdi_detect_config_get", "enet", KAVO_HTL_OPERATION_ENET_DFLEXE_RDI_CA_DETECT_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(4), run_kavo_enet_dflexe_rdi_detect_config_get},
+    {"kavo_enet_dp_nominal_force", "enet", KAVO_HTL_OPERATION_ENET_DP_NOMINAL_FORCE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_dp_nominal_force},
+    {"kavo_enet_fec_tx_am_sf_mode_set", "enet", KAVO_HTL_OPERATION_ENET_TX_AM_SF_MODE_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_fec_tx_am_sf_mode_set},
+    {"kavo_enet_fec_deg_ser_set", "enet", KAVO_HTL_OPERATION_ENET_FEC_DEG_SER_CFG_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_fec_deg_ser_set},
+    {"kavo_enet_fec_err_cfg_set", "enet", KAVO_HTL_OPERATION_ENET_FEC_ERR_CFG_SET, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_enet_fec_err_cfg_set},
+    {"kavo_rs_alarm_cfg_get", "enet", KAVO_HTL_OPERATION_ENET_RS_ALARM_CA_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(sizeof(kavo_enet_alarm_cfg_get_t)), run_kavo_rs_alarm_cfg_get},
+    {"kavo_enet_fec_rx_am_sf_status_get", "enet", KAVO_HTL_OPERATION_ENET_RX_AM_SF_MODE_GET, "plain", false, false, VELT_SUCCESS, (UINT32)(4), run_kavo_enet_fec_rx_am_sf_status_get},
+    {"kavo_an_restart_trigger", "enet", KAVO_HTL_OPERATION_ANLT_CHNL_RESTART, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_an_restart_trigger},
     {"kavo_flexe_group_prov", "flexe", KAVO_HTL_OPERATION_FLEXE_GROUP_PROV, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_flexe_group_prov},
     {"kavo_flexe_client_prov", "flexe", KAVO_HTL_OPERATION_FLEXE_CLIENT_ADD, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_flexe_client_prov},
     {"kavo_flexe_calendar_update", "flexe", KAVO_HTL_OPERATION_FLEXE_CALENDAR_UPDATE, "plain", false, false, VELT_SUCCESS, (UINT32)(0), run_kavo_flexe_calendar_update},

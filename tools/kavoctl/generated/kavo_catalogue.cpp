@@ -17,6 +17,18 @@ const enum_value values_kavo_init_type_t[] = {{"KAVO_INIT_COLD", 0u}, {"KAVO_INI
 const enum_info enum_kavo_init_type_t = {"kavo_init_type_t", "KAVO_INIT_", values_kavo_init_type_t, 4};
 const enum_value values_kavo_enet_dcsu_ref_clk_t[] = {{"KAVO_ENET_DCSU_REF_CLK_REF_CLK", 0u}, {"KAVO_ENET_DCSU_REF_CLK_PTP_REF_CLK_25MHZ", 1u}, {"KAVO_ENET_DCSU_REF_CLK_PTP_REF_CLK_125MHZ", 2u}, {"LAST_KAVO_ENET_DCSU_REF_CLK", 3u}};
 const enum_info enum_kavo_enet_dcsu_ref_clk_t = {"kavo_enet_dcsu_ref_clk_t", "KAVO_ENET_DCSU_REF_CLK_", values_kavo_enet_dcsu_ref_clk_t, 4};
+const enum_value values_kavo_deprov_t[] = {{"KAVO_DEPROV_SAFE", 0u}, {"KAVO_DEPROV_FORCE", 1u}, {"LAST_KAVO_DEPROV", 2u}};
+const enum_info enum_kavo_deprov_t = {"kavo_deprov_t", "KAVO_DEPROV_", values_kavo_deprov_t, 3};
+const enum_value values_kavo_loopback_t[] = {{"KAVO_LOOPBACK_NONE", 0u}, {"KAVO_LOOPBACK_HOST", 1u}, {"KAVO_LOOPBACK_LINE", 2u}, {"LAST_KAVO_LOOPBACK", 3u}};
+const enum_info enum_kavo_loopback_t = {"kavo_loopback_t", "KAVO_LOOPBACK_", values_kavo_loopback_t, 4};
+const enum_value values_kavo_flow_control_mode_t[] = {{"KAVO_FLOW_CONTROL_MODE_DISABLED", 0u}, {"KAVO_FLOW_CONTROL_MODE_RX", 1u}, {"KAVO_FLOW_CONTROL_MODE_TX", 2u}, {"KAVO_FLOW_CONTROL_MODE_RX_TX", 3u}, {"LAST_KAVO_FLOW_CONTROL_MODE", 4u}};
+const enum_info enum_kavo_flow_control_mode_t = {"kavo_flow_control_mode_t", "KAVO_FLOW_CONTROL_MODE_", values_kavo_flow_control_mode_t, 5};
+const enum_value values_kavo_flow_control_frame_t[] = {{"KAVO_FLOW_CONTROL_FRAME_PAUSE", 0u}, {"KAVO_FLOW_CONTROL_FRAME_PFC", 1u}, {"LAST_KAVO_FLOW_CONTROL_FRAME", 2u}};
+const enum_info enum_kavo_flow_control_frame_t = {"kavo_flow_control_frame_t", "KAVO_FLOW_CONTROL_FRAME_", values_kavo_flow_control_frame_t, 3};
+const enum_value values_kavo_flow_control_pfc_mask_t[] = {{"KAVO_FLOW_CONTROL_PFC_MASK_NONE", 0u}, {"KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_0", 1u}, {"KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_1", 2u}, {"KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_2", 4u}, {"KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_3", 8u}, {"KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_4", 16u}, {"KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_5", 32u}, {"KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_6", 64u}, {"KAVO_FLOW_CONTROL_PFC_MASK_PRIORITY_7", 128u}, {"KAVO_FLOW_CONTROL_PFC_MASK_ALL", 255u}};
+const enum_info enum_kavo_flow_control_pfc_mask_t = {"kavo_flow_control_pfc_mask_t", "KAVO_FLOW_CONTROL_PFC_MASK_", values_kavo_flow_control_pfc_mask_t, 10};
+const enum_value values_kavo_flow_control_buffer_mgmt_t[] = {{"KAVO_FLOW_CONTROL_BUFFER_MGMT_STATIC", 0u}, {"KAVO_FLOW_CONTROL_BUFFER_MGMT_DYNAMIC", 1u}, {"LAST_KAVO_FLOW_CONTROL_BUFFER_MGMT", 2u}};
+const enum_info enum_kavo_flow_control_buffer_mgmt_t = {"kavo_flow_control_buffer_mgmt_t", "KAVO_FLOW_CONTROL_BUFFER_MGMT_", values_kavo_flow_control_buffer_mgmt_t, 3};
 const enum_value values_kavo_dcsu_instance_t[] = {{"KAVO_DCSU_INSTANCE_0", 0u}, {"KAVO_DCSU_INSTANCE_1", 1u}, {"KAVO_DCSU_INSTANCE_2", 2u}, {"KAVO_DCSU_INSTANCE_3", 3u}, {"KAVO_DCSU_INSTANCE_4", 4u}, {"KAVO_DCSU_INSTANCE_5", 5u}, {"LAST_KAVO_DCSU_INSTANCE", 6u}};
 const enum_info enum_kavo_dcsu_instance_t = {"kavo_dcsu_instance_t", "KAVO_DCSU_INSTANCE_", values_kavo_dcsu_instance_t, 7};
 const enum_value values_kavo_defect_type_t[] = {{"KAVO_DEFECT_TYPE_ENET_PORT", 0u}, {"KAVO_DEFECT_TYPE_ILKN_PKT_CHNL", 1u}, {"KAVO_DEFECT_TYPE_ILKN_INTERFACE", 2u}, {"KAVO_DEFECT_TYPE_FLEXE_GROUP", 3u}, {"KAVO_DEFECT_TYPE_FLEXE_CLIENT", 4u}, {"KAVO_DEFECT_TYPE_UNUSED_0", 5u}, {"KAVO_DEFECT_TYPE_SERDES", 6u}, {"KAVO_DEFECT_TYPE_MACSEC", 7u}, {"KAVO_DEFECT_TYPE_TLIC", 8u}, {"KAVO_DEFECT_TYPE_DCSU", 9u}, {"KAVO_DEFECT_TYPE_ANLT", 10u}, {"LAST_KAVO_DEFECT_TYPE", 11u}};
@@ -25,6 +37,34 @@ const enum_value values_kavo_defect_transfer_clear_t[] = {{"KAVO_DEFECT_CLEAR_AL
 const enum_info enum_kavo_defect_transfer_clear_t = {"kavo_defect_transfer_clear_t", "KAVO_DEFECT_CLEAR_", values_kavo_defect_transfer_clear_t, 5};
 const enum_value values_kavo_defect_print_filter_t[] = {{"KAVO_DEFECT_PRINT_FILTER_ALL", 0u}, {"KAVO_DEFECT_PRINT_FILTER_I_ASSERTED", 1u}, {"KAVO_DEFECT_PRINT_FILTER_V_ASSERTED", 2u}, {"KAVO_DEFECT_PRINT_FILTER_V_OR_I_ASSERTED", 3u}, {"LAST_KAVO_DEFECT_PRINT_FILTER", 4u}};
 const enum_info enum_kavo_defect_print_filter_t = {"kavo_defect_print_filter_t", "KAVO_DEFECT_PRINT_FILTER_", values_kavo_defect_print_filter_t, 5};
+const enum_value values_kavo_enet_port_mode_t[] = {{"KAVO_ENET_PORT_MODE_1GE", 0u}, {"KAVO_ENET_PORT_MODE_10GE", 8u}, {"KAVO_ENET_PORT_MODE_25GE", 16u}, {"KAVO_ENET_PORT_MODE_40GE_4X10G", 20u}, {"KAVO_ENET_PORT_MODE_50GE_2X25G", 24u}, {"KAVO_ENET_PORT_MODE_50GE_1X50G", 25u}, {"KAVO_ENET_PORT_MODE_100GE_2X50G", 32u}, {"KAVO_ENET_PORT_MODE_100GE_1X100G", 33u}, {"KAVO_ENET_PORT_MODE_100GE_4X25G", 34u}, {"KAVO_ENET_PORT_MODE_200GE_4X50G", 40u}, {"KAVO_ENET_PORT_MODE_200GE_2X100G", 41u}, {"KAVO_ENET_PORT_MODE_400GE_8X50G", 48u}, {"KAVO_ENET_PORT_MODE_400GE_4X100G", 49u}, {"LAST_KAVO_ENET_PORT_MODE", 64u}};
+const enum_info enum_kavo_enet_port_mode_t = {"kavo_enet_port_mode_t", "KAVO_ENET_PORT_MODE_", values_kavo_enet_port_mode_t, 14};
+const enum_value values_kavo_enet_fec_mode_t[] = {{"KAVO_ENET_FEC_MODE_NONE", 0u}, {"KAVO_ENET_FEC_MODE_BASE_R", 1u}, {"KAVO_ENET_FEC_MODE_RS_528", 2u}, {"KAVO_ENET_FEC_MODE_RS_544", 3u}, {"LAST_KAVO_ENET_FEC_MODE", 4u}};
+const enum_info enum_kavo_enet_fec_mode_t = {"kavo_enet_fec_mode_t", "KAVO_ENET_FEC_MODE_", values_kavo_enet_fec_mode_t, 5};
+const enum_value values_kavo_enet_prov_mode_t[] = {{"KAVO_ENET_PROV_MODE_ANALOG_RETIMER", 0u}, {"KAVO_ENET_PROV_MODE_PCS_RETIMER", 1u}, {"KAVO_ENET_PROV_MODE_FLEXE_PHY", 2u}, {"KAVO_ENET_PROV_MODE_PCS", 3u}, {"KAVO_ENET_PROV_MODE_MAC", 4u}, {"LAST_KAVO_ENET_PROV_MODE", 5u}};
+const enum_info enum_kavo_enet_prov_mode_t = {"kavo_enet_prov_mode_t", "KAVO_ENET_PROV_MODE_", values_kavo_enet_prov_mode_t, 6};
+const enum_value values_kavo_enet_scramble_idle_level_t[] = {{"KAVO_ENET_SCRAMBLE_IDLE_LEVEL_PCS", 0u}, {"KAVO_ENET_SCRAMBLE_IDLE_LEVEL_FEC", 1u}, {"LAST_KAVO_ENET_SCRAMBLE_IDLE_LEVEL", 2u}};
+const enum_info enum_kavo_enet_scramble_idle_level_t = {"kavo_enet_scramble_idle_level_t", "KAVO_ENET_SCRAMBLE_IDLE_LEVEL_", values_kavo_enet_scramble_idle_level_t, 3};
+const enum_value values_kavo_enet_tx_timing_mode_t[] = {{"KAVO_ENET_TX_TIMING_MODE_NOMINAL", 0u}, {"KAVO_ENET_TX_TIMING_MODE_THROUGH", 1u}, {"KAVO_ENET_TX_TIMING_MODE_LOOP", 2u}, {"LAST_KAVO_ENET_TX_TIMING_MODE", 3u}};
+const enum_info enum_kavo_enet_tx_timing_mode_t = {"kavo_enet_tx_timing_mode_t", "KAVO_ENET_TX_TIMING_MODE_", values_kavo_enet_tx_timing_mode_t, 4};
+const enum_value values_kavo_enet_alarm_mode_t[] = {{"KAVO_ENET_ALARM_MODE_TERMINATED", 0u}, {"KAVO_ENET_ALARM_MODE_RELAY", 1u}, {"LAST_KAVO_ENET_ALARM_MODE", 2u}};
+const enum_info enum_kavo_enet_alarm_mode_t = {"kavo_enet_alarm_mode_t", "KAVO_ENET_ALARM_MODE_", values_kavo_enet_alarm_mode_t, 3};
+const enum_value values_kavo_enet_anlt_advertize_type_t[] = {{"KAVO_ENET_ANLT_ADVERTIZE_1000BASE_KX", 0u}, {"KAVO_ENET_ANLT_ADVERTIZE_10GBASE_KR", 1u}, {"KAVO_ENET_ANLT_ADVERTIZE_25GBASE_KR", 2u}, {"KAVO_ENET_ANLT_ADVERTIZE_25GBASE_CR", 3u}, {"KAVO_ENET_ANLT_ADVERTIZE_40GBASE_KR4", 4u}, {"KAVO_ENET_ANLT_ADVERTIZE_40GBASE_CR4", 5u}, {"KAVO_ENET_ANLT_ADVERTIZE_50GBASE_KR", 6u}, {"KAVO_ENET_ANLT_ADVERTIZE_50GBASE_CR", 7u}, {"KAVO_ENET_ANLT_ADVERTIZE_100GBASE_KR4", 8u}, {"KAVO_ENET_ANLT_ADVERTIZE_100GBASE_CR4", 9u}, {"KAVO_ENET_ANLT_ADVERTIZE_100GBASE_KR2", 10u}, {"KAVO_ENET_ANLT_ADVERTIZE_100GBASE_CR2", 11u}, {"KAVO_ENET_ANLT_ADVERTIZE_100GBASE_KR1", 12u}, {"KAVO_ENET_ANLT_ADVERTIZE_100GBASE_CR1", 13u}, {"KAVO_ENET_ANLT_ADVERTIZE_200GBASE_KR4", 14u}, {"KAVO_ENET_ANLT_ADVERTIZE_200GBASE_CR4", 15u}, {"KAVO_ENET_ANLT_ADVERTIZE_400GBASE_KR4", 16u}, {"KAVO_ENET_ANLT_ADVERTIZE_400GBASE_CR4", 17u}, {"KAVO_ENET_ANLT_ADVERTIZE_400GBASE_KR8", 18u}, {"KAVO_ENET_ANLT_ADVERTIZE_400GBASE_CR8", 19u}, {"LAST_KAVO_ENET_ANLT_ADVERTIZE", 20u}};
+const enum_info enum_kavo_enet_anlt_advertize_type_t = {"kavo_enet_anlt_advertize_type_t", "KAVO_ENET_ANLT_ADVERTIZE_", values_kavo_enet_anlt_advertize_type_t, 21};
+const enum_value values_kavo_enet_anlt_state_t[] = {{"KAVO_ENET_ANLT_STATE_IDLE", 0u}, {"KAVO_ENET_ANLT_STATE_AN", 1u}, {"KAVO_ENET_ANLT_STATE_LT", 2u}, {"KAVO_ENET_ANLT_STATE_LINK_UP", 3u}, {"LAST_KAVO_ENET_ANLT_STATE", 4u}};
+const enum_info enum_kavo_enet_anlt_state_t = {"kavo_enet_anlt_state_t", "KAVO_ENET_ANLT_STATE_", values_kavo_enet_anlt_state_t, 5};
+const enum_value values_kavo_mac_rx_error_t[] = {{"KAVO_MAC_RX_ERROR_NONE", 0u}, {"KAVO_MAC_RX_ERROR_FCS", 1u}, {"KAVO_MAC_RX_ERROR_RUNT", 2u}, {"KAVO_MAC_RX_ERROR_OVERSIZE", 4u}, {"KAVO_MAC_RX_ERROR_PCS", 8u}, {"KAVO_MAC_RX_ERROR_ALL", 15u}};
+const enum_info enum_kavo_mac_rx_error_t = {"kavo_mac_rx_error_t", "KAVO_MAC_RX_ERROR_", values_kavo_mac_rx_error_t, 6};
+const enum_value values_kavo_enet_direction_t[] = {{"KAVO_ENET_DIRECTION_RX", 0u}, {"KAVO_ENET_DIRECTION_TX", 1u}, {"LAST_KAVO_ENET_DIRECTION", 2u}};
+const enum_info enum_kavo_enet_direction_t = {"kavo_enet_direction_t", "KAVO_ENET_DIRECTION_", values_kavo_enet_direction_t, 3};
+const enum_value values_kavo_enet_ca_enable_t[] = {{"KAVO_ENET_CA_ENABLE_RX_FAULT_TO_TX_RF", 0u}, {"KAVO_ENET_CA_ENABLE_RX_DEFECT_TO_HOST", 1u}, {"KAVO_ENET_CA_ENABLE_HOST_FAULT_TO_TX", 2u}, {"LAST_KAVO_ENET_CA_ENABLE", 3u}};
+const enum_info enum_kavo_enet_ca_enable_t = {"kavo_enet_ca_enable_t", "KAVO_ENET_CA_ENABLE_", values_kavo_enet_ca_enable_t, 4};
+const enum_value values_kavo_enet_alarm_mask_t[] = {{"KAVO_ENET_ALARM_MASK_NONE", 0u}, {"KAVO_ENET_ALARM_MASK_LOS", 1u}, {"KAVO_ENET_ALARM_MASK_LOBL", 2u}, {"KAVO_ENET_ALARM_MASK_LOAML", 4u}, {"KAVO_ENET_ALARM_MASK_HI_BER", 8u}, {"KAVO_ENET_ALARM_MASK_LF", 16u}, {"KAVO_ENET_ALARM_MASK_RF", 32u}, {"KAVO_ENET_ALARM_MASK_FEC_DEG_SER", 64u}, {"KAVO_ENET_ALARM_MASK_RX_AM_SF", 128u}, {"KAVO_ENET_ALARM_MASK_ALL", 255u}};
+const enum_info enum_kavo_enet_alarm_mask_t = {"kavo_enet_alarm_mask_t", "KAVO_ENET_ALARM_MASK_", values_kavo_enet_alarm_mask_t, 10};
+const enum_value values_kavo_enet_alarm_force_t[] = {{"KAVO_ENET_ALARM_FORCE_OFF", 0u}, {"KAVO_ENET_ALARM_FORCE_TX", 1u}, {"KAVO_ENET_ALARM_FORCE_RX", 2u}, {"LAST_KAVO_ENET_ALARM_FORCE", 3u}};
+const enum_info enum_kavo_enet_alarm_force_t = {"kavo_enet_alarm_force_t", "KAVO_ENET_ALARM_FORCE_", values_kavo_enet_alarm_force_t, 4};
+const enum_value values_kavo_enet_alarm_action_t[] = {{"KAVO_ENET_ALARM_ACTION_NONE", 0u}, {"KAVO_ENET_ALARM_ACTION_LF", 1u}, {"KAVO_ENET_ALARM_ACTION_RF", 2u}, {"KAVO_ENET_ALARM_ACTION_IDLE", 3u}, {"KAVO_ENET_ALARM_ACTION_ERROR", 4u}, {"LAST_KAVO_ENET_ALARM_ACTION", 5u}};
+const enum_info enum_kavo_enet_alarm_action_t = {"kavo_enet_alarm_action_t", "KAVO_ENET_ALARM_ACTION_", values_kavo_enet_alarm_action_t, 6};
 const enum_value values_kavo_module_id_t[] = {{"KAVO_MID_BASE", 0u}, {"KAVO_MID_ACB", 1u}, {"KAVO_MID_CFC", 2u}, {"KAVO_MID_DSIS", 3u}, {"KAVO_MID_ECLASS", 4u}, {"KAVO_MID_ETIME", 5u}, {"KAVO_MID_EXPAND_IBUF", 6u}, {"KAVO_MID_SCBS4", 7u}, {"KAVO_MID_STS_SW", 8u}, {"KAVO_MID_SAR", 9u}, {"KAVO_MID_PB", 10u}, {"KAVO_MID_ENET", 11u}, {"KAVO_MID_ENET_WRAP_MACRO", 12u}, {"KAVO_MID_ENET_MAC_RX_TX_MACRO", 13u}, {"KAVO_MID_ENET_PHY_RX_TX_CORE_MACRO", 14u}, {"KAVO_MID_ENET_ETPC_MACRO", 15u}, {"KAVO_MID_ENET_PTP_RX_TX_MACRO", 16u}, {"KAVO_MID_ENET_FLEXE_MUX_MACRO", 17u}, {"KAVO_MID_ENET_FLEXE_DEMUX_MACRO", 18u}, {"KAVO_MID_ENET_FLEXE_FRAMER_MACRO", 19u}, {"KAVO_MID_ENET_FLEXE_OH_PARSER_MACRO", 20u}, {"KAVO_MID_ENET_FLEXE_OH_INSERT_MACRO", 21u}, {"KAVO_MID_ENET_FLEXE_EXPAND_MACRO", 22u}, {"KAVO_MID_ILKN", 23u}, {"KAVO_MID_DBG_LOG", 24u}, {"KAVO_MID_LUMOHAL", 25u}, {"KAVO_MID_DEFECTS", 26u}, {"KAVO_MID_PMON", 27u}, {"KAVO_MID_STATS", 28u}, {"KAVO_MID_WDOG", 29u}, {"KAVO_MID_TOP", 30u}, {"KAVO_MID_VELT_SHARED", 31u}, {"KAVO_MID_DTL", 32u}, {"KAVO_MID_HTL", 33u}, {"KAVO_MID_DCS", 34u}, {"KAVO_MID_GTEST", 35u}, {"KAVO_MID_CALENDAR_MGR", 36u}, {"KAVO_MID_SEGMENT_BASE", 37u}, {"KAVO_MID_CHANNEL_RESOURCE", 38u}, {"KAVO_MID_DCSU", 39u}, {"KAVO_MID_FW_COMMON", 40u}, {"KAVO_MID_DEV_RESET", 41u}, {"KAVO_MID_STS_SW600", 42u}, {"KAVO_MID_RUNTIME", 43u}, {"KAVO_MID_SERDES", 44u}, {"KAVO_MID_M1_TOP", 45u}, {"KAVO_MID_MULITTASK", 46u}, {"KAVO_MID_MACSEC", 47u}, {"KAVO_MID_HMUX", 48u}, {"KAVO_MID_PVT_CONTROLLER", 49u}, {"KAVO_MID_PGMRCLK", 50u}, {"KAVO_MID_FLEXE_OHP", 51u}, {"KAVO_MID_RTOS", 52u}, {"KAVO_MID_ANLT", 53u}, {"LAST_KAVO_MID", 54u}};
 const enum_info enum_kavo_module_id_t = {"kavo_module_id_t", "KAVO_MID_", values_kavo_module_id_t, 55};
 const enum_value values_kavo_err_t[] = {{"VELT_SUCCESS", 0u}, {"VELT_ERR_FAIL", 1u}, {"VELT_ERR_INVALID_ARGS", 2u}, {"KAVO_ERR_INVALID_ARGS", 3u}, {"KAVO_FW_ERR_FAIL", 4u}, {"KAVO_FW_ERR_INVALID_PARAMETERS", 5u}, {"KAVO_FW_ERR_INVALID_PTR", 6u}, {"KAVO_FW_ERR_NUMBER_OUT_OF_RANGE", 7u}, {"KAVO_FW_ERR_POLL_TIMEOUT", 8u}, {"VELT_ERR_INVALID_PARAMETERS", 9u}, {"KAVO_SW_FW_VERSION_MISMATCH", 10u}, {"KAVO_SW_ERR_UNIMPLEMENTED", 11u}, {"KAVO_ERR_FW_REQUEST_UNKNOWN", 12u}, {"KAVO_ERR_FW_RESPONSE_SIZE_TOO_LARGE", 13u}, {"KAVO_ERR_NULL_HANDLE", 14u}, {"KAVO_AM_LTNC_MEASURE_NOT_SUPPORTED", 15u}, {"KAVO_ERR_FW_NOT_CONFIGURED", 16u}, {"VELT_ERR_SEARCH_STRING_NOT_FOUND_IN_BUFFER", 17u}, {"VELT_ERR_REPLACEMENT_STRING_TOO_LONG", 18u}, {"KAVO_ERR_INVALID_DEVICE_ID", 19u}, {"KAVO_ERR_DEVICE_ID_IN_USE", 20u}, {"KAVO_ERR_FW_IMAGE_DOES_NOT_EXIST", 21u}, {"KAVO_ERR_FW_IMAGE_PATH_INVALID", 22u}, {"KAVO_ERR_FW_SPRAM_WRITE_FAIL", 23u}, {"KAVO_ERR_FW_BOOT_FAIL", 24u}, {"KAVO_ERR_INVALID_HW_DEVICE_ID", 25u}, {"ACB_FT_LOG_CODE_START", 256u}, {"ACB_FT_LOG_ERR_INVALID_PARAMETERS", 257u}, {"ACB_FT_LOG_DEBUG", 258u}, {"ACB_FT_ERR_INVALID_ARG", 259u}, {"CFC_LOG_CODE_START", 512u}, {"CFC_LOG_CODE_DEBUG", 513u}, {"CFC_ERR_CODE_ASSERT", 514u}, {"CFC_LOG_CODE_LOG", 515u}, {"CFC_ERR_INVALID_PARAMETERS", 516u}, {"CFC_ERR_END_ADDR_UPDATE_INCOMPLETE", 517u}, {"CFC_ERR_FIFO_PAGES_UNAVAILABLE", 518u}, {"CFC_ERR_DECREASE_GREATER_FIFO_SIZE", 519u}, {"CFC_ERR_FIFO_ALREADY_EXISTS", 520u}, {"CFC_POLL_TIMEOUT", 521u}, {"DSIS_LOG_CODE_START", 768u}, {"DSIS_ERR_INVALID_PARAMETERS", 769u}, {"ECLASS_LOG_CODE_START", 1024u}, {"ECLASS_ERR_INVALID_PARAMETERS", 1025u}, {"SCBS4_LOG_CODE_START", 1792u}, {"SCBS4_LOG_CODE_DEBUG", 1793u}, {"SCBS4_ERR_CODE_ASSERT", 1794u}, {"SCBS4_ERR_INVALID_PARAMETERS", 1795u}, {"SCBS4_ERR_PAGE_SWAP_FAILURE", 1796u}, {"SCBS4_LOG_SCHD_INIT", 1797u}, {"STS_SW_LOG_CODE_START", 2048u}, {"STS_SW_ERR_CODE_ASSERT", 2049u}, {"STS_SW_LOG_CODE_LOG", 2050u}, {"STS_SW_CHNL_STATE_NOT_EQUIPPED", 2051u}, {"STS_SW_ERR_INVALID_PARAMETERS", 2052u}, {"STS_SW_ERR_INVALID_PTR", 2053u}, {"SAR_LOG_CODE_START", 2304u}, {"SAR_LOG_ERR_INVALID_PARAMETERS", 2305u}, {"SAR_LOG_DEBUG", 2306u}, {"SAR_ERR_INVALID_ARG", 2307u}, {"PB_LOG_CODE_START", 2560u}, {"PB_LOG_CODE_DEBUG", 2561u}, {"PB_ERR_CODE_ASSERT", 2562u}, {"PB_LOG_CODE_LOG", 2563u}, {"PB_ERR_INVALID_ARG", 2564u}, {"PB_LPBK_INVALID_ARG", 2565u}, {"PB_HOST_LPBK_ALREADY_PROV", 2566u}, {"PB_LINE_LPBK_ALREADY_PROV", 2567u}, {"PB_LOG_CHNL_PROV", 2568u}, {"PB_LOG_CHNL_DEPROV", 2569u}, {"ENET_LOG_CODE_START", 2816u}, {"ENET_LOG_ERR_INVALID_PARAMETERS", 2817u}, {"ENET_ERR_INVALID_MAPPING_MODE", 2818u}, {"ENET_ALARM_MODE_CANNOT_SET_TERMINATED_MODE", 2819u}, {"ENET_ALARM_MODE_CANNOT_SET_RELAY_MODE", 2820u}, {"ENET_ALARM_MODE_CANNOT_SET_ALARM_MODE_WHEN_DATAPATH_CONNECTED", 2821u}, {"ENET_ALARM_MODE_CANNOT_SET_ALARM_MODE_WHEN_DATAPATH_INCOMPLETE", 2822u}, {"ENET_WRAP_MACRO_LOG_CODE_START", 3072u}, {"ENET_WRAP_MACRO_ERR_CODE_ASSERT", 3073u}, {"ENET_WRAP_MACRO_ERR_INVALID_ARG", 3074u}, {"ENET_WRAP_MACRO_PAGE_SWAP_ERROR", 3075u}, {"ENET_WRAP_LTNC_MEASURE_NOT_VALID", 3076u}, {"ENET_MAC_RX_TX_MACRO_LOG_CODE_START", 3328u}, {"ENET_MAC_RX_TX_MACRO_ERR_INVALID_ARG", 3329u}, {"ENET_MAC_RX_TX_MACRO_ERR_INVALID_PARAMETERS", 3330u}, {"ENET_PHY_RX_TX_CORE_MACRO_LOG_CODE_START", 3584u}, {"ENET_PHY_RX_TX_CORE_MACRO_ERR_INVALID_PARAMETERS", 3585u}, {"ENET_PHY_TX_FIFO_UPDATE_FAILED", 3586u}, {"ENET_ETPC_MACRO_LOG_CODE_START", 3840u}, {"ENET_ETPC_MACRO_ERR_INVALID_PARAMETERS", 3841u}, {"ENET_PTP_RX_TX_MACRO_LOG_CODE_START", 4096u}, {"ENET_PTP_RX_TX_MACRO_ERR_NOT_AVAILABLE_IN_DEVICE_MODE", 4097u}, {"ENET_PTP_RX_TX_MACRO_ERR_NOT_ENABLED", 4098u}, {"ENET_PTP_RX_TX_MACRO_ERR_NOT_CONFIGURABLE", 4099u}, {"ENET_PTP_RX_TX_MACRO_ERR_INVALID_PARAMETERS", 4100u}, {"ENET_PTP_RX_TX_MACRO_ERR_INVALID_TS_COMPENSATION_VALUE", 4101u}, {"ENET_PTP_RX_TX_MACRO_ERR_ILLEGAL_CHNL_ID", 4102u}, {"ENET_PTP_RX_TX_MACRO_ERR_ILLEGAL_EXT_PTP_REF_CLK", 4103u}, {"ENET_PTP_RX_TX_MACRO_ERR_NOT_SUPPORTED", 4104u}, {"ENET_PTP_RX_TX_MACRO_ERR_CODE_ASSERT", 4105u}, {"PE_CANNOT_USE_API_IN_THIS_DEVICE_MODE", 4106u}, {"PE_DUPLICATED_VLAN_CHNL_ID_MAP", 4107u}, {"PE_DUPLICATED_PE_PFC_CHANNEL_MAP", 4108u}, {"PE_INVALID_VLAN_CHNL_ID_MAP", 4109u}, {"PE_ENET_HOST_INVALID_CHNL_ID", 4110u}, {"PE_ENET_HOST_INVALID_RATE", 4111u}, {"PE_ENET_LINE_INVALID_CHNL_ID", 4112u}, {"PE_ENET_DEPROV_BEFORE_PE_DEPROV", 4113u}, {"PE_CANNOT_SET_PE_CFG_AFTER_PE_PROV", 4114u}, {"PTP_NOT_SUPPORTED_IN_PE_DATAPATH", 4115u}, {"ENET_FLEXE_MUX_MACRO_LOG_CODE_START", 4352u}, {"ENET_FLEXE_MUX_MACRO_ERR_INVALID_ARG", 4353u}, {"ENET_FLEXE_DEMUX_MACRO_LOG_CODE_START", 4608u}, {"ENET_FLEXE_DEMUX_MACRO_ERR_INVALID_ARG", 4609u}, {"ENET_FLEXE_FRAMER_MACRO_LOG_CODE_START", 4864u}, {"ENET_FLEXE_FRAMER_MACRO_ERR_INVALID_ARG", 4865u}, {"ENET_FLEXE_OH_PARSER_MACRO_LOG_CODE_START", 5120u}, {"ENET_FLEXE_OH_PARSER_MACRO_ERR_INVALID_ARG", 5121u}, {"ENET_FLEXE_OH_PARSER_MACRO_ERR_INVALID_PHY_REF", 5122u}, {"ENET_FLEXE_OH_INSERT_MACRO_LOG_CODE_START", 5376u}, {"ENET_FLEXE_OH_INSERT_MACRO_ERR_INVALID_ARG", 5377u}, {"ENET_FLEXE_EXPAND_MACRO_LOG_CODE_START", 5632u}, {"ENET_FLEXE_EXPAND_MACRO_ERR_INVALID_ARG", 5633u}, {"ILKN_LOG_CODE_START", 5888u}, {"ILKN_ERR_NULL_HANDLE", 5889u}, {"ILKN_ERR_INVALID_CONFIG", 5890u}, {"ILKN_ERR_INVALID_ILKN_INTERFACE_SPECIFIED", 5891u}, {"ILKN_ERR_INVALID_RX_XOFF_LINK_MODE", 5892u}, {"ILKN_ERR_INVALID_ILKN_BURST_MAX", 5893u}, {"ILKN_ERR_INVALID_ILKN_BURST_MIN", 5894u}, {"ILKN_ERR_INVALID_ILKN_BURST_SHORT", 5895u}, {"ILKN_ERR_INVALID_ILKN_BURST_LIMIT", 5896u}, {"ILKN_ERR_INVALID_PKT_BCW_CHNL_ID", 5897u}, {"ILKN_ERR_INUSE_PKT_BCW_CHNL_ID", 5898u}, {"ILKN_ERR_UNAVAILABLE_BW_CHNL_ID", 5899u}, {"ILKN_ERR_INVALID_INGRESS_ARG", 5900u}, {"ILKN_ERR_INVALID_EGRESS_ARG", 5901u}, {"ILKN_ERR_BCW_CHNL_ID_NOT_FOUND", 5902u}, {"ILKN_ERR_EGRESS_BCW_CHNL_ID_UNSET", 5903u}, {"ILKN_ERR_INVALID_ILKN_CORE_INTF", 5904u}, {"ILKN_ERR_INVALID_ILKN_FC_MODE", 5905u}, {"ILKN_ERR_INVALID_ILKN_FC_DIRECTION", 5906u}, {"ILKN_ERR_INVALID_ILKN_FC_CORE", 5907u}, {"ILKN_ERR_ILKN_INTF_FC_DISABLE", 5908u}, {"ILKN_ERR_INVALID_ILKN_FC_CAL_LEN", 5909u}, {"ILKN_LOG_ERR_ILKN_INTF_DISABLE_PROG_FC_CAL", 5910u}, {"ILKN_ERR_INVALID_TX_SERDES_NOT_PACKED", 5911u}, {"ILKN_ERR_INVALID_RX_SERDES_NOT_PACKED", 5912u}, {"ILKN_ERR_NUMBER_RX_TX_SERDES_MISMATCH", 5913u}, {"ILKN_ERR_INVALID_TOTAL_SERDES_NUMBER", 5914u}, {"ILKN_ERR_SERDES_TX_PORT_SET_TWICE", 5915u}, {"ILKN_ERR_SERDES_RX_PORT_SET_TWICE", 5916u}, {"ILKN_ERR_SERDES_RX_TX_PORT_MISMATCH", 5917u}, {"ILKN_ERR_SERDES_OUT_OF_RANGE", 5918u}, {"ILKN_ERR_SERDES_QUAD_BOUNDARY", 5919u}, {"ILKN_ERR_SERDES_NOT_SAME_QUAD", 5920u}, {"ILKN_ERR_SERDES_NOT_ADJACENT", 5921u}, {"ILKN_ERR_SERDES_ASSIGNED", 5922u}, {"ILKN_ERR_BANDWIDTH_EXCEEDED_SERDES_RATE", 5923u}, {"DBG_LOG_LOG_CODE_START", 6144u}, {"DBG_LOG_FAIL_VALUE_OUT_OF_RANGE", 6145u}, {"DBG_LOG_ERR_NULL_POINTER", 6146u}, {"DBG_LOG_USER_LOG", 6147u}, {"DBG_LOG_STRING_LOG", 6148u}, {"DBG_LOG_ERROR_LOG_START", 6149u}, {"DBG_LOG_ERROR_LOG_CONT", 6150u}, {"DBG_LOG_ERROR_LOG_END", 6151u}, {"DBG_LOG_RUNTIME_ERROR_LOG", 6152u}, {"DBG_LOG_RUNTIME_ERROR_POSSIBLE_LOG", 6153u}, {"DBG_LOG_VELT_LOG_ERROR", 6154u}, {"DBG_LOG_VELT_LOG_HIGH", 6155u}, {"LUMOHAL_LOG_CODE_START", 6400u}, {"LUMOHAL_RMW_VALUE_OUT_OF_MASK_RANGE", 6401u}, {"LUMOHAL_LOG_READ", 6402u}, {"LUMOHAL_LOG_WRITE", 6403u}, {"LUMOHAL_LOG_SET_MASK", 6404u}, {"LUMOHAL_LOG_RESET_MASK", 6405u}, {"LUMOHAL_LOG_READ_MODIFY_WRITE", 6406u}, {"LUMOHAL_LOG_POLL", 6407u}, {"LUMOHAL_ERR_INVALID_ADDRESS", 6408u}, {"LUMOHAL_LOG_READ_FIELD", 6409u}, {"LUMOHAL_LOG_POLL_SUCCESS", 6410u}, {"LUMOHAL_LOG_POLL_FAIL", 6411u}, {"LUMOHAL_LOG_POLL_FAIL_ITERATIONS", 6412u}, {"LUMOHAL_LOG_SLEEP_STARTED", 6413u}, {"LUMOHAL_LOG_SLEEP_FINISHED", 6414u}, {"LUMOHAL_LOG_POLL_SUCCESS_TICKS", 6415u}, {"LUMOHAL_LOG_POLL_FAIL_TICKS", 6416u}, {"LUMOHAL_LOG_POLL_SUCCESS_ITERATIONS", 6417u}, {"DEFECTS_LOG_CODE_START", 6656u}, {"DEFECTS_LOG_DEBUG", 6657u}, {"DEFECTS_ERR_BIND_BIT_NUM_TOO_LARGE", 6658u}, {"DEFECTS_ERR_BIND_I_ADDR_NOT_FOUND", 6659u}, {"DEFECTS_ERR_BIND_V_MISMATCH", 6660u}, {"DEFECTS_ERR_BIND_E_MISMATCH", 6661u}, {"DEFECTS_ERR_IVE_NOT_VALID", 6662u}, {"DEFECTS_ERR_UNKNOWN_CHNL_ID", 6663u}, {"DEFECTS_ERR_INVALID_CHNL_ID", 6664u}, {"DEFECTS_ERR_SHMEM_NOT_RELEASED", 6665u}, {"DEFECTS_ERR_UNKNOWN_SW_DEFECT", 6666u}, {"DEFECTS_LOG_BIND_I", 6667u}, {"DEFECTS_LOG_BIND_V", 6668u}, {"DEFECTS_LOG_BIND_E", 6669u}, {"DEFECTS_LOG_ENABLE", 6670u}, {"DEFECTS_LOG_DISABLE", 6671u}, {"DEFECTS_LOG_RELEASE_I", 6672u}, {"DEFECTS_LOG_RELEASE_V", 6673u}, {"DEFECTS_LOG_RELEASE_E", 6674u}, {"DEFECTS_LOG_MISMATCH", 6675u}, {"DEFECTS_LOG_COLLECT_ALL_START", 6676u}, {"DEFECTS_LOG_COLLECT_ALL_END", 6677u}, {"DEFECTS_LOG_COLLECT_ENABLED_START", 6678u}, {"DEFECTS_LOG_COLLECT_ENABLED_END", 6679u}, {"PMON_LOG_CODE_START", 6912u}, {"PMON_ERR_INVALID_PMON_FEATURE", 6913u}, {"PMON_ERR_INVALID_LCLK_GEN", 6914u}, {"PMON_ERR_INVALID_PARAMS", 6915u}, {"PMON_ERR_INVALID_CHNL_ID", 6916u}, {"PMON_ERR_MANUAL_TRIGGER_DISABLED", 6917u}, {"PMON_LOG_BIND", 6918u}, {"PMON_LOG_RELEASE", 6919u}, {"STATS_LOG_CODE_START", 7168u}, {"STATS_ERR_CODE_ASSERT", 7169u}, {"STATS_LOG_STACK_SIZE", 7170u}, {"STATS_LOG_TASK_START", 7171u}, {"STATS_LOG_TASK_COUNT", 7172u}, {"WDOG_LOG_CODE_START", 7424u}, {"WDOG_LOG_WATCHDOG_START", 7425u}, {"TOP_LOG_CODE_START", 7680u}, {"TOP_LOG_DEBUG", 7681u}, {"TOP_FAILED_INIT", 7682u}, {"VELT_SHARED_LOG_CODE_START", 7936u}, {"VELT_SHARED_LOG_CODE_DEBUG", 7937u}, {"VELT_SHARED_ERR_CODE_READBACK_FAILURE", 7938u}, {"VELT_SHARED_ERR_CODE_ASSERT", 7939u}, {"VELT_SHARED_LOG_CODE_LOG", 7940u}, {"VELT_SHARED_ERR_CODE_NULL_PTR", 7941u}, {"VELT_SHARED_ERR_CODE_POLL_TIMEOUT", 7942u}, {"VELT_SHARED_ERR_FREE_NULL_PTR", 7943u}, {"VELT_SHARED_ERR_INVALID_PARAM", 7944u}, {"VELT_SHARED_ERR_NO_MEMORY", 7945u}, {"VELT_SHARED_ERR_NOT_REGISTERED", 7946u}, {"VELT_SHARED_ERR_MALLOC_FAILED", 7947u}, {"VELT_SHARED_ERR_DEVICE_NOT_INIT", 7948u}, {"VELT_SHARED_ERR_MMAP_FAILED", 7949u}, {"VELT_SHARED_ERR_MEMSET_FAILED", 7950u}, {"VELT_SHARED_ERR_MEMCPY_FAILED", 7951u}, {"VELT_SHARED_ERR_MEMCMP_FAILED", 7952u}, {"VELT_SHARED_ERR_STRLEN_FAILED", 7953u}, {"VELT_SHARED_ERR_STRCAT_FAILED", 7954u}, {"VELT_SHARED_ERR_STRCPY_FAILED", 7955u}, {"VELT_SHARED_ERR_DEVOPEN_FAILED", 7956u}, {"VELT_SHARED_ERR_FILE_OPEN_FAILED", 7957u}, {"VELT_SHARED_ERR_DEVIOCTL_FAILED", 7958u}, {"VELT_SHARED_ERR_CRASH_EMULATION", 7959u}, {"VELT_SHARED_LOG_TRACE", 7960u}, {"VELT_SHARED_ERR_SHARED_MEMORY_OFFLINE", 7961u}, {"VELT_SHARED_ERR_REQUEST_TOO_LARGE", 7962u}, {"DTL_LOG_CODE_START", 8192u}, {"DTL_REQUEST_START", 8193u}, {"DTL_REQUEST_END", 8194u}, {"DTL_INVALID_RESPONSE_DATA_PTR", 8195u}, {"DTL_INVALID_RESPONSE_DATA_SIZE", 8196u}, {"HTL_LOG_CODE_START", 8448u}, {"HTL_LOG_CODE_DEBUG", 8449u}, {"HTL_ERR_DEVICE_NOT_INIT", 8450u}, {"HTL_ERR_DEVICE_NOT_CONNECTED", 8451u}, {"HTL_ERR_DEVICE_NOT_READY", 8452u}, {"HTL_ERR_DEVICE_OFFLINE", 8453u}, {"HTL_ERR_DEVICE_RESPONSE_INVALID", 8454u}, {"HTL_ERR_DEVICE_REQUEST_INVALID", 8455u}, {"HTL_ERR_INVALID_REQUEST_DATA_PTR", 8456u}, {"HTL_ERR_INVALID_REQUEST_DATA_SIZE", 8457u}, {"DCS_LOG_CODE_START", 8704u}, {"DCS_ERR_INVALID_ARG", 8705u}, {"DCS_ERR_CODE_ASSERT", 8706u}, {"DCS_LOG_OFFLINE_UPDATE", 8707u}, {"GTEST_LOG_CODE_START", 8960u}, {"GTEST_LOG_CODE_ERROR", 8961u}, {"GTEST_LOG_CODE_EVENT", 8962u}, {"GTEST_LOG_CODE_DEBUG", 8963u}, {"CALENDAR_MGR_LOG_CODE_START", 9216u}, {"CALENDAR_MGR_ERR_INVALID_ARG", 9217u}, {"CALENDAR_MGR_ENET_PORT_CDU_NOT_ENOUGH_DAYS", 9218u}, {"CALENDAR_MGR_ENET_FLEXE_GROUP_PHY_CDU_NOT_ENOUGH_DAYS", 9219u}, {"CALENDAR_MGR_ENET_FLEXE_CLIENT_ILKN_PHY_CDU_NOT_ENOUGH_DAYS", 9220u}, {"CALENDAR_MGR_ENET_CLIENT_MASTER_CDU_NOT_ENOUGH_DAYS", 9221u}, {"CALENDAR_MGR_ENET_FLEXE_GROUP_MASTER_CDU_NOT_ENOUGH_DAYS", 9222u}, {"CALENDAR_MGR_ENET_FLEXE_CLIENT_MASTER_CDU_NOT_ENOUGH_DAYS", 9223u}, {"SEGMENT_BASE_LOG_CODE_START", 9472u}, {"SEGMENT_BASE_ERR_INVALID_ARG", 9473u}, {"SEGMENT_BASE_ERR_EXISTING_CHNL_ID", 9474u}, {"SEGMENT_BASE_ERR_INVALID_ENET_PHY_ID", 9475u}, {"SEGMENT_BASE_ERR_INVALID_ENET_PORT_MODE", 9476u}, {"SEGMENT_BASE_ERR_PINS_ILKN_ASSIGNED", 9477u}, {"SEGMENT_BASE_ERR_PINS_ASSIGNED", 9478u}, {"SEGMENT_BASE_ERR_SERDES_PIN_NOT_ALIGN_QUAD", 9479u}, {"SEGMENT_BASE_ERR_SERDES_PIN_NON_ADJACENT_QUAD", 9480u}, {"SEGMENT_BASE_ERR_SERDES_PIN_NOT_SAME_QUAD", 9481u}, {"SEGMENT_BASE_ERR_NUM_PINS", 9482u}, {"SEGMENT_BASE_PHYSICAL_RESOURCES_BLOCKED_BY_EXISTING_PROVISIONED_APPLICATION", 9483u}, {"SEGMENT_BASE_ERR_INVALID_SERDES_PIN_MODE_WITHIN_BP_SHI_BANK", 9484u}, {"SEGMENT_BASE_ERR_MIXED_SERDES_PIN_MODE_WITHIN_SHI_BANK", 9485u}, {"SEGMENT_BASE_ERR_CANNOT_MIX_PORT_ONLY_IN_SPLIT_BUS", 9486u}, {"SEGMENT_BASE_ERR_RATE_ONLY_VALID_IN_PORT_ONLY_MODE", 9487u}, {"SEGMENT_BASE_ERR_INVALID_APPLICATION_MODE", 9488u}, {"SEGMENT_BASE_ERR_INVALID_SERDES_PIN_MODE", 9489u}, {"SEGMENT_BASE_ERR_INVALID_PARENT_CHNL_ID_TYPE", 9490u}, {"SEGMENT_BASE_ERR_ILLEGAL_SERDES_PORT_ID", 9491u}, {"SEGMENT_BASE_ERR_ILLEGAL_CHNL_ID", 9492u}, {"SEGMENT_BASE_ERR_NO_SEGMENT_FOR_CHNL_ID", 9493u}, {"SEGMENT_BASE_ERR_PHYSICAL_RESOURCE_UNAVAILABLE", 9494u}, {"SEGMENT_BASE_ERR_PHYSICAL_RESOURCE_NOT_ASSIGNED", 9495u}, {"SEGMENT_BASE_ERR_INCOMPATIBLE_ILKN_RATE_FOR_FLEXE_CLIENT", 9496u}, {"SEGMENT_BASE_ERR_INCOMPATIBLE_SRC_TO_DEST_RATE", 9497u}, {"SEGMENT_BASE_ERR_CLIENT_NUM_INCR_NOT_APPLICABLE", 9498u}, {"SEGMENT_BASE_ERR_INVALID_CLIENT_NUM_INCR", 9499u}, {"SEGMENT_BASE_ERR_CLEANABLE_APPLICATION_BLOCKING", 9500u}, {"SEGMENT_BASE_ERR_MAX_ENET_PORTS_EXCEEDED", 9501u}, {"SEGMENT_BASE_ERR_INVALID_PARENT_CHNL_ID", 9502u}, {"SEGMENT_BASE_ERR_INVALID_SEGMENT_TYPE", 9503u}, {"SEGMENT_BASE_ERR_CONNECTION_SOURCE_NOT_PROVISIONED", 9504u}, {"SEGMENT_BASE_ERR_CONNECTION_DESTINATION_NOT_PROVISIONED", 9505u}, {"SEGMENT_BASE_ERR_RETIMER_INCOMPATIBLE_CONNECTION_TYPE", 9506u}, {"SEGMENT_BASE_ERR_RETIMER_INCOMPATIBLE_RATE", 9507u}, {"SEGMENT_BASE_ERR_RETIMER_CONNECTION_NOT_PORT_ONLY", 9508u}, {"SEGMENT_BASE_ERR_RETIMER_INCOMPATIBLE_PIN_MODE", 9509u}, {"SEGMENT_BASE_ERR_RETIMER_INCOMPATIBLE_LANE_OR_BANK", 9510u}, {"SEGMENT_BASE_ERR_PARENT_DIRECTION_NOT_PROVISIONED", 9511u}, {"SEGMENT_BASE_ERR_CONNECTION_UNSUPPORTED", 9512u}, {"SEGMENT_BASE_ERR_UNKNOWN_CHNL_ID", 9513u}, {"SEGMENT_BASE_ERR_SWITCH_LOOPBACK_NOT_SUPPORTED", 9514u}, {"SEGMENT_BASE_ERR_LOOPBACK_NOT_SUPPORTED_SWITCH_CONNECT_REQUIRED", 9515u}, {"SEGMENT_BASE_ERR_DSIS_SWITCHING_DEPENDENCY", 9516u}, {"SEGMENT_BASE_ILKN_INTERFACE_DOES_NOT_EXIST", 9517u}, {"SEGMENT_BASE_BP_INTERFACE_NO_SERDES_PORTS", 9518u}, {"SEGMENT_BASE_BP_NOT_INITIALIZED", 9519u}, {"SEGMENT_BASE_ILKN_SEGMENT_DOES_NOT_EXIST", 9520u}, {"SEGMENT_BASE_ILKN_SEGMENT_NOT_USED", 9521u}, {"SEGMENT_BASE_ILKN_INGRESS_BCW_CHNL_ID_DOES_NOT_EXIST", 9522u}, {"SEGMENT_BASE_ILKN_EGRESS_BCW_CHNL_ID_DOES_NOT_EXIST", 9523u}, {"SEGMENT_BASE_ILKN_PKT_NOT_CONNECTED", 9524u}, {"SEGMENT_BASE_ILKN_TOTAL_ILKN_CHNLS", 9525u}, {"SEGMENT_BASE_ILKN_PKT_RX_CHNL_PROV_NOT_COMPLETE", 9526u}, {"SEGMENT_BASE_ILKN_PKT_TX_CHNL_PROV_NOT_COMPLETE", 9527u}, {"SEGMENT_BASE_ILKN_INVALID_600G_CONNECT_TYPE", 9528u}, {"SEGMENT_BASE_ILKN_INVALID_DATA_PTR", 9529u}, {"SEGMENT_BASE_ILKN_INVALID_LOOPBACK", 9530u}, {"SEGMENT_BASE_GROUP_INVALID_SEGMENT_TYPE", 9531u}, {"SEGMENT_BASE_FLEXE_CLIENT_INVALID_SEGMENT_TYPE", 9532u}, {"SEGMENT_BASE_ENET_FEC_MODE_INVALID", 9533u}, {"SEGMENT_BASE_ENET_INVALID_TIMING_MODE", 9534u}, {"SEGMENT_BASE_ENET_CANNOT_UP_TIMING_MODE_WHEN_CONNECTED", 9535u}, {"SEGMENT_BASE_ENET_SERDES_PIN_ALREADY_USED", 9536u}, {"SEGMENT_BASE_ENET_SERDES_PIN_NOT_VALID", 9537u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_INVALID_FLEXE_MODE_ARG", 9538u}, {"SEGMENT_BASE_ENET_FLEXE_CLIENT_TABLE_ADD_FAIL", 9539u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_INVALID_FLEXE_GRP_NUM_ARG", 9540u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_INVALID_CAL_MODE_ARG", 9541u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_CAL_MODE_SW_NOT_COMPLETE", 9542u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_CHNL_ID_EXISTS", 9543u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_SERDES_PORT_ID_EXISTS", 9544u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_INVALID_PHY_NUMBER_ARG", 9545u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_TS_UNAVAILABLE_NUM_ARG", 9546u}, {"SEGMENT_BASE_ENET_FLEXE_INVALID_PHY_ID", 9547u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_NOT_FOUND_IN_GROUP", 9548u}, {"SEGMENT_BASE_ENET_FLEXE_OVER_USED_PHY", 9549u}, {"SEGMENT_BASE_ENET_FLEXE_GROUP_RESOURCES_INSUFFICENT", 9550u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_ON_INCORRECT_BANK", 9551u}, {"SEGMENT_BASE_ENET_FLEXE_SERDES_PORT_INVALID_FOR_FLEXE_MODE", 9552u}, {"SEGMENT_BASE_ENET_FLEXE_PHY_CHNL_ID_ASSIGNED_TO_EARLIER_GROUP", 9553u}, {"SEGMENT_BASE_ENET_FLEXE_RX_CLIENT_SLOTS_PREVIOUSLY_ALLOCATED", 9554u}, {"SEGMENT_BASE_ENET_FLEXE_TX_CLIENT_SLOTS_PREVIOUSLY_ALLOCATED", 9555u}, {"SEGMENT_BASE_ENET_FLEXE_RX_CLIENT_SLOTS_ALLOCATED_PAST_UNAVAIL_SLOTS", 9556u}, {"SEGMENT_BASE_ENET_FLEXE_TX_CLIENT_SLOTS_ALLOCATED_PAST_UNAVAIL_SLOTS", 9557u}, {"SEGMENT_BASE_ENET_FLEXE_TX_CLIENT_SLOTS_DIFFERENT_RATE_TO_RX_CLIENT_SLOTS", 9558u}, {"SEGMENT_BASE_ENET_FLEXE_NO_CLIENT_SLOTS_PROVIDED", 9559u}, {"SEGMENT_BASE_ENET_FLEXE_SERDES_PIN_ALREADY_USED", 9560u}, {"SEGMENT_BASE_SERDES_PIN_ALREADY_USED_FOR_THIS_GROUP", 9561u}, {"SEGMENT_BASE_FLEXE_UNSUPPORTED_DEVICE", 9562u}, {"SEGMENT_BASE_FLEXE_UNSUPPORTED_WITH_NON_100G_PORTS_ON_SLICE", 9563u}, {"SEGMENT_BASE_ERR_INVALID_ILKN_CAL_FC", 9564u}, {"SEGMENT_BASE_ERR_NO_ILKN_FC_CAL", 9565u}, {"SEGMENT_BASE_ERR_INVALID_ILKN_MODE_PASSTHRU_NOT_SUPPORTED_FC", 9566u}, {"SEGMENT_BASE_ERR_INVALID_FRAME_TYPE_HOST_AND_LINE_NO_MATCH_FC", 9567u}, {"SEGMENT_BASE_ERR_INVALID_PE_FRAME_TYPE_FC", 9568u}, {"SEGMENT_BASE_ERR_INVALID_FRAME_TYPE_AND_MODE_FC", 9569u}, {"SEGMENT_BASE_ERR_INVALID_HOST_FRAME_TYPE_FC", 9570u}, {"SEGMENT_BASE_ERR_ILKN_FC_FRAME_TYPE_NOT_IDENTICAL", 9571u}, {"SEGMENT_BASE_ERR_ILKN_FC_PFC_MASK_NOT_PROVIDED", 9572u}, {"SEGMENT_BASE_ERR_ILKN_FC_PFC_MASK_NOT_IDENTICAL", 9573u}, {"SEGMENT_BASE_ERR_FC_MAC_TO_MAC_ONLY_PAUSE_SUPPORTED", 9574u}, {"CHANNEL_RESOURCE_LOG_CODE_START", 9728u}, {"RESOURCE_TABLE_LOG_FREE_CHNL_ASSIGN", 9729u}, {"RESOURCE_TABLE_LOG_FREE_POOL_ELEMENT_ADD", 9730u}, {"RESOURCE_TABLE_LOG_DEBUG", 9731u}, {"DCSU_LOG_CODE_START", 9984u}, {"DCSU_ERR_CODE_ASSERT", 9985u}, {"DCSU_ERR_INVALID_ARG", 9986u}, {"DCSU_LOG_ERR_INVALID_PARAMETERS", 9987u}, {"DCSU_ERR_DCSU_ASSOCIATED_WITH_REFCLK_FAILED_TO_LOCK", 9988u}, {"FW_COMMON_LOG_CODE_DEBUG", 10240u}, {"FW_COMMON_ERR_FW_LOG_INDEX_BAD", 10241u}, {"FW_COMMON_ERR_BAD_NUM_LOGS", 10242u}, {"DEV_RESET_LOG_CODE_START", 10496u}, {"DEV_RESET_LOG_INVALID_SLICE", 10497u}, {"STS_SW600_LOG_CODE_START", 10752u}, {"RUNTIME_FEATURES_START", 11008u}, {"RUNTIME_OPERATION_NOT_SUPPORTED_BY_SEGMENT_CLASS", 11009u}, {"RUNTIME_OPERATION_COULD_NOT_FIND_SEGMENT_CLASS", 11010u}, {"RUNTIME_OPERATION_NOT_SUPPORTED", 11011u}, {"RUNTIME_OPERATION_ERR_INVALID_ARGUMENTS", 11012u}, {"RUNTIME_OPERATION_COULD_NOT_FIND_A_SEGMENT", 11013u}, {"RUNTIME_OPERATION_IPG_VALUE_NOT_VALID", 11014u}, {"RUNTIME_OPERATION_MRU_MAX_FRAME_LENGTH_EXCEEDED", 11015u}, {"RUNTIME_OPERATION_MTU_MAX_FRAME_LENGTH_EXCEEDED", 11016u}, {"RUNTIME_OPERATION_NOMINAL_MASK_CANNOT_SET_WHEN_NOT_THROUGH_TIMING_MODE", 11017u}, {"RUNTIME_OPERATION_NOT_SUPPORTED_WHEN_SEGMENT_UNCONNECTED", 11018u}, {"SERDES_LOG_CODE_START", 11264u}, {"SERDES_ERR_PORT_INVALID", 11265u}, {"SERDES_ERR_PIN_MODE_INVALID", 11266u}, {"SERDES_ERR_INVALID_MODE", 11267u}, {"SERDES_ERR_PRBS_INVALID_MODE", 11268u}, {"SERDES_ERR_INVALID_CFG_ACTION", 11269u}, {"SERDES_ERR_ONLY_PAM4_SUPPORT_P56_PRBS", 11270u}, {"SERDES_ERR_PRBS_MONITOR_NOT_ENABLED", 11271u}, {"SERDES_ERR_PRBS_GENERATOR_NOT_ENABLED", 11272u}, {"SERDES_ERR_NO_P56_PRBS_MONITOR", 11273u}, {"SERDES_ERR_PORT_NOT_ASSIGNED", 11274u}, {"SERDES_ERR_PORT_ASSIGNED", 11275u}, {"ANLT_LOG_CODE_START", 13568u}, {"ANLT_LOG_TRACE", 13569u}, {"ANLT_ERR_ADVERTIZE_MASK_UNRECOGNIZED_FORMAT", 13570u}, {"ANLT_ERR_NOT_ENOUGH_SERDES_PIN_FOR_ADVERTIZE_MASK", 13571u}, {"ANLT_ERR_LANE0_NOT_IN_SERDES_SET", 13572u}, {"ANLT_ERR_NOT_VALID_ADVERTIZE_MASK", 13573u}, {"ANLT_ERR_NOT_VALID_REQUIRED_SERDES_PIN", 13574u}, {"ANLT_ERR_NOT_VALID_REQUIRED_NUM_PIN_FOR_MASK", 13575u}, {"ANLT_ERR_MUX_MODE_NOT_SUPPORTED", 13576u}, {"ANLT_ERR_1G_ONLY_IN_ANALOG_RETIMER_MODE", 13577u}, {"ANLT_ERR_KR_CR_IN_ADVERTIZE_MASK", 13578u}, {"ANLT_ERR_KR_CR_SUBSET_NOT_PRESENT", 13579u}, {"ANLT_ERR_NOT_SUPPORTED_WHILE_EXEC", 13580u}, {"ANLT_ERR_CONNECT_NOT_SUPPORTED_WHEN_PROCESS_ACTIVE", 13581u}, {"ANLT_ERR_TWO_400G_ADVERTIZE", 13582u}, {"ANLT_ERR_LANE_SWAPPING_BAD_SERDES_CONFIG", 13583u}, {"ANLT_ERR_LANE_SWAPPING_PINS_NOT_MATCH_ADVERTIZE_MASK", 13584u}, {"ANLT_ERR_CHNL_NOT_UNDER_MGMT", 13585u}, {"ANLT_ERR_UNSUPPORTED_PORT_MODE_IN_LT_ONLY_MODE", 13586u}};
@@ -138,6 +178,7 @@ extern const record_info record_kavo_config_t;
 extern const record_info record_kavo_device_status_info_t;
 extern const record_info record_kavo_status_info_t;
 extern const record_info record_kavo_chnl_info_t;
+extern const record_info record_kavo_flow_control_cfg_t;
 extern const record_info record_kavo_dcsu_cfg_get_t;
 extern const record_info record_kavo_debug_macsec_tcam_scrub_stats_t;
 extern const record_info record_kavo_defect_ive_t;
@@ -179,6 +220,21 @@ extern const record_info record_kavo_defect_slice_top_t;
 extern const record_info record_kavo_defect_tlic_t;
 extern const record_info record_kavo_defect_dcsu_t;
 extern const record_info record_kavo_defect_device_summary_t;
+extern const record_info record_kavo_traffic_enet_t;
+extern const record_info record_kavo_enet_status_t;
+extern const record_info record_kavo_enet_vlan_cfg_t;
+extern const record_info record_kavo_enet_fec_deg_ser_cfg_t;
+extern const record_info record_kavo_enet_fec_err_cfg_t;
+extern const record_info record_kavo_enet_tx_am_sf_cfg_t;
+extern const record_info record_kavo_enet_alarm_cfg_t;
+extern const record_info record_kavo_enet_ca_enable_get_t;
+extern const record_info record_kavo_enet_alarm_mask_get_t;
+extern const record_info record_kavo_enet_alarm_force_get_t;
+extern const record_info record_kavo_enet_alarm_cfg_get_t;
+extern const record_info record_kavo_enet_cfg_get_t;
+extern const record_info record_kavo_enet_anlt_chnl_cfg_t;
+extern const record_info record_kavo_enet_anlt_chnl_ts_t;
+extern const record_info record_kavo_enet_anlt_chnl_status_t;
 extern const record_info record_kavo_flexe_phy_info_t;
 extern const record_info record_kavo_flexe_phy_t;
 extern const record_info record_kavo_flexe_group_info_t;
@@ -309,6 +365,19 @@ const member_info members_kavo_chnl_info_t[] = {
     {"info", offsetof(kavo_chnl_info_t, info), sizeof(((kavo_chnl_info_t*)nullptr)->info) / 48, 48, 1, value_kind::ENUM, &enum_kavo_segment_type_t, nullptr, false},
 };
 const record_info record_kavo_chnl_info_t = {"kavo_chnl_info_t", sizeof(kavo_chnl_info_t), false, members_kavo_chnl_info_t, sizeof(members_kavo_chnl_info_t) / sizeof(members_kavo_chnl_info_t[0]), [](void* p) { kavo_chnl_info_t_init((kavo_chnl_info_t*)p); }, [](const void* p, FILE* f) { kavo_chnl_info_t_print((const kavo_chnl_info_t*)p, f); }};
+const member_info members_kavo_flow_control_cfg_t[] = {
+    {"mode", offsetof(kavo_flow_control_cfg_t, mode), sizeof(((kavo_flow_control_cfg_t*)nullptr)->mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_flow_control_mode_t, nullptr, false},
+    {"frame_type", offsetof(kavo_flow_control_cfg_t, frame_type), sizeof(((kavo_flow_control_cfg_t*)nullptr)->frame_type) / 1, 1, 1, value_kind::ENUM, &enum_kavo_flow_control_frame_t, nullptr, false},
+    {"pfc_mask", offsetof(kavo_flow_control_cfg_t, pfc_mask), sizeof(((kavo_flow_control_cfg_t*)nullptr)->pfc_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"buffer_mgmt", offsetof(kavo_flow_control_cfg_t, buffer_mgmt), sizeof(((kavo_flow_control_cfg_t*)nullptr)->buffer_mgmt) / 1, 1, 1, value_kind::ENUM, &enum_kavo_flow_control_buffer_mgmt_t, nullptr, false},
+    {"pause_quanta", offsetof(kavo_flow_control_cfg_t, pause_quanta), sizeof(((kavo_flow_control_cfg_t*)nullptr)->pause_quanta) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"refresh_quanta", offsetof(kavo_flow_control_cfg_t, refresh_quanta), sizeof(((kavo_flow_control_cfg_t*)nullptr)->refresh_quanta) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"xoff_threshold", offsetof(kavo_flow_control_cfg_t, xoff_threshold), sizeof(((kavo_flow_control_cfg_t*)nullptr)->xoff_threshold) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"xon_threshold", offsetof(kavo_flow_control_cfg_t, xon_threshold), sizeof(((kavo_flow_control_cfg_t*)nullptr)->xon_threshold) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pfc_quanta", offsetof(kavo_flow_control_cfg_t, pfc_quanta), sizeof(((kavo_flow_control_cfg_t*)nullptr)->pfc_quanta) / 8, 8, 1, value_kind::U16, nullptr, nullptr, false},
+    {"reserved", offsetof(kavo_flow_control_cfg_t, reserved), sizeof(((kavo_flow_control_cfg_t*)nullptr)->reserved) / 2, 2, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_flow_control_cfg_t = {"kavo_flow_control_cfg_t", sizeof(kavo_flow_control_cfg_t), false, members_kavo_flow_control_cfg_t, sizeof(members_kavo_flow_control_cfg_t) / sizeof(members_kavo_flow_control_cfg_t[0]), [](void* p) { kavo_flow_control_cfg_t_init((kavo_flow_control_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_flow_control_cfg_t_print((const kavo_flow_control_cfg_t*)p, f); }};
 const member_info members_kavo_dcsu_cfg_get_t[] = {
     {"iddq_mode", offsetof(kavo_dcsu_cfg_get_t, iddq_mode), sizeof(((kavo_dcsu_cfg_get_t*)nullptr)->iddq_mode) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
     {"dcsu_reset", offsetof(kavo_dcsu_cfg_get_t, dcsu_reset), sizeof(((kavo_dcsu_cfg_get_t*)nullptr)->dcsu_reset) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
@@ -755,6 +824,152 @@ const member_info members_kavo_defect_device_summary_t[] = {
     {"anlt", offsetof(kavo_defect_device_summary_t, anlt), sizeof(((kavo_defect_device_summary_t*)nullptr)->anlt) / 48, 48, 1, value_kind::RECORD, nullptr, &record_kavo_defect_summary_ive_valid_t, false},
 };
 const record_info record_kavo_defect_device_summary_t = {"kavo_defect_device_summary_t", sizeof(kavo_defect_device_summary_t), false, members_kavo_defect_device_summary_t, sizeof(members_kavo_defect_device_summary_t) / sizeof(members_kavo_defect_device_summary_t[0]), [](void* p) { kavo_defect_device_summary_t_init((kavo_defect_device_summary_t*)p); }, [](const void* p, FILE*) { kavo_defect_device_summary_t_print((const kavo_defect_device_summary_t*)p, KAVO_DEFECT_PRINT_FILTER_ALL); }};
+const member_info members_kavo_traffic_enet_t[] = {
+    {"enet_chnl_id", offsetof(kavo_traffic_enet_t, enet_chnl_id), sizeof(((kavo_traffic_enet_t*)nullptr)->enet_chnl_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"enet_phy_id", offsetof(kavo_traffic_enet_t, enet_phy_id), sizeof(((kavo_traffic_enet_t*)nullptr)->enet_phy_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"serdes_port_id", offsetof(kavo_traffic_enet_t, serdes_port_id), sizeof(((kavo_traffic_enet_t*)nullptr)->serdes_port_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pin_mode", offsetof(kavo_traffic_enet_t, pin_mode), sizeof(((kavo_traffic_enet_t*)nullptr)->pin_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_pin_mode_t, nullptr, false},
+    {"mode", offsetof(kavo_traffic_enet_t, mode), sizeof(((kavo_traffic_enet_t*)nullptr)->mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_port_mode_t, nullptr, false},
+    {"prov_mode", offsetof(kavo_traffic_enet_t, prov_mode), sizeof(((kavo_traffic_enet_t*)nullptr)->prov_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_prov_mode_t, nullptr, false},
+    {"fec", offsetof(kavo_traffic_enet_t, fec), sizeof(((kavo_traffic_enet_t*)nullptr)->fec) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_fec_mode_t, nullptr, false},
+    {"use_custom_serdes_lanes", offsetof(kavo_traffic_enet_t, use_custom_serdes_lanes), sizeof(((kavo_traffic_enet_t*)nullptr)->use_custom_serdes_lanes) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"serdes_lanes", offsetof(kavo_traffic_enet_t, serdes_lanes), sizeof(((kavo_traffic_enet_t*)nullptr)->serdes_lanes) / 8, 8, 1, value_kind::U32, nullptr, nullptr, false},
+    {"tx_timing_mode", offsetof(kavo_traffic_enet_t, tx_timing_mode), sizeof(((kavo_traffic_enet_t*)nullptr)->tx_timing_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_tx_timing_mode_t, nullptr, false},
+    {"alarm_mode", offsetof(kavo_traffic_enet_t, alarm_mode), sizeof(((kavo_traffic_enet_t*)nullptr)->alarm_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_mode_t, nullptr, false},
+    {"reserved", offsetof(kavo_traffic_enet_t, reserved), sizeof(((kavo_traffic_enet_t*)nullptr)->reserved) / 4, 4, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_traffic_enet_t = {"kavo_traffic_enet_t", sizeof(kavo_traffic_enet_t), false, members_kavo_traffic_enet_t, sizeof(members_kavo_traffic_enet_t) / sizeof(members_kavo_traffic_enet_t[0]), [](void* p) { kavo_traffic_enet_t_init((kavo_traffic_enet_t*)p); }, [](const void* p, FILE* f) { kavo_traffic_enet_t_print((const kavo_traffic_enet_t*)p, f); }};
+const member_info members_kavo_enet_status_t[] = {
+    {"link_up", offsetof(kavo_enet_status_t, link_up), sizeof(((kavo_enet_status_t*)nullptr)->link_up) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"pcs_block_lock", offsetof(kavo_enet_status_t, pcs_block_lock), sizeof(((kavo_enet_status_t*)nullptr)->pcs_block_lock) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+    {"pcs_align_lock", offsetof(kavo_enet_status_t, pcs_align_lock), sizeof(((kavo_enet_status_t*)nullptr)->pcs_align_lock) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+    {"fec_align_lock", offsetof(kavo_enet_status_t, fec_align_lock), sizeof(((kavo_enet_status_t*)nullptr)->fec_align_lock) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+    {"hi_ber", offsetof(kavo_enet_status_t, hi_ber), sizeof(((kavo_enet_status_t*)nullptr)->hi_ber) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+    {"local_fault", offsetof(kavo_enet_status_t, local_fault), sizeof(((kavo_enet_status_t*)nullptr)->local_fault) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+    {"remote_fault", offsetof(kavo_enet_status_t, remote_fault), sizeof(((kavo_enet_status_t*)nullptr)->remote_fault) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+    {"los", offsetof(kavo_enet_status_t, los), sizeof(((kavo_enet_status_t*)nullptr)->los) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+    {"training", offsetof(kavo_enet_status_t, training), sizeof(((kavo_enet_status_t*)nullptr)->training) / 1, 1, 1, value_kind::U8, nullptr, nullptr, false},
+    {"signal_mask", offsetof(kavo_enet_status_t, signal_mask), sizeof(((kavo_enet_status_t*)nullptr)->signal_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_enet_status_t = {"kavo_enet_status_t", sizeof(kavo_enet_status_t), false, members_kavo_enet_status_t, sizeof(members_kavo_enet_status_t) / sizeof(members_kavo_enet_status_t[0]), [](void* p) { kavo_enet_status_t_init((kavo_enet_status_t*)p); }, [](const void* p, FILE* f) { kavo_enet_status_t_print((const kavo_enet_status_t*)p, f); }};
+const member_info members_kavo_enet_vlan_cfg_t[] = {
+    {"vlan_tag_num", offsetof(kavo_enet_vlan_cfg_t, vlan_tag_num), sizeof(((kavo_enet_vlan_cfg_t*)nullptr)->vlan_tag_num) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"outer_tpid", offsetof(kavo_enet_vlan_cfg_t, outer_tpid), sizeof(((kavo_enet_vlan_cfg_t*)nullptr)->outer_tpid) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"inner_tpid", offsetof(kavo_enet_vlan_cfg_t, inner_tpid), sizeof(((kavo_enet_vlan_cfg_t*)nullptr)->inner_tpid) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"tag_extends_mru", offsetof(kavo_enet_vlan_cfg_t, tag_extends_mru), sizeof(((kavo_enet_vlan_cfg_t*)nullptr)->tag_extends_mru) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_enet_vlan_cfg_t = {"kavo_enet_vlan_cfg_t", sizeof(kavo_enet_vlan_cfg_t), false, members_kavo_enet_vlan_cfg_t, sizeof(members_kavo_enet_vlan_cfg_t) / sizeof(members_kavo_enet_vlan_cfg_t[0]), [](void* p) { kavo_enet_vlan_cfg_t_init((kavo_enet_vlan_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_enet_vlan_cfg_t_print((const kavo_enet_vlan_cfg_t*)p, f); }};
+const member_info members_kavo_enet_fec_deg_ser_cfg_t[] = {
+    {"enable", offsetof(kavo_enet_fec_deg_ser_cfg_t, enable), sizeof(((kavo_enet_fec_deg_ser_cfg_t*)nullptr)->enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"activate_threshold", offsetof(kavo_enet_fec_deg_ser_cfg_t, activate_threshold), sizeof(((kavo_enet_fec_deg_ser_cfg_t*)nullptr)->activate_threshold) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"deactivate_threshold", offsetof(kavo_enet_fec_deg_ser_cfg_t, deactivate_threshold), sizeof(((kavo_enet_fec_deg_ser_cfg_t*)nullptr)->deactivate_threshold) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"interval_ms", offsetof(kavo_enet_fec_deg_ser_cfg_t, interval_ms), sizeof(((kavo_enet_fec_deg_ser_cfg_t*)nullptr)->interval_ms) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_enet_fec_deg_ser_cfg_t = {"kavo_enet_fec_deg_ser_cfg_t", sizeof(kavo_enet_fec_deg_ser_cfg_t), false, members_kavo_enet_fec_deg_ser_cfg_t, sizeof(members_kavo_enet_fec_deg_ser_cfg_t) / sizeof(members_kavo_enet_fec_deg_ser_cfg_t[0]), [](void* p) { kavo_enet_fec_deg_ser_cfg_t_init((kavo_enet_fec_deg_ser_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_enet_fec_deg_ser_cfg_t_print((const kavo_enet_fec_deg_ser_cfg_t*)p, f); }};
+const member_info members_kavo_enet_fec_err_cfg_t[] = {
+    {"bypass_correction", offsetof(kavo_enet_fec_err_cfg_t, bypass_correction), sizeof(((kavo_enet_fec_err_cfg_t*)nullptr)->bypass_correction) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"bypass_indication", offsetof(kavo_enet_fec_err_cfg_t, bypass_indication), sizeof(((kavo_enet_fec_err_cfg_t*)nullptr)->bypass_indication) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"mark_ser_errors", offsetof(kavo_enet_fec_err_cfg_t, mark_ser_errors), sizeof(((kavo_enet_fec_err_cfg_t*)nullptr)->mark_ser_errors) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_enet_fec_err_cfg_t = {"kavo_enet_fec_err_cfg_t", sizeof(kavo_enet_fec_err_cfg_t), false, members_kavo_enet_fec_err_cfg_t, sizeof(members_kavo_enet_fec_err_cfg_t) / sizeof(members_kavo_enet_fec_err_cfg_t[0]), [](void* p) { kavo_enet_fec_err_cfg_t_init((kavo_enet_fec_err_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_enet_fec_err_cfg_t_print((const kavo_enet_fec_err_cfg_t*)p, f); }};
+const member_info members_kavo_enet_tx_am_sf_cfg_t[] = {
+    {"alarm_mode", offsetof(kavo_enet_tx_am_sf_cfg_t, alarm_mode), sizeof(((kavo_enet_tx_am_sf_cfg_t*)nullptr)->alarm_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_mode_t, nullptr, false},
+    {"tx_am_sf_value", offsetof(kavo_enet_tx_am_sf_cfg_t, tx_am_sf_value), sizeof(((kavo_enet_tx_am_sf_cfg_t*)nullptr)->tx_am_sf_value) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_enet_tx_am_sf_cfg_t = {"kavo_enet_tx_am_sf_cfg_t", sizeof(kavo_enet_tx_am_sf_cfg_t), false, members_kavo_enet_tx_am_sf_cfg_t, sizeof(members_kavo_enet_tx_am_sf_cfg_t) / sizeof(members_kavo_enet_tx_am_sf_cfg_t[0]), [](void* p) { kavo_enet_tx_am_sf_cfg_t_init((kavo_enet_tx_am_sf_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_enet_tx_am_sf_cfg_t_print((const kavo_enet_tx_am_sf_cfg_t*)p, f); }};
+const member_info members_kavo_enet_alarm_cfg_t[] = {
+    {"ca", offsetof(kavo_enet_alarm_cfg_t, ca), sizeof(((kavo_enet_alarm_cfg_t*)nullptr)->ca) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_ca_enable_t, nullptr, false},
+    {"force", offsetof(kavo_enet_alarm_cfg_t, force), sizeof(((kavo_enet_alarm_cfg_t*)nullptr)->force) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_force_t, nullptr, false},
+    {"defect_mask", offsetof(kavo_enet_alarm_cfg_t, defect_mask), sizeof(((kavo_enet_alarm_cfg_t*)nullptr)->defect_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"action", offsetof(kavo_enet_alarm_cfg_t, action), sizeof(((kavo_enet_alarm_cfg_t*)nullptr)->action) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_action_t, nullptr, false},
+};
+const record_info record_kavo_enet_alarm_cfg_t = {"kavo_enet_alarm_cfg_t", sizeof(kavo_enet_alarm_cfg_t), false, members_kavo_enet_alarm_cfg_t, sizeof(members_kavo_enet_alarm_cfg_t) / sizeof(members_kavo_enet_alarm_cfg_t[0]), [](void* p) { kavo_enet_alarm_cfg_t_init((kavo_enet_alarm_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_enet_alarm_cfg_t_print((const kavo_enet_alarm_cfg_t*)p, f); }};
+const member_info members_kavo_enet_ca_enable_get_t[] = {
+    {"enable", offsetof(kavo_enet_ca_enable_get_t, enable), sizeof(((kavo_enet_ca_enable_get_t*)nullptr)->enable) / 3, 3, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_enet_ca_enable_get_t = {"kavo_enet_ca_enable_get_t", sizeof(kavo_enet_ca_enable_get_t), false, members_kavo_enet_ca_enable_get_t, sizeof(members_kavo_enet_ca_enable_get_t) / sizeof(members_kavo_enet_ca_enable_get_t[0]), [](void* p) { kavo_enet_ca_enable_get_t_init((kavo_enet_ca_enable_get_t*)p); }, [](const void* p, FILE* f) { kavo_enet_ca_enable_get_t_print((const kavo_enet_ca_enable_get_t*)p, f); }};
+const member_info members_kavo_enet_alarm_mask_get_t[] = {
+    {"defect_mask", offsetof(kavo_enet_alarm_mask_get_t, defect_mask), sizeof(((kavo_enet_alarm_mask_get_t*)nullptr)->defect_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"action", offsetof(kavo_enet_alarm_mask_get_t, action), sizeof(((kavo_enet_alarm_mask_get_t*)nullptr)->action) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_action_t, nullptr, false},
+    {"nominal_mask", offsetof(kavo_enet_alarm_mask_get_t, nominal_mask), sizeof(((kavo_enet_alarm_mask_get_t*)nullptr)->nominal_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_enet_alarm_mask_get_t = {"kavo_enet_alarm_mask_get_t", sizeof(kavo_enet_alarm_mask_get_t), false, members_kavo_enet_alarm_mask_get_t, sizeof(members_kavo_enet_alarm_mask_get_t) / sizeof(members_kavo_enet_alarm_mask_get_t[0]), [](void* p) { kavo_enet_alarm_mask_get_t_init((kavo_enet_alarm_mask_get_t*)p); }, [](const void* p, FILE* f) { kavo_enet_alarm_mask_get_t_print((const kavo_enet_alarm_mask_get_t*)p, f); }};
+const member_info members_kavo_enet_alarm_force_get_t[] = {
+    {"force", offsetof(kavo_enet_alarm_force_get_t, force), sizeof(((kavo_enet_alarm_force_get_t*)nullptr)->force) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_force_t, nullptr, false},
+    {"action", offsetof(kavo_enet_alarm_force_get_t, action), sizeof(((kavo_enet_alarm_force_get_t*)nullptr)->action) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_action_t, nullptr, false},
+};
+const record_info record_kavo_enet_alarm_force_get_t = {"kavo_enet_alarm_force_get_t", sizeof(kavo_enet_alarm_force_get_t), false, members_kavo_enet_alarm_force_get_t, sizeof(members_kavo_enet_alarm_force_get_t) / sizeof(members_kavo_enet_alarm_force_get_t[0]), [](void* p) { kavo_enet_alarm_force_get_t_init((kavo_enet_alarm_force_get_t*)p); }, [](const void* p, FILE* f) { kavo_enet_alarm_force_get_t_print((const kavo_enet_alarm_force_get_t*)p, f); }};
+const member_info members_kavo_enet_alarm_cfg_get_t[] = {
+    {"alarm_mode", offsetof(kavo_enet_alarm_cfg_get_t, alarm_mode), sizeof(((kavo_enet_alarm_cfg_get_t*)nullptr)->alarm_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_mode_t, nullptr, false},
+    {"ca_enable", offsetof(kavo_enet_alarm_cfg_get_t, ca_enable), sizeof(((kavo_enet_alarm_cfg_get_t*)nullptr)->ca_enable) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_enet_ca_enable_get_t, false},
+    {"mask", offsetof(kavo_enet_alarm_cfg_get_t, mask), sizeof(((kavo_enet_alarm_cfg_get_t*)nullptr)->mask) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_enet_alarm_mask_get_t, false},
+    {"force", offsetof(kavo_enet_alarm_cfg_get_t, force), sizeof(((kavo_enet_alarm_cfg_get_t*)nullptr)->force) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_enet_alarm_force_get_t, false},
+    {"dp_nominal_force", offsetof(kavo_enet_alarm_cfg_get_t, dp_nominal_force), sizeof(((kavo_enet_alarm_cfg_get_t*)nullptr)->dp_nominal_force) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"active_defects", offsetof(kavo_enet_alarm_cfg_get_t, active_defects), sizeof(((kavo_enet_alarm_cfg_get_t*)nullptr)->active_defects) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_enet_alarm_cfg_get_t = {"kavo_enet_alarm_cfg_get_t", sizeof(kavo_enet_alarm_cfg_get_t), false, members_kavo_enet_alarm_cfg_get_t, sizeof(members_kavo_enet_alarm_cfg_get_t) / sizeof(members_kavo_enet_alarm_cfg_get_t[0]), [](void* p) { kavo_enet_alarm_cfg_get_t_init((kavo_enet_alarm_cfg_get_t*)p); }, [](const void* p, FILE* f) { kavo_enet_alarm_cfg_get_t_print((const kavo_enet_alarm_cfg_get_t*)p, f); }};
+const member_info members_kavo_enet_cfg_get_t[] = {
+    {"mode", offsetof(kavo_enet_cfg_get_t, mode), sizeof(((kavo_enet_cfg_get_t*)nullptr)->mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_port_mode_t, nullptr, false},
+    {"prov_mode", offsetof(kavo_enet_cfg_get_t, prov_mode), sizeof(((kavo_enet_cfg_get_t*)nullptr)->prov_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_prov_mode_t, nullptr, false},
+    {"pin_mode", offsetof(kavo_enet_cfg_get_t, pin_mode), sizeof(((kavo_enet_cfg_get_t*)nullptr)->pin_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_serdes_pin_mode_t, nullptr, false},
+    {"fec_mode", offsetof(kavo_enet_cfg_get_t, fec_mode), sizeof(((kavo_enet_cfg_get_t*)nullptr)->fec_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_fec_mode_t, nullptr, false},
+    {"num_serdes_lanes", offsetof(kavo_enet_cfg_get_t, num_serdes_lanes), sizeof(((kavo_enet_cfg_get_t*)nullptr)->num_serdes_lanes) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"serdes_lanes", offsetof(kavo_enet_cfg_get_t, serdes_lanes), sizeof(((kavo_enet_cfg_get_t*)nullptr)->serdes_lanes) / 8, 8, 1, value_kind::U32, nullptr, nullptr, false},
+    {"mru", offsetof(kavo_enet_cfg_get_t, mru), sizeof(((kavo_enet_cfg_get_t*)nullptr)->mru) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"mtu", offsetof(kavo_enet_cfg_get_t, mtu), sizeof(((kavo_enet_cfg_get_t*)nullptr)->mtu) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"ipg", offsetof(kavo_enet_cfg_get_t, ipg), sizeof(((kavo_enet_cfg_get_t*)nullptr)->ipg) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"inband_fcs", offsetof(kavo_enet_cfg_get_t, inband_fcs), sizeof(((kavo_enet_cfg_get_t*)nullptr)->inband_fcs) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"err_relay_mask", offsetof(kavo_enet_cfg_get_t, err_relay_mask), sizeof(((kavo_enet_cfg_get_t*)nullptr)->err_relay_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"vlan", offsetof(kavo_enet_cfg_get_t, vlan), sizeof(((kavo_enet_cfg_get_t*)nullptr)->vlan) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_enet_vlan_cfg_t, false},
+    {"tx_timing_mode", offsetof(kavo_enet_cfg_get_t, tx_timing_mode), sizeof(((kavo_enet_cfg_get_t*)nullptr)->tx_timing_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_tx_timing_mode_t, nullptr, false},
+    {"alarm_mode", offsetof(kavo_enet_cfg_get_t, alarm_mode), sizeof(((kavo_enet_cfg_get_t*)nullptr)->alarm_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_alarm_mode_t, nullptr, false},
+    {"am_relay_mode", offsetof(kavo_enet_cfg_get_t, am_relay_mode), sizeof(((kavo_enet_cfg_get_t*)nullptr)->am_relay_mode) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"idle_gen_level", offsetof(kavo_enet_cfg_get_t, idle_gen_level), sizeof(((kavo_enet_cfg_get_t*)nullptr)->idle_gen_level) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_scramble_idle_level_t, nullptr, false},
+    {"idle_gen_enable", offsetof(kavo_enet_cfg_get_t, idle_gen_enable), sizeof(((kavo_enet_cfg_get_t*)nullptr)->idle_gen_enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"idle_mon_level", offsetof(kavo_enet_cfg_get_t, idle_mon_level), sizeof(((kavo_enet_cfg_get_t*)nullptr)->idle_mon_level) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_scramble_idle_level_t, nullptr, false},
+    {"idle_mon_enable", offsetof(kavo_enet_cfg_get_t, idle_mon_enable), sizeof(((kavo_enet_cfg_get_t*)nullptr)->idle_mon_enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"idle_err_inj_level", offsetof(kavo_enet_cfg_get_t, idle_err_inj_level), sizeof(((kavo_enet_cfg_get_t*)nullptr)->idle_err_inj_level) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_scramble_idle_level_t, nullptr, false},
+    {"idle_err_inj_enable", offsetof(kavo_enet_cfg_get_t, idle_err_inj_enable), sizeof(((kavo_enet_cfg_get_t*)nullptr)->idle_err_inj_enable) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_deg_ser", offsetof(kavo_enet_cfg_get_t, fec_deg_ser), sizeof(((kavo_enet_cfg_get_t*)nullptr)->fec_deg_ser) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_enet_fec_deg_ser_cfg_t, false},
+    {"fec_err", offsetof(kavo_enet_cfg_get_t, fec_err), sizeof(((kavo_enet_cfg_get_t*)nullptr)->fec_err) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_enet_fec_err_cfg_t, false},
+    {"tx_am_sf", offsetof(kavo_enet_cfg_get_t, tx_am_sf), sizeof(((kavo_enet_cfg_get_t*)nullptr)->tx_am_sf) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_enet_tx_am_sf_cfg_t, false},
+    {"dp_nominal_force", offsetof(kavo_enet_cfg_get_t, dp_nominal_force), sizeof(((kavo_enet_cfg_get_t*)nullptr)->dp_nominal_force) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"phy_id", offsetof(kavo_enet_cfg_get_t, phy_id), sizeof(((kavo_enet_cfg_get_t*)nullptr)->phy_id) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"rpf_force_mask", offsetof(kavo_enet_cfg_get_t, rpf_force_mask), sizeof(((kavo_enet_cfg_get_t*)nullptr)->rpf_force_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"rdi_detect_mask", offsetof(kavo_enet_cfg_get_t, rdi_detect_mask), sizeof(((kavo_enet_cfg_get_t*)nullptr)->rdi_detect_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+};
+const record_info record_kavo_enet_cfg_get_t = {"kavo_enet_cfg_get_t", sizeof(kavo_enet_cfg_get_t), false, members_kavo_enet_cfg_get_t, sizeof(members_kavo_enet_cfg_get_t) / sizeof(members_kavo_enet_cfg_get_t[0]), [](void* p) { kavo_enet_cfg_get_t_init((kavo_enet_cfg_get_t*)p); }, [](const void* p, FILE* f) { kavo_enet_cfg_get_t_print((const kavo_enet_cfg_get_t*)p, f); }};
+const member_info members_kavo_enet_anlt_chnl_cfg_t[] = {
+    {"advertize_mask", offsetof(kavo_enet_anlt_chnl_cfg_t, advertize_mask), sizeof(((kavo_enet_anlt_chnl_cfg_t*)nullptr)->advertize_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"num_serdes_lanes", offsetof(kavo_enet_anlt_chnl_cfg_t, num_serdes_lanes), sizeof(((kavo_enet_anlt_chnl_cfg_t*)nullptr)->num_serdes_lanes) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"serdes_lanes", offsetof(kavo_enet_anlt_chnl_cfg_t, serdes_lanes), sizeof(((kavo_enet_anlt_chnl_cfg_t*)nullptr)->serdes_lanes) / 8, 8, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_ability", offsetof(kavo_enet_anlt_chnl_cfg_t, fec_ability), sizeof(((kavo_enet_anlt_chnl_cfg_t*)nullptr)->fec_ability) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_request_rs", offsetof(kavo_enet_anlt_chnl_cfg_t, fec_request_rs), sizeof(((kavo_enet_anlt_chnl_cfg_t*)nullptr)->fec_request_rs) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"fec_request_base_r", offsetof(kavo_enet_anlt_chnl_cfg_t, fec_request_base_r), sizeof(((kavo_enet_anlt_chnl_cfg_t*)nullptr)->fec_request_base_r) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lt_only", offsetof(kavo_enet_anlt_chnl_cfg_t, lt_only), sizeof(((kavo_enet_anlt_chnl_cfg_t*)nullptr)->lt_only) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"reserved", offsetof(kavo_enet_anlt_chnl_cfg_t, reserved), sizeof(((kavo_enet_anlt_chnl_cfg_t*)nullptr)->reserved) / 8, 8, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_enet_anlt_chnl_cfg_t = {"kavo_enet_anlt_chnl_cfg_t", sizeof(kavo_enet_anlt_chnl_cfg_t), false, members_kavo_enet_anlt_chnl_cfg_t, sizeof(members_kavo_enet_anlt_chnl_cfg_t) / sizeof(members_kavo_enet_anlt_chnl_cfg_t[0]), [](void* p) { kavo_enet_anlt_chnl_cfg_t_init((kavo_enet_anlt_chnl_cfg_t*)p); }, [](const void* p, FILE* f) { kavo_enet_anlt_chnl_cfg_t_print((const kavo_enet_anlt_chnl_cfg_t*)p, f); }};
+const member_info members_kavo_enet_anlt_chnl_ts_t[] = {
+    {"start_us", offsetof(kavo_enet_anlt_chnl_ts_t, start_us), sizeof(((kavo_enet_anlt_chnl_ts_t*)nullptr)->start_us) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"an_done_us", offsetof(kavo_enet_anlt_chnl_ts_t, an_done_us), sizeof(((kavo_enet_anlt_chnl_ts_t*)nullptr)->an_done_us) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lt_done_us", offsetof(kavo_enet_anlt_chnl_ts_t, lt_done_us), sizeof(((kavo_enet_anlt_chnl_ts_t*)nullptr)->lt_done_us) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"link_up_us", offsetof(kavo_enet_anlt_chnl_ts_t, link_up_us), sizeof(((kavo_enet_anlt_chnl_ts_t*)nullptr)->link_up_us) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lt_lane_done_us", offsetof(kavo_enet_anlt_chnl_ts_t, lt_lane_done_us), sizeof(((kavo_enet_anlt_chnl_ts_t*)nullptr)->lt_lane_done_us) / 8, 8, 1, value_kind::U32, nullptr, nullptr, false},
+};
+const record_info record_kavo_enet_anlt_chnl_ts_t = {"kavo_enet_anlt_chnl_ts_t", sizeof(kavo_enet_anlt_chnl_ts_t), false, members_kavo_enet_anlt_chnl_ts_t, sizeof(members_kavo_enet_anlt_chnl_ts_t) / sizeof(members_kavo_enet_anlt_chnl_ts_t[0]), [](void* p) { kavo_enet_anlt_chnl_ts_t_init((kavo_enet_anlt_chnl_ts_t*)p); }, [](const void* p, FILE* f) { kavo_enet_anlt_chnl_ts_t_print((const kavo_enet_anlt_chnl_ts_t*)p, f); }};
+const member_info members_kavo_enet_anlt_chnl_status_t[] = {
+    {"state", offsetof(kavo_enet_anlt_chnl_status_t, state), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->state) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_anlt_state_t, nullptr, false},
+    {"resolved", offsetof(kavo_enet_anlt_chnl_status_t, resolved), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->resolved) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_anlt_advertize_type_t, nullptr, false},
+    {"port_mode", offsetof(kavo_enet_anlt_chnl_status_t, port_mode), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->port_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_port_mode_t, nullptr, false},
+    {"fec_mode", offsetof(kavo_enet_anlt_chnl_status_t, fec_mode), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->fec_mode) / 1, 1, 1, value_kind::ENUM, &enum_kavo_enet_fec_mode_t, nullptr, false},
+    {"partner_advertize_mask", offsetof(kavo_enet_anlt_chnl_status_t, partner_advertize_mask), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->partner_advertize_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"restart_count", offsetof(kavo_enet_anlt_chnl_status_t, restart_count), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->restart_count) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"link_up", offsetof(kavo_enet_anlt_chnl_status_t, link_up), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->link_up) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
+    {"lt_done_mask", offsetof(kavo_enet_anlt_chnl_status_t, lt_done_mask), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->lt_done_mask) / 1, 1, 1, value_kind::U32, nullptr, nullptr, true},
+    {"ts", offsetof(kavo_enet_anlt_chnl_status_t, ts), sizeof(((kavo_enet_anlt_chnl_status_t*)nullptr)->ts) / 1, 1, 1, value_kind::RECORD, nullptr, &record_kavo_enet_anlt_chnl_ts_t, false},
+};
+const record_info record_kavo_enet_anlt_chnl_status_t = {"kavo_enet_anlt_chnl_status_t", sizeof(kavo_enet_anlt_chnl_status_t), false, members_kavo_enet_anlt_chnl_status_t, sizeof(members_kavo_enet_anlt_chnl_status_t) / sizeof(members_kavo_enet_anlt_chnl_status_t[0]), [](void* p) { kavo_enet_anlt_chnl_status_t_init((kavo_enet_anlt_chnl_status_t*)p); }, [](const void* p, FILE* f) { kavo_enet_anlt_chnl_status_t_print((const kavo_enet_anlt_chnl_status_t*)p, f); }};
 const member_info members_kavo_flexe_phy_info_t[] = {
     {"flexe_phy_number", offsetof(kavo_flexe_phy_info_t, flexe_phy_number), sizeof(((kavo_flexe_phy_info_t*)nullptr)->flexe_phy_number) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
     {"num_unavailable_slots", offsetof(kavo_flexe_phy_info_t, num_unavailable_slots), sizeof(((kavo_flexe_phy_info_t*)nullptr)->num_unavailable_slots) / 1, 1, 1, value_kind::U32, nullptr, nullptr, false},
@@ -1647,6 +1862,64 @@ const arg_info args_kavo_fw_filename_get[] = {
     {"file_name", "char**", true, 2, value_kind::CHAR, sizeof(char), nullptr, nullptr},
 };
 VELT_ERROR call_kavo_fw_filename_get(void* const* a) { kavo_fw_filename_get((char**)a[0]); return VELT_SUCCESS; }
+const arg_info args_kavo_deprov[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"mode", "const kavo_deprov_t", false, 0, value_kind::ENUM, sizeof(kavo_deprov_t), &enum_kavo_deprov_t, nullptr},
+};
+VELT_ERROR call_kavo_deprov(void* const* a) { return kavo_deprov(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_deprov_t*)a[2]); }
+const arg_info args_kavo_connect[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"src_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"dst_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_connect(void* const* a) { return kavo_connect(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_disconnect[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"dst_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_disconnect(void* const* a) { return kavo_disconnect(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_bidirectional_connect[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"line_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_bidirectional_connect(void* const* a) { return kavo_bidirectional_connect(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_bidirectional_disconnect[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"line_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_bidirectional_disconnect(void* const* a) { return kavo_bidirectional_disconnect(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
+const arg_info args_kavo_connect_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rx_connect", "BOOL32*", true, 1, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+    {"tx_connect", "BOOL32*", true, 1, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_connect_get(void* const* a) { return kavo_connect_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (BOOL32*)a[2], (BOOL32*)a[3]); }
+const arg_info args_kavo_loopback_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"mode", "const kavo_loopback_t", false, 0, value_kind::ENUM, sizeof(kavo_loopback_t), &enum_kavo_loopback_t, nullptr},
+};
+VELT_ERROR call_kavo_loopback_set(void* const* a) { return kavo_loopback_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_loopback_t*)a[2]); }
+const arg_info args_kavo_loopback_status_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"mode", "kavo_loopback_t*", true, 1, value_kind::ENUM, sizeof(kavo_loopback_t), &enum_kavo_loopback_t, nullptr},
+};
+VELT_ERROR call_kavo_loopback_status_get(void* const* a) { return kavo_loopback_status_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_loopback_t*)a[2]); }
+const arg_info args_kavo_flow_control_cfg_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"cfg_ptr", "kavo_flow_control_cfg_t*", false, 1, value_kind::RECORD, sizeof(kavo_flow_control_cfg_t), nullptr, &record_kavo_flow_control_cfg_t},
+};
+VELT_ERROR call_kavo_flow_control_cfg_set(void* const* a) { return kavo_flow_control_cfg_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_flow_control_cfg_t*)a[2]); }
+const arg_info args_kavo_flow_control_cfg_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"cfg_ptr", "kavo_flow_control_cfg_t*", true, 1, value_kind::RECORD, sizeof(kavo_flow_control_cfg_t), nullptr, &record_kavo_flow_control_cfg_t},
+};
+VELT_ERROR call_kavo_flow_control_cfg_get(void* const* a) { return kavo_flow_control_cfg_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_flow_control_cfg_t*)a[2]); }
 const arg_info args_kavo_debug_ping[] = {
     {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
     {"data_size", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
@@ -1848,6 +2121,232 @@ VELT_ERROR call_kavo_defect_summary_get(void* const* a) { return kavo_defect_sum
 const arg_info args_kavo_defect_sizeof[] = {
     {"defect_type", "const kavo_defect_type_t", false, 0, value_kind::ENUM, sizeof(kavo_defect_type_t), &enum_kavo_defect_type_t, nullptr},
 };
+const arg_info args_kavo_enet_prov[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"phy_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_port_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"pin_mode", "const kavo_serdes_pin_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_pin_mode_t), &enum_kavo_serdes_pin_mode_t, nullptr},
+    {"mode", "const kavo_enet_port_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_port_mode_t), &enum_kavo_enet_port_mode_t, nullptr},
+    {"prov_mode", "const kavo_enet_prov_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_prov_mode_t), &enum_kavo_enet_prov_mode_t, nullptr},
+    {"fec_type", "const kavo_enet_fec_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_fec_mode_t), &enum_kavo_enet_fec_mode_t, nullptr},
+};
+VELT_ERROR call_kavo_enet_prov(void* const* a) { return kavo_enet_prov(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], *(const UINT32*)a[3], *(const kavo_serdes_pin_mode_t*)a[4], *(const kavo_enet_port_mode_t*)a[5], *(const kavo_enet_prov_mode_t*)a[6], *(const kavo_enet_fec_mode_t*)a[7]); }
+const arg_info args_kavo_enet_super_prov[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"phy_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"serdes_lanes", "const UINT32*", false, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"pin_mode", "const kavo_serdes_pin_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_serdes_pin_mode_t), &enum_kavo_serdes_pin_mode_t, nullptr},
+    {"mode", "const kavo_enet_port_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_port_mode_t), &enum_kavo_enet_port_mode_t, nullptr},
+    {"prov_mode", "const kavo_enet_prov_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_prov_mode_t), &enum_kavo_enet_prov_mode_t, nullptr},
+    {"fec_type", "const kavo_enet_fec_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_fec_mode_t), &enum_kavo_enet_fec_mode_t, nullptr},
+};
+VELT_ERROR call_kavo_enet_super_prov(void* const* a) { return kavo_enet_super_prov(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], (const UINT32*)a[3], *(const kavo_serdes_pin_mode_t*)a[4], *(const kavo_enet_port_mode_t*)a[5], *(const kavo_enet_prov_mode_t*)a[6], *(const kavo_enet_fec_mode_t*)a[7]); }
+const arg_info args_kavo_enet_status_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"status_ptr", "kavo_enet_status_t*", true, 1, value_kind::RECORD, sizeof(kavo_enet_status_t), nullptr, &record_kavo_enet_status_t},
+};
+VELT_ERROR call_kavo_enet_status_get(void* const* a) { return kavo_enet_status_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_enet_status_t*)a[2]); }
+const arg_info args_kavo_enet_anlt_prov[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"phy_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"prov_mode", "const kavo_enet_prov_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_prov_mode_t), &enum_kavo_enet_prov_mode_t, nullptr},
+    {"anlt_cfg", "kavo_enet_anlt_chnl_cfg_t*", false, 1, value_kind::RECORD, sizeof(kavo_enet_anlt_chnl_cfg_t), nullptr, &record_kavo_enet_anlt_chnl_cfg_t},
+};
+VELT_ERROR call_kavo_enet_anlt_prov(void* const* a) { return kavo_enet_anlt_prov(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], *(const kavo_enet_prov_mode_t*)a[3], (kavo_enet_anlt_chnl_cfg_t*)a[4]); }
+const arg_info args_kavo_enet_anlt_status_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"status_ptr", "kavo_enet_anlt_chnl_status_t*", true, 1, value_kind::RECORD, sizeof(kavo_enet_anlt_chnl_status_t), nullptr, &record_kavo_enet_anlt_chnl_status_t},
+};
+VELT_ERROR call_kavo_enet_anlt_status_get(void* const* a) { return kavo_enet_anlt_status_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_enet_anlt_chnl_status_t*)a[2]); }
+const arg_info args_kavo_enet_tx_timing_mode_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"mode", "const kavo_enet_tx_timing_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_tx_timing_mode_t), &enum_kavo_enet_tx_timing_mode_t, nullptr},
+};
+VELT_ERROR call_kavo_enet_tx_timing_mode_set(void* const* a) { return kavo_enet_tx_timing_mode_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_tx_timing_mode_t*)a[2]); }
+const arg_info args_kavo_enet_alarm_mode_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"mode", "const kavo_enet_alarm_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_alarm_mode_t), &enum_kavo_enet_alarm_mode_t, nullptr},
+};
+VELT_ERROR call_kavo_enet_alarm_mode_set(void* const* a) { return kavo_enet_alarm_mode_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_alarm_mode_t*)a[2]); }
+const arg_info args_kavo_enet_pcs_am_relay_mode_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"am_relay_mode", "const BOOL8", false, 0, value_kind::U8, sizeof(BOOL8), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_pcs_am_relay_mode_enable(void* const* a) { return kavo_enet_pcs_am_relay_mode_enable(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL8*)a[2]); }
+const arg_info args_kavo_enet_cfg_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"cfg_ptr", "kavo_enet_cfg_get_t*", true, 1, value_kind::RECORD, sizeof(kavo_enet_cfg_get_t), nullptr, &record_kavo_enet_cfg_get_t},
+};
+VELT_ERROR call_kavo_enet_cfg_get(void* const* a) { return kavo_enet_cfg_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_enet_cfg_get_t*)a[2]); }
+const arg_info args_kavo_enet_mru_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"max_length", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_mru_set(void* const* a) { return kavo_enet_mru_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_enet_mtu_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"max_length", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_mtu_set(void* const* a) { return kavo_enet_mtu_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_enet_ipg_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"inter_packet_gap", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_ipg_set(void* const* a) { return kavo_enet_ipg_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_enet_ilkn_inband_fcs_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL8", false, 0, value_kind::U8, sizeof(BOOL8), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_ilkn_inband_fcs_set(void* const* a) { return kavo_enet_ilkn_inband_fcs_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL8*)a[2]); }
+const arg_info args_kavo_enet_vlan_cfg_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"vlan_cfg", "kavo_enet_vlan_cfg_t*", false, 1, value_kind::RECORD, sizeof(kavo_enet_vlan_cfg_t), nullptr, &record_kavo_enet_vlan_cfg_t},
+};
+VELT_ERROR call_kavo_enet_vlan_cfg_set(void* const* a) { return kavo_enet_vlan_cfg_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_enet_vlan_cfg_t*)a[2]); }
+const arg_info args_kavo_enet_err_relay_msk_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"err_msk", "UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_err_relay_msk_set(void* const* a) { return kavo_enet_err_relay_msk_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_enet_fec_mode_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"fec_mode", "const kavo_enet_fec_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_fec_mode_t), &enum_kavo_enet_fec_mode_t, nullptr},
+};
+VELT_ERROR call_kavo_enet_fec_mode_set(void* const* a) { return kavo_enet_fec_mode_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_fec_mode_t*)a[2]); }
+const arg_info args_kavo_enet_scrambled_idle_gen_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"scramble_idle_level", "const kavo_enet_scramble_idle_level_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_scramble_idle_level_t), &enum_kavo_enet_scramble_idle_level_t, nullptr},
+    {"enable", "const BOOL8", false, 0, value_kind::U8, sizeof(BOOL8), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_scrambled_idle_gen_set(void* const* a) { return kavo_enet_scrambled_idle_gen_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_scramble_idle_level_t*)a[2], *(const BOOL8*)a[3]); }
+const arg_info args_kavo_enet_scrambled_idle_mon_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"scramble_idle_level", "const kavo_enet_scramble_idle_level_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_scramble_idle_level_t), &enum_kavo_enet_scramble_idle_level_t, nullptr},
+    {"enable", "const BOOL8", false, 0, value_kind::U8, sizeof(BOOL8), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_scrambled_idle_mon_set(void* const* a) { return kavo_enet_scrambled_idle_mon_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_scramble_idle_level_t*)a[2], *(const BOOL8*)a[3]); }
+const arg_info args_kavo_enet_err_inj_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"scramble_idle_level", "const kavo_enet_scramble_idle_level_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_scramble_idle_level_t), &enum_kavo_enet_scramble_idle_level_t, nullptr},
+    {"enable", "const BOOL8", false, 0, value_kind::U8, sizeof(BOOL8), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_err_inj_set(void* const* a) { return kavo_enet_err_inj_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_scramble_idle_level_t*)a[2], *(const BOOL8*)a[3]); }
+const arg_info args_kavo_enet_ca_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"ca", "const kavo_enet_ca_enable_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_ca_enable_t), &enum_kavo_enet_ca_enable_t, nullptr},
+    {"enable", "const BOOL32", false, 0, value_kind::U32, sizeof(BOOL32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_ca_enable(void* const* a) { return kavo_enet_ca_enable(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_ca_enable_t*)a[2], *(const BOOL32*)a[3]); }
+const arg_info args_kavo_enet_ca_mask_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"defect_mask", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"action", "const kavo_enet_alarm_action_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_alarm_action_t), &enum_kavo_enet_alarm_action_t, nullptr},
+};
+VELT_ERROR call_kavo_enet_ca_mask_enable(void* const* a) { return kavo_enet_ca_mask_enable(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], *(const kavo_enet_alarm_action_t*)a[3]); }
+const arg_info args_kavo_enet_ca_force[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"force", "const kavo_enet_alarm_force_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_alarm_force_t), &enum_kavo_enet_alarm_force_t, nullptr},
+    {"action", "const kavo_enet_alarm_action_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_alarm_action_t), &enum_kavo_enet_alarm_action_t, nullptr},
+};
+VELT_ERROR call_kavo_enet_ca_force(void* const* a) { return kavo_enet_ca_force(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_alarm_force_t*)a[2], *(const kavo_enet_alarm_action_t*)a[3]); }
+const arg_info args_kavo_enet_nominal_mask_enable[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"defect_mask", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_nominal_mask_enable(void* const* a) { return kavo_enet_nominal_mask_enable(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2]); }
+const arg_info args_kavo_enet_aflexe_rpf_force[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"group_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"phy_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL8", false, 0, value_kind::U8, sizeof(BOOL8), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_aflexe_rpf_force(void* const* a) { return kavo_enet_aflexe_rpf_force(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], *(const BOOL8*)a[3]); }
+const arg_info args_kavo_enet_aflexe_rpf_force_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"group_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"phy_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_aflexe_rpf_force_get(void* const* a) { return kavo_enet_aflexe_rpf_force_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], (UINT32*)a[3]); }
+const arg_info args_kavo_enet_dflexe_rdi_detect_config[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"group_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"phy_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable_mask", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_dflexe_rdi_detect_config(void* const* a) { return kavo_enet_dflexe_rdi_detect_config(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_enet_dflexe_rdi_detect_config_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"group_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"phy_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable_mask", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_dflexe_rdi_detect_config_get(void* const* a) { return kavo_enet_dflexe_rdi_detect_config_get(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const UINT32*)a[2], (UINT32*)a[3]); }
+const arg_info args_kavo_enet_dp_nominal_force[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enable", "const BOOL8", false, 0, value_kind::U8, sizeof(BOOL8), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_dp_nominal_force(void* const* a) { return kavo_enet_dp_nominal_force(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const BOOL8*)a[2]); }
+const arg_info args_kavo_enet_fec_tx_am_sf_mode_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"alarm_mode", "const kavo_enet_alarm_mode_t", false, 0, value_kind::ENUM, sizeof(kavo_enet_alarm_mode_t), &enum_kavo_enet_alarm_mode_t, nullptr},
+    {"tx_am_sf_value", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_fec_tx_am_sf_mode_set(void* const* a) { return kavo_enet_fec_tx_am_sf_mode_set(*(const UINT32*)a[0], *(const UINT32*)a[1], *(const kavo_enet_alarm_mode_t*)a[2], *(const UINT32*)a[3]); }
+const arg_info args_kavo_enet_fec_deg_ser_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"enet_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"fec_deg_ser_cfg", "kavo_enet_fec_deg_ser_cfg_t*", false, 1, value_kind::RECORD, sizeof(kavo_enet_fec_deg_ser_cfg_t), nullptr, &record_kavo_enet_fec_deg_ser_cfg_t},
+};
+VELT_ERROR call_kavo_enet_fec_deg_ser_set(void* const* a) { return kavo_enet_fec_deg_ser_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_enet_fec_deg_ser_cfg_t*)a[2]); }
+const arg_info args_kavo_enet_fec_err_cfg_set[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"fec_cfg", "kavo_enet_fec_err_cfg_t*", false, 1, value_kind::RECORD, sizeof(kavo_enet_fec_err_cfg_t), nullptr, &record_kavo_enet_fec_err_cfg_t},
+};
+VELT_ERROR call_kavo_enet_fec_err_cfg_set(void* const* a) { return kavo_enet_fec_err_cfg_set(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_enet_fec_err_cfg_t*)a[2]); }
+const arg_info args_kavo_rs_alarm_cfg_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"ca", "kavo_enet_alarm_cfg_get_t*", true, 1, value_kind::RECORD, sizeof(kavo_enet_alarm_cfg_get_t), nullptr, &record_kavo_enet_alarm_cfg_get_t},
+};
+VELT_ERROR call_kavo_rs_alarm_cfg_get(void* const* a) { return kavo_rs_alarm_cfg_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (kavo_enet_alarm_cfg_get_t*)a[2]); }
+const arg_info args_kavo_enet_fec_rx_am_sf_status_get[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"rx_status", "UINT32*", true, 1, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_enet_fec_rx_am_sf_status_get(void* const* a) { return kavo_enet_fec_rx_am_sf_status_get(*(const UINT32*)a[0], *(const UINT32*)a[1], (UINT32*)a[2]); }
+const arg_info args_kavo_an_restart_trigger[] = {
+    {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+    {"chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
+};
+VELT_ERROR call_kavo_an_restart_trigger(void* const* a) { return kavo_an_restart_trigger(*(const UINT32*)a[0], *(const UINT32*)a[1]); }
 const arg_info args_kavo_flexe_group_prov[] = {
     {"device_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
     {"group_chnl_id", "const UINT32", false, 0, value_kind::U32, sizeof(UINT32), nullptr, nullptr},
@@ -2627,6 +3126,16 @@ const command_info COMMANDS[] = {
     {"kavo_dcsu_cfg_get", "config", "The configuration of one clock unit.", "VELT_ERROR kavo_dcsu_cfg_get(const UINT32 device_id, const kavo_dcsu_instance_t dcsu_inst, kavo_dcsu_cfg_get_t* cfg)", args_kavo_dcsu_cfg_get, 3, call_kavo_dcsu_cfg_get},
     {"kavo_fw_filename_set", "config", "The firmware image file for the next start; \"revx\" in the name becomes\n\"reva\" or \"revb\" by the chip's revision.", "VELT_ERROR kavo_fw_filename_set(const char* file_name)", args_kavo_fw_filename_set, 1, call_kavo_fw_filename_set},
     {"kavo_fw_filename_get", "config", "The firmware image file name in use (the library's copy).", "void kavo_fw_filename_get(char** file_name)", args_kavo_fw_filename_get, 1, call_kavo_fw_filename_get},
+    {"kavo_deprov", "datapath", "Deprovisions channel chnl_id and releases its SerDes lanes; a connected channel is refused with KAVO_DEPROV_SAFE and disconnected first with KAVO_DEPROV_FORCE.", "VELT_ERROR kavo_deprov(const UINT32 device_id, const UINT32 chnl_id, const kavo_deprov_t mode)", args_kavo_deprov, 3, call_kavo_deprov},
+    {"kavo_connect", "datapath", "Connects source channel src_chnl_id to destination channel dst_chnl_id: what src receives, dst transmits. A destination has one source.", "VELT_ERROR kavo_connect(const UINT32 device_id, const UINT32 src_chnl_id, const UINT32 dst_chnl_id)", args_kavo_connect, 3, call_kavo_connect},
+    {"kavo_disconnect", "datapath", "Removes the connection into destination channel dst_chnl_id.", "VELT_ERROR kavo_disconnect(const UINT32 device_id, const UINT32 dst_chnl_id)", args_kavo_disconnect, 2, call_kavo_disconnect},
+    {"kavo_bidirectional_connect", "datapath", "Adds the reverse of line_chnl_id's connection: the channel that line_chnl_id feeds now feeds line_chnl_id too.", "VELT_ERROR kavo_bidirectional_connect(const UINT32 device_id, const UINT32 line_chnl_id)", args_kavo_bidirectional_connect, 2, call_kavo_bidirectional_connect},
+    {"kavo_bidirectional_disconnect", "datapath", "Removes both directions between line_chnl_id and the channel it feeds.", "VELT_ERROR kavo_bidirectional_disconnect(const UINT32 device_id, const UINT32 line_chnl_id)", args_kavo_bidirectional_disconnect, 2, call_kavo_bidirectional_disconnect},
+    {"kavo_connect_get", "datapath", "Reports whether channel chnl_id's receive side feeds a destination (rx_connect) and whether its transmit side has a source (tx_connect).", "VELT_ERROR kavo_connect_get(const UINT32 device_id, const UINT32 chnl_id, BOOL32* rx_connect, BOOL32* tx_connect)", args_kavo_connect_get, 4, call_kavo_connect_get},
+    {"kavo_loopback_set", "datapath", "Sets the loopback of channel chnl_id; KAVO_LOOPBACK_NONE clears it, another loopback is refused while one is set.", "VELT_ERROR kavo_loopback_set(const UINT32 device_id, const UINT32 chnl_id, const kavo_loopback_t mode)", args_kavo_loopback_set, 3, call_kavo_loopback_set},
+    {"kavo_loopback_status_get", "datapath", "Reads the loopback of channel chnl_id.", "VELT_ERROR kavo_loopback_status_get(const UINT32 device_id, const UINT32 chnl_id, kavo_loopback_t* mode)", args_kavo_loopback_status_get, 3, call_kavo_loopback_status_get},
+    {"kavo_flow_control_cfg_set", "datapath", "Configures the flow control of channel chnl_id (an Ethernet MAC port or an Interlaken packet channel).", "VELT_ERROR kavo_flow_control_cfg_set(const UINT32 device_id, const UINT32 chnl_id, kavo_flow_control_cfg_t* cfg_ptr)", args_kavo_flow_control_cfg_set, 3, call_kavo_flow_control_cfg_set},
+    {"kavo_flow_control_cfg_get", "datapath", "Reads the flow control of channel chnl_id.", "VELT_ERROR kavo_flow_control_cfg_get(const UINT32 device_id, const UINT32 chnl_id, kavo_flow_control_cfg_t* cfg_ptr)", args_kavo_flow_control_cfg_get, 3, call_kavo_flow_control_cfg_get},
     {"kavo_debug_ping", "debug", "Echoes data_size bytes (a multiple of 4, at most 16344) through the firmware into resp_data_ptr.", "VELT_ERROR kavo_debug_ping(const UINT32 device_id, const UINT32 data_size, const UINT32* data_ptr, UINT32* resp_data_ptr)", args_kavo_debug_ping, 4, call_kavo_debug_ping},
     {"kavo_debug_cmd", "debug", "Runs a text command in the firmware's debug shell. With resp_data_ptr the\nreply text lands there (max_resp_data_size bytes); without, it is printed.", "VELT_ERROR kavo_debug_cmd(const UINT32 device_id, const char* cmd, UINT32 max_resp_data_size, char* resp_data_ptr)", args_kavo_debug_cmd, 4, call_kavo_debug_cmd},
     {"kavo_fw_log_dump", "debug", "Prints the firmware's console, statistics or debug logs to the log file.", "VELT_ERROR kavo_fw_log_dump(const UINT32 device_id, const kavo_fw_log_dump_t info)", args_kavo_fw_log_dump, 2, call_kavo_fw_log_dump},
@@ -2660,6 +3169,40 @@ const command_info COMMANDS[] = {
     {"kavo_tlic_defect_get", "defect", "Reads the defects of the chip's top level, then clears the latched i bits that clear_type names.", "VELT_ERROR kavo_tlic_defect_get(const UINT32 device_id, const kavo_defect_transfer_clear_t clear_type, kavo_defect_tlic_t* defect_ptr)", args_kavo_tlic_defect_get, 3, call_kavo_tlic_defect_get},
     {"kavo_defect_summary_get", "defect", "Reads the summary byte of every object of the chip.", "VELT_ERROR kavo_defect_summary_get(const UINT32 device_id, kavo_defect_device_summary_t* defect_ptr)", args_kavo_defect_summary_get, 2, call_kavo_defect_summary_get},
     {"kavo_defect_sizeof", "defect", "The size of a defect type's record; a type without one (5, 7, out of range) halts in the assertion.", "UINT32 kavo_defect_sizeof(const kavo_defect_type_t defect_type)", args_kavo_defect_sizeof, 1, nullptr},
+    {"kavo_enet_prov", "enet", "Provisions channel enet_chnl_id as an Ethernet port on the lanes from serdes_port_id up, as many as mode needs.", "VELT_ERROR kavo_enet_prov(const UINT32 device_id, const UINT32 enet_chnl_id, const UINT32 phy_id, const UINT32 serdes_port_id, const kavo_serdes_pin_mode_t pin_mode, const kavo_enet_port_mode_t mode, const kavo_enet_prov_mode_t prov_mode, const kavo_enet_fec_mode_t fec_type)", args_kavo_enet_prov, 8, call_kavo_enet_prov},
+    {"kavo_enet_super_prov", "enet", "Provisions channel enet_chnl_id as an Ethernet port on the lanes given: serdes_lanes holds KAVO_ENET_MAX_SERDES_LANES entries, the port's lanes first, the rest 0xFFFFFFFF.", "VELT_ERROR kavo_enet_super_prov(const UINT32 device_id, const UINT32 enet_chnl_id, const UINT32 phy_id, const UINT32* serdes_lanes, const kavo_serdes_pin_mode_t pin_mode, const kavo_enet_port_mode_t mode, const kavo_enet_prov_mode_t prov_mode, const kavo_enet_fec_mode_t fec_type)", args_kavo_enet_super_prov, 8, call_kavo_enet_super_prov},
+    {"kavo_enet_status_get", "enet", "Reads the receive state of Ethernet port enet_chnl_id: link, PCS lock and alignment, faults, signal per lane.", "VELT_ERROR kavo_enet_status_get(const UINT32 device_id, const UINT32 enet_chnl_id, kavo_enet_status_t* status_ptr)", args_kavo_enet_status_get, 3, call_kavo_enet_status_get},
+    {"kavo_enet_anlt_prov", "enet", "Provisions channel enet_chnl_id as an Ethernet port that auto-negotiates and trains its link on the lanes of anlt_cfg.", "VELT_ERROR kavo_enet_anlt_prov(const UINT32 device_id, const UINT32 enet_chnl_id, const UINT32 phy_id, const kavo_enet_prov_mode_t prov_mode, kavo_enet_anlt_chnl_cfg_t* anlt_cfg)", args_kavo_enet_anlt_prov, 5, call_kavo_enet_anlt_prov},
+    {"kavo_enet_anlt_status_get", "enet", "Reads where auto-negotiation and link training of port enet_chnl_id stand, with their time stamps.", "VELT_ERROR kavo_enet_anlt_status_get(const UINT32 device_id, const UINT32 enet_chnl_id, kavo_enet_anlt_chnl_status_t* status_ptr)", args_kavo_enet_anlt_status_get, 3, call_kavo_enet_anlt_status_get},
+    {"kavo_enet_tx_timing_mode_set", "enet", "Sets the transmit timing of port chnl_id (while it is not connected).", "VELT_ERROR kavo_enet_tx_timing_mode_set(const UINT32 device_id, const UINT32 chnl_id, const kavo_enet_tx_timing_mode_t mode)", args_kavo_enet_tx_timing_mode_set, 3, call_kavo_enet_tx_timing_mode_set},
+    {"kavo_enet_alarm_mode_set", "enet", "Sets whether port chnl_id terminates or relays link faults (while it is not connected).", "VELT_ERROR kavo_enet_alarm_mode_set(const UINT32 device_id, const UINT32 chnl_id, const kavo_enet_alarm_mode_t mode)", args_kavo_enet_alarm_mode_set, 3, call_kavo_enet_alarm_mode_set},
+    {"kavo_enet_pcs_am_relay_mode_enable", "enet", "Relays the alignment markers of PCS port chnl_id unchanged to its destination instead of regenerating them.", "VELT_ERROR kavo_enet_pcs_am_relay_mode_enable(const UINT32 device_id, const UINT32 chnl_id, const BOOL8 am_relay_mode)", args_kavo_enet_pcs_am_relay_mode_enable, 3, call_kavo_enet_pcs_am_relay_mode_enable},
+    {"kavo_enet_cfg_get", "enet", "Reads every setting of Ethernet port chnl_id.", "VELT_ERROR kavo_enet_cfg_get(const UINT32 device_id, const UINT32 chnl_id, kavo_enet_cfg_get_t* cfg_ptr)", args_kavo_enet_cfg_get, 3, call_kavo_enet_cfg_get},
+    {"kavo_enet_mru_set", "enet", "Sets the longest frame MAC port chnl_id accepts, in bytes (64..16000).", "VELT_ERROR kavo_enet_mru_set(const UINT32 device_id, const UINT32 chnl_id, const UINT32 max_length)", args_kavo_enet_mru_set, 3, call_kavo_enet_mru_set},
+    {"kavo_enet_mtu_set", "enet", "Sets the longest frame MAC port chnl_id transmits, in bytes (64..16000).", "VELT_ERROR kavo_enet_mtu_set(const UINT32 device_id, const UINT32 chnl_id, const UINT32 max_length)", args_kavo_enet_mtu_set, 3, call_kavo_enet_mtu_set},
+    {"kavo_enet_ipg_set", "enet", "Sets the average inter-packet gap MAC port chnl_id transmits, in bytes (a multiple of 4 from 8 to 32).", "VELT_ERROR kavo_enet_ipg_set(const UINT32 device_id, const UINT32 chnl_id, const UINT32 inter_packet_gap)", args_kavo_enet_ipg_set, 3, call_kavo_enet_ipg_set},
+    {"kavo_enet_ilkn_inband_fcs_set", "enet", "Keeps (enable) or strips the FCS of frames MAC port chnl_id passes to an Interlaken channel.", "VELT_ERROR kavo_enet_ilkn_inband_fcs_set(const UINT32 device_id, const UINT32 chnl_id, const BOOL8 enable)", args_kavo_enet_ilkn_inband_fcs_set, 3, call_kavo_enet_ilkn_inband_fcs_set},
+    {"kavo_enet_vlan_cfg_set", "enet", "Sets the VLAN tags MAC port chnl_id recognises.", "VELT_ERROR kavo_enet_vlan_cfg_set(const UINT32 device_id, const UINT32 chnl_id, kavo_enet_vlan_cfg_t* vlan_cfg)", args_kavo_enet_vlan_cfg_set, 3, call_kavo_enet_vlan_cfg_set},
+    {"kavo_enet_err_relay_msk_set", "enet", "Sets which receive errors (kavo_mac_rx_error_t bits) MAC port chnl_id relays to its destination.", "VELT_ERROR kavo_enet_err_relay_msk_set(const UINT32 device_id, const UINT32 chnl_id, UINT32 err_msk)", args_kavo_enet_err_relay_msk_set, 3, call_kavo_enet_err_relay_msk_set},
+    {"kavo_enet_fec_mode_set", "enet", "Changes the FEC of port chnl_id; the FEC must suit its lanes.", "VELT_ERROR kavo_enet_fec_mode_set(const UINT32 device_id, const UINT32 chnl_id, const kavo_enet_fec_mode_t fec_mode)", args_kavo_enet_fec_mode_set, 3, call_kavo_enet_fec_mode_set},
+    {"kavo_enet_scrambled_idle_gen_set", "enet", "Starts or stops the scrambled idle test pattern generator of port enet_chnl_id at the level given.", "VELT_ERROR kavo_enet_scrambled_idle_gen_set(const UINT32 device_id, const UINT32 enet_chnl_id, const kavo_enet_scramble_idle_level_t scramble_idle_level, const BOOL8 enable)", args_kavo_enet_scrambled_idle_gen_set, 4, call_kavo_enet_scrambled_idle_gen_set},
+    {"kavo_enet_scrambled_idle_mon_set", "enet", "Starts or stops the scrambled idle test pattern checker of port enet_chnl_id at the level given.", "VELT_ERROR kavo_enet_scrambled_idle_mon_set(const UINT32 device_id, const UINT32 enet_chnl_id, const kavo_enet_scramble_idle_level_t scramble_idle_level, const BOOL8 enable)", args_kavo_enet_scrambled_idle_mon_set, 4, call_kavo_enet_scrambled_idle_mon_set},
+    {"kavo_enet_err_inj_set", "enet", "Starts or stops error injection into the scrambled idle pattern port enet_chnl_id generates at the level given.", "VELT_ERROR kavo_enet_err_inj_set(const UINT32 device_id, const UINT32 enet_chnl_id, const kavo_enet_scramble_idle_level_t scramble_idle_level, const BOOL8 enable)", args_kavo_enet_err_inj_set, 4, call_kavo_enet_err_inj_set},
+    {"kavo_enet_ca_enable", "enet", "Enables or disables consequent action ca of port chnl_id.", "VELT_ERROR kavo_enet_ca_enable(const UINT32 device_id, const UINT32 chnl_id, const kavo_enet_ca_enable_t ca, const BOOL32 enable)", args_kavo_enet_ca_enable, 4, call_kavo_enet_ca_enable},
+    {"kavo_enet_ca_mask_enable", "enet", "Sets the receive defects (kavo_enet_alarm_mask_t bits) of port chnl_id that trigger action towards its destination.", "VELT_ERROR kavo_enet_ca_mask_enable(const UINT32 device_id, const UINT32 chnl_id, const UINT32 defect_mask, const kavo_enet_alarm_action_t action)", args_kavo_enet_ca_mask_enable, 4, call_kavo_enet_ca_mask_enable},
+    {"kavo_enet_ca_force", "enet", "Forces port chnl_id to send action in direction force; KAVO_ENET_ALARM_FORCE_OFF ends it.", "VELT_ERROR kavo_enet_ca_force(const UINT32 device_id, const UINT32 chnl_id, const kavo_enet_alarm_force_t force, const kavo_enet_alarm_action_t action)", args_kavo_enet_ca_force, 4, call_kavo_enet_ca_force},
+    {"kavo_enet_nominal_mask_enable", "enet", "Sets the receive defects (kavo_enet_alarm_mask_t bits) on which port chnl_id, timed through, falls back to nominal timing.", "VELT_ERROR kavo_enet_nominal_mask_enable(const UINT32 device_id, const UINT32 chnl_id, const UINT32 defect_mask)", args_kavo_enet_nominal_mask_enable, 3, call_kavo_enet_nominal_mask_enable},
+    {"kavo_enet_aflexe_rpf_force", "enet", "Forces (or stops forcing) remote PHY fault on FlexE PHY phy_id of the FlexE PHY port group_chnl_id.", "VELT_ERROR kavo_enet_aflexe_rpf_force(const UINT32 device_id, const UINT32 group_chnl_id, const UINT32 phy_id, const BOOL8 enable)", args_kavo_enet_aflexe_rpf_force, 4, call_kavo_enet_aflexe_rpf_force},
+    {"kavo_enet_aflexe_rpf_force_get", "enet", "Reads whether remote PHY fault is forced on FlexE PHY phy_id of port group_chnl_id.", "VELT_ERROR kavo_enet_aflexe_rpf_force_get(const UINT32 device_id, const UINT32 group_chnl_id, const UINT32 phy_id, UINT32* enable)", args_kavo_enet_aflexe_rpf_force_get, 4, call_kavo_enet_aflexe_rpf_force_get},
+    {"kavo_enet_dflexe_rdi_detect_config", "enet", "Sets which remote defect indications FlexE PHY phy_id of port group_chnl_id detects (a mask).", "VELT_ERROR kavo_enet_dflexe_rdi_detect_config(const UINT32 device_id, const UINT32 group_chnl_id, const UINT32 phy_id, const UINT32 enable_mask)", args_kavo_enet_dflexe_rdi_detect_config, 4, call_kavo_enet_dflexe_rdi_detect_config},
+    {"kavo_enet_dflexe_rdi_detect_config_get", "enet", "Reads which remote defect indications FlexE PHY phy_id of port group_chnl_id detects.", "VELT_ERROR kavo_enet_dflexe_rdi_detect_config_get(const UINT32 device_id, const UINT32 group_chnl_id, const UINT32 phy_id, UINT32* enable_mask)", args_kavo_enet_dflexe_rdi_detect_config_get, 4, call_kavo_enet_dflexe_rdi_detect_config_get},
+    {"kavo_enet_dp_nominal_force", "enet", "Forces (or releases) nominal transmit timing on port enet_chnl_id.", "VELT_ERROR kavo_enet_dp_nominal_force(const UINT32 device_id, const UINT32 enet_chnl_id, const BOOL8 enable)", args_kavo_enet_dp_nominal_force, 3, call_kavo_enet_dp_nominal_force},
+    {"kavo_enet_fec_tx_am_sf_mode_set", "enet", "Sets the signal-fail bits RS(544,514) port enet_chnl_id sends in its alignment markers: tx_am_sf_value (0..7) when terminated, the source's when relayed.", "VELT_ERROR kavo_enet_fec_tx_am_sf_mode_set(const UINT32 device_id, const UINT32 enet_chnl_id, const kavo_enet_alarm_mode_t alarm_mode, const UINT32 tx_am_sf_value)", args_kavo_enet_fec_tx_am_sf_mode_set, 4, call_kavo_enet_fec_tx_am_sf_mode_set},
+    {"kavo_enet_fec_deg_ser_set", "enet", "Configures FEC degraded-SER detection of RS FEC port enet_chnl_id.", "VELT_ERROR kavo_enet_fec_deg_ser_set(const UINT32 device_id, const UINT32 enet_chnl_id, kavo_enet_fec_deg_ser_cfg_t* fec_deg_ser_cfg)", args_kavo_enet_fec_deg_ser_set, 3, call_kavo_enet_fec_deg_ser_set},
+    {"kavo_enet_fec_err_cfg_set", "enet", "Configures how RS FEC port chnl_id corrects and marks errors.", "VELT_ERROR kavo_enet_fec_err_cfg_set(const UINT32 device_id, const UINT32 chnl_id, kavo_enet_fec_err_cfg_t* fec_cfg)", args_kavo_enet_fec_err_cfg_set, 3, call_kavo_enet_fec_err_cfg_set},
+    {"kavo_rs_alarm_cfg_get", "enet", "Reads the alarm mode, consequent actions and current receive defects of port chnl_id.", "VELT_ERROR kavo_rs_alarm_cfg_get(const UINT32 device_id, const UINT32 chnl_id, kavo_enet_alarm_cfg_get_t* ca)", args_kavo_rs_alarm_cfg_get, 3, call_kavo_rs_alarm_cfg_get},
+    {"kavo_enet_fec_rx_am_sf_status_get", "enet", "Reads the signal-fail bits RS(544,514) port chnl_id receives in the alignment markers.", "VELT_ERROR kavo_enet_fec_rx_am_sf_status_get(const UINT32 device_id, const UINT32 chnl_id, UINT32* rx_status)", args_kavo_enet_fec_rx_am_sf_status_get, 3, call_kavo_enet_fec_rx_am_sf_status_get},
+    {"kavo_an_restart_trigger", "enet", "Restarts auto-negotiation and link training of AN/LT port chnl_id.", "VELT_ERROR kavo_an_restart_trigger(const UINT32 device_id, const UINT32 chnl_id)", args_kavo_an_restart_trigger, 2, call_kavo_an_restart_trigger},
     {"kavo_flexe_group_prov", "flexe", "Provisions channel group_chnl_id as a FlexE group of the PHYs in group_cfg, which take their SerDes lanes.", "VELT_ERROR kavo_flexe_group_prov(const UINT32 device_id, const UINT32 group_chnl_id, kavo_flexe_group_cfg_t* group_cfg)", args_kavo_flexe_group_prov, 3, call_kavo_flexe_group_prov},
     {"kavo_flexe_client_prov", "flexe", "Provisions channel client_chnl_id as a client of group group_chnl_id on the slots in client_data (into the calendars not in use).", "VELT_ERROR kavo_flexe_client_prov(const UINT32 device_id, const UINT32 client_chnl_id, const UINT32 group_chnl_id, kavo_flexe_client_t* client_data)", args_kavo_flexe_client_prov, 4, call_kavo_flexe_client_prov},
     {"kavo_flexe_calendar_update", "flexe", "Switches the group's calendars of the given scope to the ones not in use after ms_timer milliseconds.", "VELT_ERROR kavo_flexe_calendar_update(const UINT32 device_id, const UINT32 group_chnl_id, const kavo_flexe_calendar_update_mode_t cal_update_scope, const UINT32 ms_timer)", args_kavo_flexe_calendar_update, 4, call_kavo_flexe_calendar_update},
@@ -2791,10 +3334,30 @@ const enum_info* const ENUMS[] = {
     &enum_kavo_slice_type_t,
     &enum_kavo_init_type_t,
     &enum_kavo_enet_dcsu_ref_clk_t,
+    &enum_kavo_deprov_t,
+    &enum_kavo_loopback_t,
+    &enum_kavo_flow_control_mode_t,
+    &enum_kavo_flow_control_frame_t,
+    &enum_kavo_flow_control_pfc_mask_t,
+    &enum_kavo_flow_control_buffer_mgmt_t,
     &enum_kavo_dcsu_instance_t,
     &enum_kavo_defect_type_t,
     &enum_kavo_defect_transfer_clear_t,
     &enum_kavo_defect_print_filter_t,
+    &enum_kavo_enet_port_mode_t,
+    &enum_kavo_enet_fec_mode_t,
+    &enum_kavo_enet_prov_mode_t,
+    &enum_kavo_enet_scramble_idle_level_t,
+    &enum_kavo_enet_tx_timing_mode_t,
+    &enum_kavo_enet_alarm_mode_t,
+    &enum_kavo_enet_anlt_advertize_type_t,
+    &enum_kavo_enet_anlt_state_t,
+    &enum_kavo_mac_rx_error_t,
+    &enum_kavo_enet_direction_t,
+    &enum_kavo_enet_ca_enable_t,
+    &enum_kavo_enet_alarm_mask_t,
+    &enum_kavo_enet_alarm_force_t,
+    &enum_kavo_enet_alarm_action_t,
     &enum_kavo_module_id_t,
     &enum_kavo_err_t,
     &enum_kavo_flexe_pin_mode_t,
@@ -2857,6 +3420,7 @@ const record_info* const RECORDS[] = {
     &record_kavo_device_status_info_t,
     &record_kavo_status_info_t,
     &record_kavo_chnl_info_t,
+    &record_kavo_flow_control_cfg_t,
     &record_kavo_dcsu_cfg_get_t,
     &record_kavo_debug_macsec_tcam_scrub_stats_t,
     &record_kavo_defect_ive_t,
@@ -2898,6 +3462,21 @@ const record_info* const RECORDS[] = {
     &record_kavo_defect_tlic_t,
     &record_kavo_defect_dcsu_t,
     &record_kavo_defect_device_summary_t,
+    &record_kavo_traffic_enet_t,
+    &record_kavo_enet_status_t,
+    &record_kavo_enet_vlan_cfg_t,
+    &record_kavo_enet_fec_deg_ser_cfg_t,
+    &record_kavo_enet_fec_err_cfg_t,
+    &record_kavo_enet_tx_am_sf_cfg_t,
+    &record_kavo_enet_alarm_cfg_t,
+    &record_kavo_enet_ca_enable_get_t,
+    &record_kavo_enet_alarm_mask_get_t,
+    &record_kavo_enet_alarm_force_get_t,
+    &record_kavo_enet_alarm_cfg_get_t,
+    &record_kavo_enet_cfg_get_t,
+    &record_kavo_enet_anlt_chnl_cfg_t,
+    &record_kavo_enet_anlt_chnl_ts_t,
+    &record_kavo_enet_anlt_chnl_status_t,
     &record_kavo_flexe_phy_info_t,
     &record_kavo_flexe_phy_t,
     &record_kavo_flexe_group_info_t,

@@ -4,9 +4,11 @@
 #define KAVO_GEN_ALL_TYPES_H
 
 #include "kavo/gen/kavo_config_types.h"
+#include "kavo/gen/kavo_datapath_types.h"
 #include "kavo/gen/kavo_dcsu_types.h"
 #include "kavo/gen/kavo_debug_types.h"
 #include "kavo/gen/kavo_defect_types.h"
+#include "kavo/gen/kavo_enet_types.h"
 #include "kavo/gen/kavo_err_types.h"
 #include "kavo/gen/kavo_flexe_types.h"
 #include "kavo/gen/kavo_fw_types.h"

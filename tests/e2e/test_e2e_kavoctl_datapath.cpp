@@ -1,0 +1,84 @@
+// kavoctl's datapath verbs as a user runs them: a script that provisions,
+// connects and loops back ports, then the channel table as text and as JSON.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+namespace {
+
+struct run_result {
+    int status;
+    std::string output;
+};
+
+run_result kavoctl(const std::string& args)
+{
+    const std::string command = std::string(KAVOCTL_PATH) + " " + args + " 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    run_result r{-1, ""};
+    if (pipe == nullptr) return r;
+    char chunk[4096];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0;) r.output.append(chunk, n);
+    const int raw = pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+std::string script(const std::string& name, const std::string& steps)
+{
+    const std::string path = ::testing::TempDir() + name;
+    std::ofstream(path) << "config set 1200G_ENET\n"
+                           "enet prov 0 100GE_4X25G 0 RS_528\n"
+                           "enet prov 1 400GE_8X50G 15,14,13,12,11,10,9,8 RS_544\n"
+                           "connect 0 1\n"
+                           "connect both 0\n"
+                           "loopback 1 host\n"
+                        << steps;
+    return path;
+}
+
+} // namespace
+
+TEST(kavoctl_datapath, ScriptProvisionsConnectsAndShowsTheChannels)
+{
+    const run_result text = kavoctl("run " + script("dp_text.txt", "loopback 1\ndatapath show\n"));
+    ASSERT_EQ(text.status, 0) << text.output;
+    EXPECT_NE(text.output.find("channel 1: loopback HOST\n"), std::string::npos) << text.output;
+    EXPECT_NE(text.output.find("\n0     ENET_PORT    100GE_4X25G    0,1,2,3                 RS_528    down  yes yes NONE\n"),
+              std::string::npos) << text.output;
+    EXPECT_NE(text.output.find("\n1     ENET_PORT    400GE_8X50G    15,14,13,12,11,10,9,8   RS_544    down  yes yes HOST\n"),
+              std::string::npos) << text.output;
+    EXPECT_NE(text.output.find("\n47    -\n"), std::string::npos) << text.output;
+
+    const run_result json = kavoctl("--json run " + script("dp_json.txt", "datapath show\n"));
+    ASSERT_EQ(json.status, 0) << json.output;
+    EXPECT_NE(json.output.find("{\"chnl\":1,\"fec\":\"RS_544\",\"lanes\":[15,14,13,12,11,10,9,8],\"link_up\":false,"
+                               "\"loopback\":\"HOST\",\"mode\":\"400GE_8X50G\",\"prov_mode\":\"MAC\",\"rx_connect\":true,"
+                               "\"tx_connect\":true,\"type\":\"ENET_PORT\"}"),
+              std::string::npos) << json.output;
+}
+
+TEST(kavoctl_datapath, RefusalsAndUsageErrorsHaveTheirExitStatus)
+{
+    struct {
+        std::string steps;
+        int status;
+        const char* shows;
+    } cases[] = {
+        {"enet prov 2 100GE_2X50G 16 NONE\n", 1, "SEGMENT_BASE_ENET_FEC_MODE_INVALID"},
+        {"connect 0 1\nconnect 2 1\n", 1, "SEGMENT_BASE_ERR_CONNECTION_SOURCE_NOT_PROVISIONED"},
+        {"loopback 1 line\n", 1, "PB_HOST_LPBK_ALREADY_PROV"},
+        {"enet prov 2 100GE_9X9G 16 NONE\n", 2, ""},
+        {"loopback 48\n", 2, ""},
+    };
+    int i = 0;
+    for (const auto& c : cases) {
+        const std::string path = script("dp_case" + std::to_string(i++) + ".txt", c.steps);
+        const run_result r = kavoctl("--json run " + path);
+        EXPECT_EQ(r.status, c.status) << c.steps << r.output;
+        EXPECT_NE(r.output.find(c.shows), std::string::npos) << c.steps << r.output;
+    }
+}
