@@ -531,6 +531,10 @@ class Generator:
                     checks.append((a, None))
                 elif a.name in result_outs:
                     checks.append((a, dict((o.name, f) for o, f in c.results)[a.name]))
+        if c.null_checks:
+            # Refused before anything is sent: no request to expect, and the
+            # expectations below may read the very pointers left null.
+            lines.append(f"if (r.null_inputs) return {c.name}({', '.join(a.name for a in c.args)});")
         names = ("element", "mode", "parent", "flag")
         for k, f in enumerate(names):
             value = f"(UINT32)({c.fields[f]})" if f in c.fields else "0xFFFFFFFFu"

@@ -222,6 +222,7 @@ VELT_ERROR run_kavo_debug_tcam_scrubbing_stats_get(wire_run& r)
     const BOOL32 reset = 1;
     wire_output<kavo_debug_macsec_tcam_scrub_stats_t> out_stats_ptr;
     kavo_debug_macsec_tcam_scrub_stats_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    if (r.null_inputs) return kavo_debug_tcam_scrubbing_stats_get(device_id, reset, stats_ptr);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -285,6 +286,7 @@ VELT_ERROR run_kavo_enet_super_prov(wire_run& r)
     const kavo_enet_port_mode_t mode = static_cast<kavo_enet_port_mode_t>(wire_value(5));
     const kavo_enet_prov_mode_t prov_mode = static_cast<kavo_enet_prov_mode_t>(wire_value(6));
     const kavo_enet_fec_mode_t fec_type = static_cast<kavo_enet_fec_mode_t>(wire_value(7));
+    if (r.null_inputs) return kavo_enet_super_prov(device_id, enet_chnl_id, phy_id, serdes_lanes, pin_mode, mode, prov_mode, fec_type);
     r.info[0] = (UINT32)(enet_chnl_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(serdes_lanes[0]);
@@ -1126,6 +1128,7 @@ VELT_ERROR run_kavo_macsec_vport_add(wire_run& r)
     kavo_macsec_vport_config_t* vport_params = r.null_inputs ? nullptr : in_vport_params.get();
     wire_output<UINT32> out_vport_id_ptr;
     UINT32* vport_id_ptr = r.null_outputs ? nullptr : out_vport_id_ptr.get();
+    if (r.null_inputs) return kavo_macsec_vport_add(device_id, chnl_id, direction, vport_key, vport_params, vport_id_ptr);
     r.info[0] = (UINT32)(vport_key);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(chnl_id);
@@ -1142,6 +1145,7 @@ VELT_ERROR run_kavo_macsec_vport_read(wire_run& r)
     const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_vport_read_params_t> out_rd_vport_params;
     kavo_macsec_vport_read_params_t* rd_vport_params = r.null_inputs ? nullptr : out_rd_vport_params.get();
+    if (r.null_inputs) return kavo_macsec_vport_read(device_id, vport_id, rd_vport_params);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(vport_id);
@@ -1171,6 +1175,7 @@ VELT_ERROR run_kavo_macsec_vport_update(wire_run& r)
     wire_input<kavo_macsec_vport_config_t> in_vport_params(1);
     kavo_macsec_vport_config_t* vport_params = r.null_inputs ? nullptr : in_vport_params.get();
     const UINT32 vport_id = static_cast<UINT32>(wire_value(2));
+    if (r.null_inputs) return kavo_macsec_vport_update(device_id, vport_params, vport_id);
     r.info[0] = (UINT32)(vport_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1186,6 +1191,7 @@ VELT_ERROR run_kavo_macsec_rule_read(wire_run& r)
     const UINT32 rule_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_rule_config_t> out_rd_rule_params;
     kavo_macsec_rule_config_t* rd_rule_params = r.null_inputs ? nullptr : out_rd_rule_params.get();
+    if (r.null_inputs) return kavo_macsec_rule_read(device_id, rule_id, rd_rule_params);
     r.info[0] = (UINT32)(rule_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1228,6 +1234,7 @@ VELT_ERROR run_kavo_macsec_sa_read(wire_run& r)
     const UINT32 sa_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_sa_config_t> out_rd_sa_params;
     kavo_macsec_sa_config_t* rd_sa_params = r.null_inputs ? nullptr : out_rd_sa_params.get();
+    if (r.null_inputs) return kavo_macsec_sa_read(device_id, sa_id, rd_sa_params);
     r.info[0] = (UINT32)(sa_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1296,6 +1303,7 @@ VELT_ERROR run_kavo_macsec_channel_config(wire_run& r)
     const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(2));
     wire_input<kavo_macsec_channel_config_t> in_channel_params(3);
     kavo_macsec_channel_config_t* channel_params = r.null_inputs ? nullptr : in_channel_params.get();
+    if (r.null_inputs) return kavo_macsec_channel_config(device_id, channel_id, direction, channel_params);
     r.info[0] = (UINT32)(channel_id);
     r.info[1] = (UINT32)(direction);
     r.info[2] = 0xFFFFFFFFu;
@@ -1311,6 +1319,7 @@ VELT_ERROR run_kavo_macsec_channel_global_config(wire_run& r)
     const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(1));
     wire_input<kavo_macsec_channel_global_config_t> in_channel_global_params(2);
     kavo_macsec_channel_global_config_t* channel_global_params = r.null_inputs ? nullptr : in_channel_global_params.get();
+    if (r.null_inputs) return kavo_macsec_channel_global_config(device_id, direction, channel_global_params);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = (UINT32)(direction);
     r.info[2] = 0xFFFFFFFFu;
@@ -1327,6 +1336,7 @@ VELT_ERROR run_kavo_macsec_channel_config_get(wire_run& r)
     const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(2));
     wire_output<kavo_macsec_channel_config_t> out_rd_channel_params;
     kavo_macsec_channel_config_t* rd_channel_params = r.null_inputs ? nullptr : out_rd_channel_params.get();
+    if (r.null_inputs) return kavo_macsec_channel_config_get(device_id, channel_id, direction, rd_channel_params);
     r.info[0] = (UINT32)(channel_id);
     r.info[1] = (UINT32)(direction);
     r.info[2] = 0xFFFFFFFFu;
@@ -1343,6 +1353,7 @@ VELT_ERROR run_kavo_macsec_channel_global_config_get(wire_run& r)
     const kavo_macsec_device_direction_t direction = static_cast<kavo_macsec_device_direction_t>(wire_value(1));
     wire_output<kavo_macsec_channel_global_config_t> out_rd_channel_global_params;
     kavo_macsec_channel_global_config_t* rd_channel_global_params = r.null_inputs ? nullptr : out_rd_channel_global_params.get();
+    if (r.null_inputs) return kavo_macsec_channel_global_config_get(device_id, direction, rd_channel_global_params);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = (UINT32)(direction);
     r.info[2] = 0xFFFFFFFFu;
@@ -1360,6 +1371,7 @@ VELT_ERROR run_kavo_macsec_chnl_stats_get(wire_run& r)
     const BOOL32 reset = 1;
     wire_output<kavo_stats_macsec_channel_t> out_stats_ptr;
     kavo_stats_macsec_channel_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    if (r.null_inputs) return kavo_macsec_chnl_stats_get(device_id, macsec_chnl_id, reset, stats_ptr);
     r.info[0] = (UINT32)(macsec_chnl_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1377,6 +1389,7 @@ VELT_ERROR run_kavo_macsec_vport_stats_get(wire_run& r)
     const BOOL32 reset = 1;
     wire_output<kavo_stats_macsec_vport_t> out_stats_ptr;
     kavo_stats_macsec_vport_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    if (r.null_inputs) return kavo_macsec_vport_stats_get(device_id, vport_id, reset, stats_ptr);
     r.info[0] = (UINT32)(vport_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1394,6 +1407,7 @@ VELT_ERROR run_kavo_macsec_sa_stats_get(wire_run& r)
     const BOOL32 reset = 1;
     wire_output<kavo_stats_macsec_sa_t> out_stats_ptr;
     kavo_stats_macsec_sa_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    if (r.null_inputs) return kavo_macsec_sa_stats_get(device_id, sa_id, reset, stats_ptr);
     r.info[0] = (UINT32)(sa_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1411,6 +1425,7 @@ VELT_ERROR run_kavo_macsec_rule_stats_get(wire_run& r)
     const BOOL32 reset = 1;
     wire_output<kavo_stats_macsec_rule_t> out_stats_ptr;
     kavo_stats_macsec_rule_t* stats_ptr = r.null_inputs ? nullptr : out_stats_ptr.get();
+    if (r.null_inputs) return kavo_macsec_rule_stats_get(device_id, rule_id, reset, stats_ptr);
     r.info[0] = (UINT32)(rule_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1426,6 +1441,7 @@ VELT_ERROR run_kavo_macsec_notification_enable(wire_run& r)
     const UINT32 device_id = r.device_id;
     wire_input<kavo_macsec_notification_summary_t> in_notification_ptr(1);
     kavo_macsec_notification_summary_t* notification_ptr = r.null_inputs ? nullptr : in_notification_ptr.get();
+    if (r.null_inputs) return kavo_macsec_notification_enable(device_id, notification_ptr);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1440,6 +1456,7 @@ VELT_ERROR run_kavo_macsec_notification_summary_get(wire_run& r)
     const UINT32 device_id = r.device_id;
     wire_output<kavo_macsec_notification_summary_t> out_notification_ptr;
     kavo_macsec_notification_summary_t* notification_ptr = r.null_inputs ? nullptr : out_notification_ptr.get();
+    if (r.null_inputs) return kavo_macsec_notification_summary_get(device_id, notification_ptr);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1456,6 +1473,7 @@ VELT_ERROR run_kavo_macsec_notification_get(wire_run& r)
     const kavo_macsec_notification_get_commands_t command = static_cast<kavo_macsec_notification_get_commands_t>(wire_value(1));
     wire_output<kavo_macsec_notification_t> out_notification_ptr;
     kavo_macsec_notification_t* notification_ptr = r.null_inputs ? nullptr : out_notification_ptr.get();
+    if (r.null_inputs) return kavo_macsec_notification_get(device_id, command, notification_ptr);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = (UINT32)(command);
     r.info[2] = 0xFFFFFFFFu;
@@ -1472,6 +1490,7 @@ VELT_ERROR run_kavo_macsec_chnl_vport_get(wire_run& r)
     const UINT32 chnl_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_channel_vport_list_t> out_vport_resource_ptr;
     kavo_macsec_channel_vport_list_t* vport_resource_ptr = r.null_inputs ? nullptr : out_vport_resource_ptr.get();
+    if (r.null_inputs) return kavo_macsec_chnl_vport_get(device_id, chnl_id, vport_resource_ptr);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(chnl_id);
@@ -1488,6 +1507,7 @@ VELT_ERROR run_kavo_macsec_vport_rule_get(wire_run& r)
     const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_vport_rule_list_t> out_rule_resource_ptr;
     kavo_macsec_vport_rule_list_t* rule_resource_ptr = r.null_inputs ? nullptr : out_rule_resource_ptr.get();
+    if (r.null_inputs) return kavo_macsec_vport_rule_get(device_id, vport_id, rule_resource_ptr);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(vport_id);
@@ -1504,6 +1524,7 @@ VELT_ERROR run_kavo_macsec_vport_sa_get(wire_run& r)
     const UINT32 vport_id = static_cast<UINT32>(wire_value(1));
     wire_output<kavo_macsec_vport_sa_list_t> out_sa_resource_ptr;
     kavo_macsec_vport_sa_list_t* sa_resource_ptr = r.null_inputs ? nullptr : out_sa_resource_ptr.get();
+    if (r.null_inputs) return kavo_macsec_vport_sa_get(device_id, vport_id, sa_resource_ptr);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(vport_id);
@@ -1532,6 +1553,7 @@ VELT_ERROR run_kavo_mux_config(wire_run& r)
     const UINT32 device_id = r.device_id;
     wire_input<kavo_mux_dev_config_t> in_mux_cfg(1);
     kavo_mux_dev_config_t* mux_cfg = r.null_inputs ? nullptr : in_mux_cfg.get();
+    if (r.null_inputs) return kavo_mux_config(device_id, mux_cfg);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = 0xFFFFFFFFu;
@@ -1575,6 +1597,7 @@ VELT_ERROR run_kavo_mux_chnl_config_set(wire_run& r)
     const UINT32 line_chnl_id = static_cast<UINT32>(wire_value(1));
     wire_input<kavo_mux_chnl_config_t> in_cfg_ptr(2);
     kavo_mux_chnl_config_t* cfg_ptr = r.null_inputs ? nullptr : in_cfg_ptr.get();
+    if (r.null_inputs) return kavo_mux_chnl_config_set(device_id, line_chnl_id, cfg_ptr);
     r.info[0] = 0xFFFFFFFFu;
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(line_chnl_id);
@@ -1645,6 +1668,7 @@ VELT_ERROR run_kavo_pe_prov(wire_run& r)
     const kavo_pe_host_id_t host_id = static_cast<kavo_pe_host_id_t>(wire_value(1));
     wire_input<kavo_pe_config_t> in_cfg_ptr(2);
     const kavo_pe_config_t* cfg_ptr = r.null_inputs ? nullptr : in_cfg_ptr.get();
+    if (r.null_inputs) return kavo_pe_prov(device_id, host_id, cfg_ptr);
     r.info[0] = (UINT32)(host_id);
     r.info[1] = 0xFFFFFFFFu;
     r.info[2] = (UINT32)(1);
