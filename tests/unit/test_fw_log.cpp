@@ -7,10 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "fw_log_print.h"
 #include "kavo_fake_bus.h"
 #include "kavo_fw_log.h"
 #include "kavo_test_log.h"
 #include "velt_circular_buffer_writer.h"
+#include "velt_type_print.h"
+
+extern const velt_enum_table_t kavo_err_t_table;
 
 namespace {
 
@@ -119,6 +123,36 @@ TEST_F(FwLog, EntryLinesShowTimeDeviceNameMessageAddressesLineAndText)
     EXPECT_EQ(show(), at + "05 0 A USER_LOG_START start   \n" + at + "10 0 A USER_LOG_CONT  start middle   \n" + at +
                           "15 0 A USER_LOG_END   start middle end  \n" + at + "20 0 A USER_LOG       tab here   \n" +
                           at + "25 0 A STRING_MSG     twenty characters!!!  \n");
+}
+
+TEST_F(FwLog, TheLongestDecodedMessageIsShownWhole)
+{
+    // The longest text the decoder makes, over every code and a few data patterns.
+    const UINT32 patterns[][5] = {{0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF},
+                                  {0x80000000, 0x80000000, 0x80000000, 0x80000000, 0x80000000},
+                                  {0xF00020, 0xFFFFFFFF, 0xF00020, 0, 0}, {0x744010, 0x7FFFFFFF, 0x21E0, 0, 0}};
+    std::string longest, name;
+    UINT16 code = 0;
+    UINT32 data[5] = {};
+    for (UINT32 i = 0; i < kavo_err_t_table.count; ++i) {
+        const velt_enum_entry_t& e = kavo_err_t_table.entries[i];
+        EXPECT_LT(std::strlen(e.name), 80u) << e.name;  // the line buffer's room for a name
+        if (e.value >= 6147 && e.value <= 6151) continue;  // text records
+        for (const auto& d : patterns) {
+            char out[1001] = "";
+            UINT32 words = 2;
+            fw_log_print(&log, (INT32)e.value, d[0], d[1], d[2], d[3], d[4], out, sizeof(out), &words);
+            if (std::strlen(out) + std::strlen(e.name) > longest.size() + name.size())
+                longest = out, name = e.name, code = (UINT16)e.value, std::memcpy(data, d, sizeof(data));
+        }
+    }
+    ASSERT_GT(longest.size(), 60u);
+    logs({{"main", 8}});
+    entry(0, 0, 1, code, {data[0], data[1], data[2], data[3], data[4]});
+    index(0, 1, 0);
+    init();
+    const std::string out = show();
+    EXPECT_NE(out.find(" main " + name + " " + longest), std::string::npos) << out;
 }
 
 TEST_F(FwLog, LogsWithInterleavedTicksPrintInGlobalOrder)

@@ -19,7 +19,15 @@ constexpr UINT32 DESCRIPTOR_COPY_BYTES = 28;
 constexpr UINT32 DESCRIPTOR_WR_IDX = 28;
 constexpr UINT32 DESCRIPTOR_WRAP_COUNT = 32;
 constexpr UINT32 ENTRY_BYTES = sizeof(dbg_log_app_entry_t);
+/* Decoded text of one debug-log record, at most this many characters. */
 constexpr UINT32 MESSAGE_MAX = 1000;
+/* Room for the longest log-code name (70 characters today). A message
+   is the code name, a blank and the decoded text, and is never cut: its
+   buffer is sized from these inputs. */
+constexpr UINT32 CODE_NAME_MAX = 80;
+constexpr UINT32 ENTRY_MESSAGE_SIZE = CODE_NAME_MAX + 1 + MESSAGE_MAX + 1;
+/* An output line: the message plus time, device, log name, addresses and line. */
+constexpr UINT32 ENTRY_LINE_SIZE = ENTRY_MESSAGE_SIZE + 256;
 /* Entries the firmware writes per this many ticks, in the skip estimate. */
 constexpr UINT64 RATE_TICKS = 400000000;
 
@@ -491,7 +499,7 @@ void kavo_fw_log::show_log_entry(FILE* file, dbg_log_tracking_t* log)
     // 5 ns per tick: a deliberate approximation of 5.52 ns.
     const unsigned long ns = (unsigned long)(ticks % VELT_FW_TICKS_PER_SECOND) * 5;
 
-    char message[MESSAGE_MAX + 1];
+    char message[ENTRY_MESSAGE_SIZE];
     message[0] = '\0';
     UINT32 words_used = 2;
     if (is_text_record(code)) {
@@ -526,7 +534,7 @@ void kavo_fw_log::show_log_entry(FILE* file, dbg_log_tracking_t* log)
     char line_num[32] = "";
     if (words_used == 2 && e.data2 != 0) std::snprintf(line_num, sizeof(line_num), " line=%d", (int)e.data2);
 
-    char line[2 * MESSAGE_MAX];
+    char line[ENTRY_LINE_SIZE];
     line[0] = '\0';
     for (UINT32 f = 0; f < fw_stats->num_display_fields; ++f) {
         const display_field_t& field = fw_stats->display_fields[f];
