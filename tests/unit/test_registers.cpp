@@ -255,8 +255,9 @@ TEST_F(Registers, EachFieldShapeHitsItsAddressMaskAndShift)
         EXPECT_EQ(f.poll(h, ((pattern & f.mask) >> f.shift) ^ 1), VELT_SHARED_ERR_CODE_POLL_TIMEOUT);
         take_ops();
 
+        // Without a read the whole register is written: value << shift, unmasked.
         f.set(h, 0xFFFFFFFF);
-        EXPECT_EQ(chip[f.addr], rmw ? (pattern | f.mask) : f.mask);
+        EXPECT_EQ(chip[f.addr], rmw ? (pattern | f.mask) : 0xFFFFFFFFu << f.shift);
         f.set(h, 0);
         EXPECT_EQ(chip[f.addr], rmw ? (pattern & ~f.mask) : 0u);
         for (const auto& op : take_ops()) EXPECT_EQ(op.addr, f.addr);
