@@ -163,16 +163,28 @@ TEST_F(device_test, CommandsCostSevenBusTransactionsAndEightWithAReplyPayload)
 TEST_F(device_test, NullPointersAreCaughtWhereTheFrameChecksThem)
 {
     ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    take();
     // Pointer-checked commands refuse before sending.
     const UINT64 requests = kavo_sim::chip_get(0)->counters().requests;
     EXPECT_EQ(kavo_debug_cmd(0, nullptr, 0, nullptr), VELT_ERR_INVALID_ARGS);
     EXPECT_EQ(kavo_sim::chip_get(0)->counters().requests, requests);
-    EXPECT_TRUE(has(take(), " NULL Pointer supplied for Input parameter\n"));
+    // The debug family's line: its own code, and no line break of its own.
+    const std::string line = take();
+    EXPECT_TRUE(::testing::internal::RE::FullMatch(
+        line, "0:0x2101:kavo_api_debug\\.cpp:[0-9]+:kavo_debug_cmd\\(\\) +NULL Pointer supplied for Input parameter")) << line;
 
     // A checked getter halts on a null output after a successful send.
     UINT32 mode = 0;
     EXPECT_EQ(frame_test_mode_get(0, &mode), VELT_SUCCESS);
-    EXPECT_DEATH(frame_test_mode_get(0, nullptr), "");
+    EXPECT_DEATH(frame_test_mode_get(0, nullptr), kavo_test::halts_with(VELT_ERR_FAIL, "-1:0x1:.* ASSERT: "));
+
+    // The default reply buffer of a debug command comes from the porting layer.
+    EXPECT_DEATH(
+        {
+            velt_customer_os_allocation_failure_set(1);
+            kavo_debug_cmd(0, "noop", 0, nullptr);
+        },
+        kavo_test::halts_with(VELT_SHARED_ERR_MALLOC_FAILED));
 }
 
 TEST_F(device_test, RequestPayloadBoundIsTheMailboxLessItsHeader)
@@ -183,5 +195,5 @@ TEST_F(device_test, RequestPayloadBoundIsTheMailboxLessItsHeader)
     char reply[64];
     EXPECT_NE(kavo_debug_cmd(0, fits.c_str(), sizeof(reply), reply), VELT_SUCCESS) << "sent, refused by the shell";
     const std::string too_long(KAVO_HTL_REQUEST_MAX_DATA_SIZE, 'x');
-    EXPECT_DEATH(kavo_debug_cmd(0, too_long.c_str(), sizeof(reply), reply), "");
+    EXPECT_DEATH(kavo_debug_cmd(0, too_long.c_str(), sizeof(reply), reply), kavo_test::halts_with(VELT_ERR_FAIL));
 }

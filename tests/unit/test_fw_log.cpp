@@ -249,9 +249,11 @@ TEST_F(FwLog, CookiesAndHeadersDecideWhatIsShown)
     init();
     EXPECT_NE(kavo_test::take().find(" VELT_RUNTIME_ERROR( VELT_ERR_FAIL )\n"), std::string::npos);
     put(24, 1), put(28, 1000);
-    EXPECT_DEATH(log.stats_init(), "");  // record size above 999
+    EXPECT_DEATH(log.stats_init(), kavo_test::halts_with(VELT_ERR_FAIL, "0:0x1:kavo_fw_log.cpp.* ASSERT: "));  // record size above 999
     put(28, 80), put(40, 400);
-    EXPECT_DEATH(log.stats_init(), "");  // more than 399 debug logs
+    EXPECT_DEATH(log.stats_init(), kavo_test::halts_with(FW_COMMON_ERR_BAD_NUM_LOGS,
+                                                         " fw_common_stats->num_dbg_logs exceeded\\. Max: 399, "
+                                                         "Actual: 400 ASSERT: "));
 }
 
 TEST_F(FwLog, DumpKindsSelectTheirViews)

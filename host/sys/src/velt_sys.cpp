@@ -222,6 +222,8 @@ int velt_sys_atoi(const char* text) { return std::atoi(text); }
 
 void* velt_sys_calloc(size_t size) { return velt_customer_os_calloc(size); }
 
+void velt_sys_assert_function(UINT32 code, const char* file, int line) { velt_customer_os_assert(code, file, line); }
+
 UINT8 velt_sys_count_trailing_zeros(UINT16 value)
 {
     if (value == 0) return 16;
