@@ -41,7 +41,8 @@ protected:
         put(20, cookie), put(24, (UINT32)records.size()), put(28, 80), put(32, STATS);
         for (UINT32 i = 0; i < records.size(); ++i) {
             velt_sys_fw_stats_t s{};
-            std::snprintf(s.description, sizeof(s.description), "%s", std::get<0>(records[i]));
+            const char* name = std::get<0>(records[i]);  // 28 characters fill it without a NUL
+            std::memcpy(s.description, name, std::min(std::strlen(name), sizeof(s.description)));
             s.num = std::get<1>(records[i]), s.mark_started = std::get<2>(records[i]);
             bus.set_bytes(BASE + STATS + 80 * i, &s, sizeof(s));
         }
@@ -254,6 +255,51 @@ TEST_F(FwLog, CookiesAndHeadersDecideWhatIsShown)
     EXPECT_DEATH(log.stats_init(), kavo_test::halts_with(FW_COMMON_ERR_BAD_NUM_LOGS,
                                                          " fw_common_stats->num_dbg_logs exceeded\\. Max: 399, "
                                                          "Actual: 400 ASSERT: "));
+}
+
+TEST_F(FwLog, FirstNewConsoleMessagesFollowTheRingWithoutReprintingIt)
+{
+    put(0, VELT_CONSOLE_COOKIE);
+    velt_circular_buffer_writer writer;
+    writer.init(reinterpret_cast<volatile UINT32*>(bus.at(BASE + 8)), reinterpret_cast<volatile UINT32*>(bus.at(BASE + 4)),
+                reinterpret_cast<char*>(bus.at(BASE + 68)), 32768);
+    char boot[] = "booted\n", later[] = "later\n";
+    writer.write_char_data(boot, 7);
+    log.dump(stdout, KAVO_FW_LOG_DUMP_CONSOLE_NEW);  // never positioned: from the ring's start, no banners
+    EXPECT_EQ(kavo_test::take(), "-- firmware console ---\n\nprinting from _read_index=0 to _write_index=4\nbooted\n"
+                                 "-- end of firmware console ---\n");
+    writer.write_char_data(later, 6);
+    log.dump(stdout, KAVO_FW_LOG_DUMP_CONSOLE_NEW);
+    EXPECT_EQ(kavo_test::take(), "-- firmware console ---\n\nprinting from _read_index=4 to _write_index=8\nlater\n"
+                                 "-- end of firmware console ---\n");
+}
+
+TEST_F(FwLog, FullLengthStatNameKeepsItsLastCharacterAndSymbolsAreMissedOncePerProcess)
+{
+    stats({{"abcdefghijklmnopqrstuvwxyz01", 1, false}, {"short", 1, false}});
+    init();
+    EXPECT_STREQ(log.stat_name_get(0), "abcdefghijklmnopqrstuvwxyz01");
+    EXPECT_STREQ(log.stat_name_get(1), "short");
+    log.show_stats(stdout);
+    EXPECT_NE(kavo_test::take().find("FIRMWARE:  abcdefghijklmnopqrstuvwxyz01: "), std::string::npos);
+    // A NUL ends a text record's text.
+    logs({{"A", 8}});
+    entry(0, 0, 1, 6147, {0x00006261, 0x00006463});  // "ab", NUL, NUL, "cd"
+    entry(0, 1, 2, LUMOHAL_LOG_SLEEP_STARTED, {1});     // an address: the symbol map is looked for
+    index(0, 2, 0);
+    init();
+    EXPECT_NE(show().find(" A USER_LOG       ab "), std::string::npos);
+    // Another device's log prints addresses without saying again that symbols are missing.
+    kavo_fw_log other;
+    other.handle_init(0, &handle);
+    testing::internal::CaptureStdout();
+    other.stats_init();
+    entry(0, 2, 3, LUMOHAL_LOG_SLEEP_STARTED, {1});
+    index(0, 3, 0);
+    other.show_debug_log(stdout);
+    log.show_debug_log(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    other.ctxt_destroy();
 }
 
 TEST_F(FwLog, DumpKindsSelectTheirViews)

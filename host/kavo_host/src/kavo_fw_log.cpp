@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <new>
 
 #include "fw_log_print.h"
@@ -270,9 +271,6 @@ void kavo_fw_log::stats_read()
         fw_stats->firmware_stats_buffer = table_alloc<velt_sys_fw_stats_t>(count);
     fw_stats->stats_list_of_statistics_ptr.read_bytes_and_flip(fw_stats->firmware_stats_buffer, 0,
                                                                count * (UINT32)sizeof(velt_sys_fw_stats_t));
-    // The firmware pads its descriptions with NULs; make sure one is there.
-    for (UINT32 i = 0; i < count; ++i)
-        fw_stats->firmware_stats_buffer[i].description[sizeof(velt_sys_fw_stats_t::description) - 1] = '\0';
 }
 
 const char* kavo_fw_log::stat_name_get(UINT32 index)
@@ -280,7 +278,13 @@ const char* kavo_fw_log::stat_name_get(UINT32 index)
     if (fw_stats == nullptr || !fw_stats->display_firmware_stats) return nullptr;
     if (fw_stats->firmware_stats_buffer == nullptr) stats_read();
     if (index >= fw_stats->stats_number_of_stats) return nullptr;
-    return fw_stats->firmware_stats_buffer[index].description;
+    // A description fills all 28 bytes when it has no NUL of its own: the name
+    // is returned from a buffer with room for the terminator.
+    const char* description = fw_stats->firmware_stats_buffer[index].description;
+    const size_t length = strnlen(description, sizeof(velt_sys_fw_stats_t::description));
+    std::memcpy(stat_name, description, length);
+    stat_name[length] = '\0';
+    return stat_name;
 }
 
 void kavo_fw_log::show_stats(FILE* file)
@@ -482,11 +486,10 @@ void kavo_fw_log::show_debug_log(FILE* file)
 
 void kavo_fw_log::print_address(char* out, size_t size, const char* prefix, UINT32 address)
 {
-    if (!symbols_loaded) {
-        // This build carries no firmware symbol map: addresses print as numbers.
-        symbols_loaded = true;
-        std::printf("no firmware symbols\n");
-    }
+    // This build carries no firmware symbol map: addresses print as numbers.
+    // The map would be loaded once per process; so is its absence reported.
+    static std::once_flag symbols_loaded;
+    std::call_once(symbols_loaded, [] { std::printf("no firmware symbols\n"); });
     std::snprintf(out, size, "%s%08x", prefix, address);
 }
 
@@ -507,6 +510,9 @@ void kavo_fw_log::show_log_entry(FILE* file, dbg_log_tracking_t* log)
         unsigned char raw[20];
         std::memcpy(raw, words, sizeof(raw));
         char text[21] = "";
+        // A NUL ends the text: the firmware pads a shorter text with NULs, and
+        // the continuation of multi-record messages joins texts at their ends.
+        // Other control characters and 127 show as blanks.
         for (int i = 0; i < 20 && raw[i] != 0; ++i) {
             text[i] = (raw[i] < 0x20 || raw[i] == 127) ? ' ' : (char)raw[i];
             text[i + 1] = '\0';
