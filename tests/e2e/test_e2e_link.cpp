@@ -76,6 +76,7 @@ TEST_F(device_test, DoorbellKeptByTheFirmwareTakesTheLinkDownThenRefusesToPost)
     EXPECT_EQ(ping(0), HTL_ERR_DEVICE_OFFLINE);
     std::string log = take();
     EXPECT_TRUE(has(log, " VELT_RUNTIME_ERROR( VELT_ERR_FAIL )\n")) << log;
+    EXPECT_TRUE(has(log, "0:0x3401:kavo_htl.cpp:")) << log;
     EXPECT_TRUE(has(log, " HOST_MSG IPI: 0\n")) << log;
     EXPECT_EQ(ping(0), HTL_ERR_DEVICE_NOT_CONNECTED);
 
