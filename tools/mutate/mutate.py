@@ -22,6 +22,7 @@ Options:
   --timeout S        seconds per test (default: 30)
   --sample N         at most N mutants, chosen evenly over the list
   --ops OPS          comma-separated operators (default: cmp,logic,const,drop)
+  --budget S         stop starting new mutants after S seconds (default: no limit)
   --list             only list the mutants
   --report FILE      write the survivors (file:line, operator, mutated line) there
 
@@ -148,6 +149,7 @@ def main():
     ap.add_argument("--timeout", type=int, default=30)
     ap.add_argument("--sample", type=int, default=0)
     ap.add_argument("--ops", default="cmp,logic,const,drop")
+    ap.add_argument("--budget", type=int, default=0)
     ap.add_argument("--list", action="store_true")
     ap.add_argument("--report")
     args = ap.parse_args()
@@ -197,6 +199,9 @@ def main():
     signal.signal(signal.SIGTERM, interrupted)
     start = time.time()
     for i, (path, n, op, new) in enumerate(mutants, 1):
+        if args.budget and time.time() - start > args.budget:
+            print(f"time budget spent: {i - 1} of {len(mutants)} mutants run")
+            break
         with open(path) as f:
             original = f.read()
         lines = original.splitlines(keepends=True)
