@@ -2,8 +2,13 @@
 // failed or refused step leaves behind, and the codes each one reports.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "kavo_device.h"
 #include "kavo_test_device.h"
@@ -151,4 +156,110 @@ TEST_F(device_test, UnknownDevicesAnswerWithoutTouchingAChip)
     EXPECT_EQ(status.sw_revision, (UINT32)KAVO_SW_REVISION);
     EXPECT_EQ(status.sw_version, (UINT32)KAVO_SW_VERSION);
     EXPECT_EQ(status.device_connected, 0u);
+}
+
+TEST_F(device_test, FirmwareNameDefaultsAndMayBeSetFromWhatGetReturned)
+{
+    kavo_firmware_filename_clear();
+    char* name = nullptr;
+    kavo_fw_filename_get(&name);
+    EXPECT_STREQ(name, "./kavo_fw_app_revx.mem");
+    take();
+    EXPECT_EQ(kavo_fw_filename_set(nullptr), (VELT_ERROR)KAVO_ERR_FW_IMAGE_PATH_INVALID);
+    EXPECT_TRUE(has(take(), " VELT_RUNTIME_ERROR( KAVO_ERR_FW_IMAGE_PATH_INVALID )\n"));
+    // The name handed back in: copied before the old one is freed.
+    ASSERT_EQ(kavo_fw_filename_set("/images/board_7_revx.mem"), VELT_SUCCESS);
+    kavo_fw_filename_get(&name);
+    ASSERT_EQ(kavo_fw_filename_set(name), VELT_SUCCESS);
+    kavo_fw_filename_get(&name);
+    EXPECT_STREQ(name, "/images/board_7_revx.mem");
+}
+
+TEST_F(device_test, ImageAndRamTestEdges)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    kavo_device* device = kavo_device_find(0);
+    // A 64-byte image is a header alone: nothing is downloaded, and that succeeds.
+    const std::string path = kavo_test::make_image("hdr.mem", 3, 0, 2);
+    std::string header(64, '\0');
+    {
+        FILE* in = std::fopen(path.c_str(), "rb");
+        ASSERT_NE(in, nullptr);
+        ASSERT_EQ(std::fread(header.data(), 1, 64, in), 64u);
+        std::fclose(in);
+        FILE* out = std::fopen(path.c_str(), "wb");
+        ASSERT_EQ(std::fwrite(header.data(), 1, 64, out), 64u);
+        std::fclose(out);
+    }
+    kavo_fw_filename_set(path.c_str());
+    kavo_sim::chip_get(0)->journal_reset();
+    EXPECT_EQ(device->download_fw(), VELT_SUCCESS);
+    EXPECT_TRUE(kavo_test::bus_sequence(0).empty());
+    // A RAM test whose words all come back wrong: 23 and one line per word.
+    kavo_sim::fault_config f;
+    f.bus_fail_addresses = {0x24};
+    kavo_sim::chip_get(0)->faults(f);
+    take();
+    EXPECT_EQ(device->ram_access_test(), (VELT_ERROR)KAVO_ERR_FW_SPRAM_WRITE_FAIL);
+    const std::string log = take();
+    size_t lines = 0;
+    for (size_t at = log.find(" Test write/read failed at word "); at != std::string::npos;
+         at = log.find(" Test write/read failed at word ", at + 1))
+        ++lines;
+    EXPECT_EQ(lines, 10u);
+    EXPECT_TRUE(has(log, "0:0x17:kavo_device_boot.cpp:")) << "code 23 in the prefix";
+    EXPECT_TRUE(has(log, " Test write/read failed at word 9. Expected: 0xa0b0c0d Actual: 0xffffffff\n")) << log;
+}
+
+TEST_F(device_test, MailboxBoundsAndWordRounding)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    std::vector<UINT8> data(KAVO_HTL_REQUEST_MAX_DATA_SIZE + 1, 0x11);
+    kavo_htl_request_t request;
+    request.device_id = 0;
+    request.operation = KAVO_HTL_OPERATION_DEBUG_PING;
+    request.data_ptr = data.data();
+    // 6 bytes travel as 32 + 6 bytes rounded down to whole words.
+    request.data_size = 6;
+    kavo_sim::chip_get(0)->journal_reset();
+    kavo_device::send(request);
+    EXPECT_EQ(kavo_test::bus_sequence(0).at(0), "bw 340004 9");
+    request.data_size = KAVO_HTL_REQUEST_MAX_DATA_SIZE;  // 16352 fits the mailbox
+    kavo_sim::chip_get(0)->journal_reset();
+    kavo_device::send(request);
+    EXPECT_EQ(kavo_test::bus_sequence(0).at(0), "bw 340004 1000");
+    request.data_size = KAVO_HTL_REQUEST_MAX_DATA_SIZE + 1;
+    EXPECT_DEATH(kavo_device::send(request), kavo_test::halts_with(VELT_ERR_FAIL));
+    // A reply payload of 65500 bytes does not fit the response mailbox's image.
+    kavo_sim::fault_config f;
+    f.oversized_reply = 1;
+    f.oversized_reply_bytes = 65500 - 4;
+    kavo_sim::chip_get(0)->faults(f);
+    std::vector<UINT32> reply(65536 / 4);
+    UINT32 word = 1;
+    request.data_ptr = &word;
+    request.data_size = 4;
+    kavo_htl_response_t response;
+    response.data_ptr = reply.data();
+    response.data_size = 65536;
+    EXPECT_DEATH(kavo_device::send(request, response),
+                 kavo_test::halts_with(VELT_ERR_FAIL, " ASSERT: Reconstructing the HTL response failed due to "
+                                                      "message size too big\n"));
+}
+
+TEST_F(device_test, ADumpWaitsForTheExchangeHoldingTheDevice)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    kavo_device* device = kavo_device_find(0);
+    std::atomic<bool> done{false};
+    device->lock();  // another thread's exchange in progress
+    std::thread dump([&] {
+        kavo_fw_log_dump(0, KAVO_FW_LOG_DUMP_CONSOLE);
+        done = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(done) << "the dump read on-chip RAM without the device lock";
+    device->unlock();
+    dump.join();
+    EXPECT_TRUE(done);
 }

@@ -28,7 +28,8 @@ Options:
 
 A mutant that does not compile is not counted. The survival rate is
 survivors / (killed + survivors). The source file is restored after each
-mutant, also when the runner is interrupted.
+mutant, also when the runner is interrupted. Do not edit the mutated files
+while it runs.
 """
 import argparse
 import os
@@ -185,9 +186,16 @@ def main():
     current = {}
 
     def restore(*_):
-        for path, text in current.items():
-            with open(path, "w") as f:
-                f.write(text)
+        # Only a file that still holds the mutant is put back: a file edited
+        # meanwhile by someone else is left alone and reported.
+        for path, (text, mutated) in current.items():
+            with open(path) as f:
+                now = f.read()
+            if now == mutated:
+                with open(path, "w") as f:
+                    f.write(text)
+            elif now != text:
+                print(f"{path} changed while it was mutated: left as it is, check it", file=sys.stderr)
         current.clear()
 
     def interrupted(*_):
@@ -206,10 +214,11 @@ def main():
             original = f.read()
         lines = original.splitlines(keepends=True)
         lines[n - 1] = new
-        current[path] = original
+        mutated = "".join(lines)
+        current[path] = (original, mutated)
         try:
             with open(path, "w") as f:
-                f.write("".join(lines))
+                f.write(mutated)
             if run(build) != 0:
                 invalid += 1
                 verdict = "does not build"

@@ -37,6 +37,11 @@ VELT_ERROR kavo_firmware_filename_set(const char* path)
     return VELT_SUCCESS;
 }
 
+void kavo_firmware_filename_clear()
+{
+    if (firmware_filename != nullptr) velt_customer_os_free(&firmware_filename);
+}
+
 char* kavo_firmware_filename_get()
 {
     if (firmware_filename == nullptr)
@@ -179,7 +184,7 @@ VELT_ERROR kavo_device::download_fw()
     for (UINT32 n = 0;; ++n) {
         UINT32 count = DOWNLOAD_CHUNK;
         VELT_ERROR rc = velt_sys_file_read(file, chunk, &offset, &count);
-        offset += count;
+        if (count % 4 != 1) VELT_ASSERT_FAIL(_device_id, KAVO_ERR_FW_SPRAM_WRITE_FAIL);
         if (rc != VELT_SUCCESS || count == 0) {
             velt_sys_file_close(file);
             return rc;
