@@ -184,7 +184,7 @@ VELT_ERROR kavo_device::download_fw()
     for (UINT32 n = 0;; ++n) {
         UINT32 count = DOWNLOAD_CHUNK;
         VELT_ERROR rc = velt_sys_file_read(file, chunk, &offset, &count);
-        if (count % 4 != 1) VELT_ASSERT_FAIL(_device_id, KAVO_ERR_FW_SPRAM_WRITE_FAIL);
+        offset += count;
         if (rc != VELT_SUCCESS || count == 0) {
             velt_sys_file_close(file);
             return rc;
