@@ -235,7 +235,7 @@ def main():
 
     counted = killed + len(survivors)
     rate = 100.0 * len(survivors) / counted if counted else 0.0
-    summary = (f"{len(mutants)} mutants: {killed} killed, {len(survivors)} survived, {invalid} did not build; "
+    summary = (f"{killed + len(survivors) + invalid} of {len(mutants)} mutants run: {killed} killed, {len(survivors)} survived, {invalid} did not build; "
                f"survival {rate:.1f}% ({time.time() - start:.0f} s)")
     print(summary)
     for s in survivors:
