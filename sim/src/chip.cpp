@@ -5,7 +5,6 @@
 namespace kavo_sim {
 namespace {
 
-constexpr UINT32 INIT_BUSY_READS = 2;           // INIT_STATUS reads that still see the init busy
 constexpr UINT32 SHUTDOWN_PATTERN = 0x5EED5EED; // what a powered-down bank holds afterwards
 constexpr UINT32 IPI_TEST_BIT = VELT_IPI_TEST;
 
@@ -113,11 +112,7 @@ UINT32 chip_impl::decode_read(UINT32 address, UINT32& value)
         value = r.ocr_init_ctrl;
         return map::BUS_OK;
     case map::OCR_INIT_STATUS:
-        if (r.ocr_init_busy_reads > 0) {
-            --r.ocr_init_busy_reads;
-        } else {
-            r.ocr_init_busy = 0;
-        }
+        if (st.now_ns() >= r.ocr_init_done_ns) r.ocr_init_busy = 0;
         value = r.ocr_init_busy;
         return map::BUS_OK;
     case map::OCR_SHUTDOWN_CTRL:
@@ -200,7 +195,7 @@ UINT32 chip_impl::decode_write(UINT32 address, UINT32 value)
                 std::fill_n(st.ram.begin() + b * (map::RAM_BANK_SIZE / 4), map::RAM_BANK_SIZE / 4, 0u);
         if (start) {
             r.ocr_init_busy = start;
-            r.ocr_init_busy_reads = INIT_BUSY_READS;
+            r.ocr_init_done_ns = st.now_ns() + UINT64(st.cfg.ram_init_us) * 1000;
         }
         r.ocr_init_ctrl = value & 0xFF;
         return map::BUS_OK;
@@ -311,6 +306,7 @@ void chip_impl::processor_reset()
 {
     fw.stop();
     state = SIM_FW_STATE_IN_RESET;
+    starting_ = false;
     has_pending_ = false;
     work_ = false;
     ++generation_;
@@ -318,7 +314,14 @@ void chip_impl::processor_reset()
 
 void chip_impl::maybe_start()
 {
-    if (!st.regs.host_reset && st.regs.ca53_ctrl4 == 0 && state == SIM_FW_STATE_IN_RESET) start_firmware();
+    if (st.regs.host_reset || st.regs.ca53_ctrl4 != 0 || state != SIM_FW_STATE_IN_RESET || starting_) return;
+    if (st.cfg.startup_us == 0) {
+        start_firmware();
+        return;
+    }
+    // The firmware takes its start-up time before it answers the handshake.
+    starting_ = true;
+    start_due_ns_ = st.now_ns() + UINT64(st.cfg.startup_us) * 1000;
 }
 
 void chip_impl::start_firmware()
@@ -425,6 +428,10 @@ void chip_impl::deliver(fw::outcome& out)
 
 void chip_impl::deliver_due()
 {
+    if (starting_ && st.now_ns() >= start_due_ns_) {
+        starting_ = false;
+        start_firmware();
+    }
     if (has_pending_ && clock::now() >= pending_due_) {
         has_pending_ = false;
         deliver(pending_);

@@ -62,6 +62,8 @@ class chip_impl {
     bool stop_ = false;
     bool work_ = false;
     UINT64 generation_ = 0; // bumped by every processor reset or restart
+    bool starting_ = false;  // released from reset, start-up time not yet over
+    UINT64 start_due_ns_ = 0;
 };
 
 } // namespace kavo_sim

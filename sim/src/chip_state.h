@@ -21,7 +21,7 @@ struct chip_registers {
     UINT32 ocr_unavail = 0;
     UINT32 ocr_init_ctrl = 0;
     UINT32 ocr_init_busy = 0;       // banks being initialised
-    UINT32 ocr_init_busy_reads = 0; // INIT_STATUS reads left before the init completes
+    UINT64 ocr_init_done_ns = 0;    // chip time at which the running init completes
     UINT32 ocr_shutdown = 0;
     UINT32 dev_intb_aggr_set[map::DEV_INTB_AGGR_SET_COUNT] = {};
     UINT32 ipi[map::INTER_PROCESSOR_INTS_COUNT] = {};

@@ -3,6 +3,7 @@
 // configuration, many devices.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,6 +14,8 @@
 #include "velt_log.h"
 
 using kavo_test::device_test;
+using kavo_test::has;
+using kavo_test::ping;
 using kavo_test::take;
 
 namespace {
@@ -247,4 +250,82 @@ TEST_F(device_test, VerbosityForTheLibraryAndForTheFirmware)
     kavo_log_verbosity_level_set(0xFFFFFFFF, 4);
     EXPECT_EQ(kavo_log_verbosity_level_set(0, 6), VELT_SUCCESS);
     EXPECT_EQ(kavo_test::last_request_text(0), "set_verbosity 6 ");
+}
+
+namespace {
+
+/* The register writes and reads of a bring-up, from the chip's journal: bursts
+   left out, a poll's repeated reads of one register shown once. */
+std::vector<std::string> register_sequence(UINT32 id)
+{
+    std::vector<std::string> out;
+    for (const std::string& op : kavo_test::bus_sequence(id)) {
+        if (op[0] == 'b') continue;
+        if (!out.empty() && op[0] == 'r' && out.back() == op) continue;
+        out.push_back(op);
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST_F(device_test, ColdStartAndReloadWriteExactlyTheirRegisterSequences)
+{
+    const std::vector<std::string> cold_reset = {
+        "w f0002c 5afec0de", "r f00020", "w f00020 0", "w f10028 0", "w f10010 0", "w f10018 f", "r f10020",
+        "w f10018 0"};
+    const std::vector<std::string> release = {"w f0002c 0", "w f000b0 0", "r f00338", "w f02000 1000000"};
+    // DEVICE_ID read (valid id, revision for the image, revision for the divider);
+    // the divider's other fields keep their reset value 4.
+    const std::vector<std::string> reva_check = {"r f00380", "r 74401c", "w 74401c 4040403", "w 744010 1",
+                                                 "w 744010 0"};
+    const std::vector<std::string> revb_check = {"r f00380"};  // no divider on revb
+    for (UINT32 revision : {0u, 1u}) {
+        SCOPED_TRACE(revision);
+        kavo_fw_filename_set((kavo_test::firmware_dir() + "/kavo_fw_app_revx.mem").c_str());
+        ASSERT_EQ(kavo_sim::chip_create(revision, {0x6100, revision}), VELT_SUCCESS);
+        ASSERT_EQ(kavo_device_init(revision, KAVO_INIT_COLD), VELT_SUCCESS) << take();
+        std::vector<std::string> expected = revision == 0 ? reva_check : revb_check;
+        expected.insert(expected.end(), cold_reset.begin(), cold_reset.end());
+        expected.push_back("w f00338 0");  // boot argument of a cold start
+        expected.insert(expected.end(), release.begin(), release.end());
+        const std::vector<std::string> seen = register_sequence(revision);
+        ASSERT_GE(seen.size(), expected.size());
+        EXPECT_EQ(std::vector<std::string>(seen.begin(), seen.begin() + expected.size()), expected);
+    }
+    // A newer image on a running chip: reload with mask 3 and the warm boot argument.
+    kavo_fw_filename_set(kavo_test::make_image("newer.mem", 3, 0, 9).c_str());
+    kavo_device_uninit(0, 0);
+    kavo_sim::chip_get(0)->journal_reset();
+    ASSERT_EQ(kavo_device_init(0, KAVO_INIT_AUTO), VELT_SUCCESS) << take();
+    const std::vector<std::string> reload = {
+        "w f00020 1000000", "w f0002c 5afec0de", "r f00020", "w f00020 1000000", "w f10028 3", "w f10028 0",
+        "w f10018 3",       "r f10020",          "w f10018 0", "w f00338 beeb00ba", "w f0002c 0", "w f000b0 0",
+        "r f00338",         "w f02000 1000000"};
+    const std::vector<std::string> seen = register_sequence(0);
+    auto at = std::search(seen.begin(), seen.end(), reload.begin(), reload.begin() + 1);
+    ASSERT_NE(at, seen.end()) << "no reload";
+    ASSERT_GE(seen.end() - at, (long)reload.size());
+    EXPECT_EQ(std::vector<std::string>(at, at + reload.size()), reload);
+    EXPECT_EQ(kavo_test::requests_of(0, KAVO_HTL_OPERATION_RESTART), 1u);
+}
+
+TEST_F(device_test, StartUpAndRamInitTakeTheirTimeAndThePollsWaitForThem)
+{
+    // The RAM init outlasts the clear's 1000 us poll: the cold start goes on,
+    // its RAM test decides. The firmware answers the handshake after 0.3 s:
+    // the start-up poll sleeps once.
+    kavo_sim::chip_config cfg;
+    cfg.startup_us = 300000;
+    cfg.ram_init_us = 5000;
+    velt_log_verbosity_level_set(0, VELT_LOG_SEV_LOW);
+    ASSERT_EQ(bring_up(0, KAVO_INIT_COLD, cfg), VELT_SUCCESS) << take();
+    velt_log_verbosity_level_set(0, VELT_LOG_SEV_EVENT);
+    const std::string log = take();
+    EXPECT_TRUE(has(log, " Sleeping for 500000 microseconds\n")) << log;
+    EXPECT_TRUE(has(log, " FW started successfully\n"));
+    int polls = 0;
+    for (const std::string& op : kavo_test::bus_sequence(0)) polls += op == "r f10020";
+    EXPECT_GE(polls, 2) << "the clear's poll read until its time-out";
+    EXPECT_EQ(ping(0), VELT_SUCCESS);
 }

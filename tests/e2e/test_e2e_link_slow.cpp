@@ -21,7 +21,20 @@ TEST_F(device_test, FirmwareThatStopsAnsweringGoesOfflineUntilReconnected)
     f.fw_hang = true;
     kavo_sim::chip_get(0)->faults(f);
     take();
-    EXPECT_EQ(ping(0), HTL_ERR_DEVICE_OFFLINE);
+    // The caller's response tells the time-out as well: this device, no operation, offline.
+    UINT32 word = 1, back = 0;
+    kavo_htl_request_t request;
+    request.device_id = 0;
+    request.operation = KAVO_HTL_OPERATION_DEBUG_PING;
+    request.data_ptr = &word;
+    request.data_size = 4;
+    kavo_htl_response_t response;
+    response.data_ptr = &back;
+    response.data_size = 4;
+    EXPECT_EQ(kavo_device::send(request, response), HTL_ERR_DEVICE_OFFLINE);
+    EXPECT_EQ(response.result, (VELT_ERROR)HTL_ERR_DEVICE_OFFLINE);
+    EXPECT_EQ((UINT32)response.operation, 4098u);
+    EXPECT_EQ(response.device_id, 0u);
     const std::string log = take();
     EXPECT_TRUE(has(log, " HOST_MSG IPI: 0\n")) << log;
     size_t first = log.find(" VELT_RUNTIME_ERROR( HTL_ERR_DEVICE_OFFLINE )\n");

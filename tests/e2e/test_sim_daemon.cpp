@@ -37,8 +37,10 @@ class SimDaemon : public ::testing::Test {
             for (auto& a : args)
                 argv.push_back(a.data());
             argv.push_back(nullptr);
-            ::freopen("/dev/null", "w", stdout);
-            ::freopen("/dev/null", "w", stderr);
+            // The daemon's own output would mix into the test's; a child that cannot
+            // silence it does not start at all, and the test sees no daemon.
+            if (::freopen("/dev/null", "w", stdout) == nullptr || ::freopen("/dev/null", "w", stderr) == nullptr)
+                ::_exit(126);
             ::execv(argv[0], argv.data());
             ::_exit(127);
         }

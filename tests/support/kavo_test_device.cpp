@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -49,6 +50,23 @@ UINT32 requests_of(UINT32 id, UINT32 operation)
     for (const auto& e : kavo_sim::chip_get(id)->journal().events)
         if (e.kind == kavo_sim::event_kind::request && e.operation == operation) ++n;
     return n;
+}
+
+std::vector<std::string> bus_sequence(UINT32 id)
+{
+    std::vector<std::string> out;
+    char text[64];
+    for (const auto& e : kavo_sim::chip_get(id)->journal().events) {
+        switch (e.kind) {
+        case kavo_sim::event_kind::reg_read: std::snprintf(text, sizeof(text), "r %x", e.address); break;
+        case kavo_sim::event_kind::reg_write: std::snprintf(text, sizeof(text), "w %x %x", e.address, e.value); break;
+        case kavo_sim::event_kind::burst_read: std::snprintf(text, sizeof(text), "br %x %x", e.address, e.value); break;
+        case kavo_sim::event_kind::burst_write: std::snprintf(text, sizeof(text), "bw %x %x", e.address, e.value); break;
+        default: continue;
+        }
+        out.push_back(text);
+    }
+    return out;
 }
 
 std::string last_request_text(UINT32 id)

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "kavo/kavo_api.h"
 #include "kavo_sim/kavo_sim.h"
@@ -24,6 +25,11 @@ inline bool has(const std::string& text, const char* part) { return text.find(pa
 
 /* Requests of one operation the chip has served since its journal was reset. */
 UINT32 requests_of(UINT32 id, UINT32 operation);
+/* The chip's bus transactions since its journal was last reset, one string
+   each: "r ADDR" (a register read), "w ADDR VALUE", "br ADDR WORDS",
+   "bw ADDR WORDS", hexadecimal without leading zeros. */
+std::vector<std::string> bus_sequence(UINT32 id);
+
 /* The payload of the last request in the chip's mailbox, as text. */
 std::string last_request_text(UINT32 id);
 

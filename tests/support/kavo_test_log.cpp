@@ -53,11 +53,19 @@ std::string take()
     return out;
 }
 
-// The halting line goes to standard error first, where death tests look for it.
-void abort_on_assert(UINT32, const char*, int)
+void abort_on_assert(UINT32 code, const char*, int)
 {
-    std::fputs(captured().c_str(), stderr);
+    // What was printed and the code reach the death test's stderr, so that it
+    // matches the " ASSERT: " line and the code, not just any crash.
+    std::fprintf(stderr, "%s\nhalted with code 0x%x\n", captured().c_str(), code);
     std::abort();
+}
+
+std::string halts_with(UINT32 code, const std::string& text)
+{
+    char tail[48];
+    std::snprintf(tail, sizeof(tail), "halted with code 0x%x\n", code);
+    return text + ".*" + tail;
 }
 
 void install_capture(qspi_callout_api_st* registers)

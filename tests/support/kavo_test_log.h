@@ -4,6 +4,9 @@
 #ifndef KAVO_TEST_LOG_H
 #define KAVO_TEST_LOG_H
 
+#include <gtest/gtest.h>
+
+#include <cstdio>
 #include <string>
 
 #include "kavo/kavo_api.h"
@@ -19,6 +22,22 @@ std::string take();
    or null) and the aborting assertion handler. */
 void install_capture(qspi_callout_api_st* registers = nullptr);
 void abort_on_assert(UINT32 code, const char* file, int line);
+/* The death-test pattern of a halt with `code` after `text` (a regular
+   expression, " ASSERT: " by default). */
+/* What fn wrote to the process's standard output; nothing may have gone
+   through the print callout meanwhile. */
+template <typename F>
+std::string printed(F&& fn)
+{
+    take();
+    testing::internal::CaptureStdout();
+    fn();
+    std::fflush(stdout);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(take(), "") << "printed through the callout";
+    return out;
+}
+std::string halts_with(UINT32 code, const std::string& text = " ASSERT: ");
 
 }  // namespace kavo_test
 

@@ -7,10 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "fw_log_print.h"
 #include "kavo_fake_bus.h"
 #include "kavo_fw_log.h"
 #include "kavo_test_log.h"
 #include "velt_circular_buffer_writer.h"
+#include "velt_type_print.h"
+
+extern const velt_enum_table_t kavo_err_t_table;
 
 namespace {
 
@@ -37,7 +41,8 @@ protected:
         put(20, cookie), put(24, (UINT32)records.size()), put(28, 80), put(32, STATS);
         for (UINT32 i = 0; i < records.size(); ++i) {
             velt_sys_fw_stats_t s{};
-            std::snprintf(s.description, sizeof(s.description), "%s", std::get<0>(records[i]));
+            const char* name = std::get<0>(records[i]);  // 28 characters fill it without a NUL
+            std::memcpy(s.description, name, std::min(std::strlen(name), sizeof(s.description)));
             s.num = std::get<1>(records[i]), s.mark_started = std::get<2>(records[i]);
             bus.set_bytes(BASE + STATS + 80 * i, &s, sizeof(s));
         }
@@ -119,6 +124,36 @@ TEST_F(FwLog, EntryLinesShowTimeDeviceNameMessageAddressesLineAndText)
     EXPECT_EQ(show(), at + "05 0 A USER_LOG_START start   \n" + at + "10 0 A USER_LOG_CONT  start middle   \n" + at +
                           "15 0 A USER_LOG_END   start middle end  \n" + at + "20 0 A USER_LOG       tab here   \n" +
                           at + "25 0 A STRING_MSG     twenty characters!!!  \n");
+}
+
+TEST_F(FwLog, TheLongestDecodedMessageIsShownWhole)
+{
+    // The longest text the decoder makes, over every code and a few data patterns.
+    const UINT32 patterns[][5] = {{0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF},
+                                  {0x80000000, 0x80000000, 0x80000000, 0x80000000, 0x80000000},
+                                  {0xF00020, 0xFFFFFFFF, 0xF00020, 0, 0}, {0x744010, 0x7FFFFFFF, 0x21E0, 0, 0}};
+    std::string longest, name;
+    UINT16 code = 0;
+    UINT32 data[5] = {};
+    for (UINT32 i = 0; i < kavo_err_t_table.count; ++i) {
+        const velt_enum_entry_t& e = kavo_err_t_table.entries[i];
+        EXPECT_LT(std::strlen(e.name), 80u) << e.name;  // the line buffer's room for a name
+        if (e.value >= 6147 && e.value <= 6151) continue;  // text records
+        for (const auto& d : patterns) {
+            char out[1001] = "";
+            UINT32 words = 2;
+            fw_log_print(&log, (INT32)e.value, d[0], d[1], d[2], d[3], d[4], out, sizeof(out), &words);
+            if (std::strlen(out) + std::strlen(e.name) > longest.size() + name.size())
+                longest = out, name = e.name, code = (UINT16)e.value, std::memcpy(data, d, sizeof(data));
+        }
+    }
+    ASSERT_GT(longest.size(), 60u);
+    logs({{"main", 8}});
+    entry(0, 0, 1, code, {data[0], data[1], data[2], data[3], data[4]});
+    index(0, 1, 0);
+    init();
+    const std::string out = show();
+    EXPECT_NE(out.find(" main " + name + " " + longest), std::string::npos) << out;
 }
 
 TEST_F(FwLog, LogsWithInterleavedTicksPrintInGlobalOrder)
@@ -215,9 +250,56 @@ TEST_F(FwLog, CookiesAndHeadersDecideWhatIsShown)
     init();
     EXPECT_NE(kavo_test::take().find(" VELT_RUNTIME_ERROR( VELT_ERR_FAIL )\n"), std::string::npos);
     put(24, 1), put(28, 1000);
-    EXPECT_DEATH(log.stats_init(), "");  // record size above 999
+    EXPECT_DEATH(log.stats_init(), kavo_test::halts_with(VELT_ERR_FAIL, "0:0x1:kavo_fw_log.cpp.* ASSERT: "));  // record size above 999
     put(28, 80), put(40, 400);
-    EXPECT_DEATH(log.stats_init(), "");  // more than 399 debug logs
+    EXPECT_DEATH(log.stats_init(), kavo_test::halts_with(FW_COMMON_ERR_BAD_NUM_LOGS,
+                                                         " fw_common_stats->num_dbg_logs exceeded\\. Max: 399, "
+                                                         "Actual: 400 ASSERT: "));
+}
+
+TEST_F(FwLog, FirstNewConsoleMessagesFollowTheRingWithoutReprintingIt)
+{
+    put(0, VELT_CONSOLE_COOKIE);
+    velt_circular_buffer_writer writer;
+    writer.init(reinterpret_cast<volatile UINT32*>(bus.at(BASE + 8)), reinterpret_cast<volatile UINT32*>(bus.at(BASE + 4)),
+                reinterpret_cast<char*>(bus.at(BASE + 68)), 32768);
+    char boot[] = "booted\n", later[] = "later\n";
+    writer.write_char_data(boot, 7);
+    log.dump(stdout, KAVO_FW_LOG_DUMP_CONSOLE_NEW);  // never positioned: from the ring's start, no banners
+    EXPECT_EQ(kavo_test::take(), "-- firmware console ---\n\nprinting from _read_index=0 to _write_index=4\nbooted\n"
+                                 "-- end of firmware console ---\n");
+    writer.write_char_data(later, 6);
+    log.dump(stdout, KAVO_FW_LOG_DUMP_CONSOLE_NEW);
+    EXPECT_EQ(kavo_test::take(), "-- firmware console ---\n\nprinting from _read_index=4 to _write_index=8\nlater\n"
+                                 "-- end of firmware console ---\n");
+}
+
+TEST_F(FwLog, FullLengthStatNameKeepsItsLastCharacterAndSymbolsAreMissedOncePerProcess)
+{
+    stats({{"abcdefghijklmnopqrstuvwxyz01", 1, false}, {"short", 1, false}});
+    init();
+    EXPECT_STREQ(log.stat_name_get(0), "abcdefghijklmnopqrstuvwxyz01");
+    EXPECT_STREQ(log.stat_name_get(1), "short");
+    log.show_stats(stdout);
+    EXPECT_NE(kavo_test::take().find("FIRMWARE:  abcdefghijklmnopqrstuvwxyz01: "), std::string::npos);
+    // A NUL ends a text record's text.
+    logs({{"A", 8}});
+    entry(0, 0, 1, 6147, {0x00006261, 0x00006463});  // "ab", NUL, NUL, "cd"
+    entry(0, 1, 2, LUMOHAL_LOG_SLEEP_STARTED, {1});     // an address: the symbol map is looked for
+    index(0, 2, 0);
+    init();
+    EXPECT_NE(show().find(" A USER_LOG       ab "), std::string::npos);
+    // Another device's log prints addresses without saying again that symbols are missing.
+    kavo_fw_log other;
+    other.handle_init(0, &handle);
+    testing::internal::CaptureStdout();
+    other.stats_init();
+    entry(0, 2, 3, LUMOHAL_LOG_SLEEP_STARTED, {1});
+    index(0, 3, 0);
+    other.show_debug_log(stdout);
+    log.show_debug_log(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    other.ctxt_destroy();
 }
 
 TEST_F(FwLog, DumpKindsSelectTheirViews)

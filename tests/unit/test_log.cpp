@@ -151,7 +151,7 @@ TEST(LogDeath, HaltingAndTerminatingPaths)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     kavo_test::install_capture();
-    EXPECT_DEATH(velt_log_backtrace_get(nullptr), "");
+    EXPECT_DEATH(velt_log_backtrace_get(nullptr), kavo_test::halts_with(VELT_SHARED_ERR_MEMSET_FAILED));
     int unknown = 0;
     char name[32];
     EXPECT_EXIT(velt_log_lookup_symbol(&unknown, name, sizeof(name)), testing::ExitedWithCode(1), "backtrace_symbols");

@@ -82,7 +82,7 @@ TEST_F(Options, ValueGrammarOfEachKind)
         {&b, "", "true"}, {&b, "1", "true"}, {&b, "ON", "true"}, {&b, "Yes", "true"}, {&b, "TRUE", "true"},
         {&b, "0", "false"}, {&b, "no", "false"}, {&b, "Off", "false"}, {&b, "FALSE", "false"}, {&b, "2", "FAIL"},
         {&b, "y", "FAIL"},
-        {&i, "0x10", "16"}, {&i, "0X1f", "31"}, {&i, "010", "10"}, {&i, "-5", "-5"}, {&i, "-0x10", "-16"},
+        {&i, "0x10", "16"}, {&i, "0X1f", "31"}, {&i, "010", "10"}, {&i, "-5", "-5"}, {&i, "-0x10", "-16"}, {&i, "0x0x10", "FAIL"}, {&i, "0x", "FAIL"},
         {&i, "12a", "FAIL"}, {&i, "", "FAIL"}, {&i, " 1", "FAIL"}, {&i, "2147483648", "FAIL"}, {&i, "0x", "FAIL"},
         {&u, "4294967295", "4294967295"}, {&u, "0xffffffff", "4294967295"}, {&u, "4294967296", "FAIL"},
         {&u, "-1", "FAIL"},
@@ -91,7 +91,7 @@ TEST_F(Options, ValueGrammarOfEachKind)
         {&r, "5", "5..5"}, {&r, "5+3", "5..8"}, {&r, "2..9", "2..9"}, {&r, "-3..-1", "-3..-1"}, {&r, "x..2", "FAIL"},
         {&e, "2", "Two"}, {&e, "0x01", "One"}, {&e, "two", "Two"}, {&e, "9", "9"}, {&e, "Three", "FAIL"},
         {&p, "a,b", "a,b"}, {&p, "1,7", "a,7"}, {&p, "a", "FAIL"}, {&p, "x,b", "FAIL"},
-        {&v, "Highest", "Error"}, {&v, "0", "0"}, {&v, "8", "FAIL"}, {&v, "-1", "FAIL"}, // two names for 2; 0 silent
+        {&v, "Highest", "Error"}, {&v, "0", "0"}, {&v, "8", "8"}, {&v, "-1", "-1"}, {&v, "0x0x10", "FAIL"}, // two names for 2; 0 silent; any number
         // clang-format on
     };
     for (const Row& row : rows) {
@@ -150,7 +150,7 @@ TEST_F(Options, ArgumentFormsAndCaseSensitivity)
     EXPECT_TRUE(velt_global_trace_status_logging_enabled);
     const char* bad[] = {"parse_string", "warm_restart=-1"};
     EXPECT_FALSE(registry().ParseOptionsOrError(2, bad, error));
-    EXPECT_EQ(error, "error parsing 'warm_restart=-1'\n");
+    EXPECT_EQ(error, "error parsing '-1'\n");  // the value, as from the environment
     registry().Reset();
     EXPECT_FALSE(velt_global_trace_status_logging_enabled);
     EXPECT_EQ(global_verbosity, VELT_LOG_SEV_EVENT);
@@ -277,9 +277,9 @@ TEST(OptionsDeath, ParseErrorsEndTheProcessWithUsage)
                 "no match for 'bogus'\n.*  verbosity +- set SW");
     const char* bad[] = {"parse_string", "notimeout=maybe"};
     EXPECT_EXIT((to_stderr(), registry().ParseOptions(2, bad)), testing::ExitedWithCode(255),
-                "error parsing 'notimeout=maybe'\n");
+                "error parsing 'maybe'\n");
     EXPECT_EXIT((to_stderr(), registry().ParseString("function_stats=2")), testing::ExitedWithCode(255),
-                "error parsing 'function_stats=2'");
+                "error parsing '2'\n");
     EXPECT_EXIT((to_stderr(), kavo_options_parse_args(2, unknown)), testing::ExitedWithCode(255), "no match");
     EXPECT_EXIT((to_stderr(), registry().Usage()), testing::ExitedWithCode(255), "log_dir +- log directory");
     setenv("VELT_t_env_bad", "zz", 1);

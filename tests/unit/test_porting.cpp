@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "kavo_fake_bus.h"
+#include "kavo_device.h"
 #include "kavo_test_log.h"
 #include "velt_shared_log.h"
 #include "velt_sys.h"
@@ -241,6 +242,23 @@ TEST(PortingDeath, EveryHaltingPath)
              velt_customer_os_assert(VELT_SHARED_LOG_TRACE, "here.cpp", 7);
          }},
         {"^$", [] { velt_customer_os_assert(VELT_SHARED_LOG_TRACE, "here.cpp", 7); }}, // silent at level 5
+        {"^ VELT_ASSERT \\(there.cpp:9\\) \\(0x1f0b\\)\n$",
+         [] {
+             velt_log_verbosity_level_set(0, VELT_LOG_SEV_LOW);
+             velt_sys_assert_function(VELT_SHARED_ERR_MALLOC_FAILED, "there.cpp", 9);
+         }},
+        // The device lock and the device object come from the zeroing allocation.
+        {"0x1f0b:velt_customer_os.cpp:[0-9]+:velt_customer_os_calloc\\(\\) +ASSERT: ",
+         [] {
+             velt_customer_os_allocation_failure_set(1);
+             velt_sys_atomic_create();
+         }},
+        {"0x1f0b:velt_customer_os.cpp:[0-9]+:velt_customer_os_calloc\\(\\) +ASSERT: ",
+         [] {
+             velt_customer_os_allocation_failure_set(1);
+             kavo_device* device = nullptr;
+             kavo_device_create(3, &device);
+         }},
     };
     for (const auto& [pattern, halt] : rows) {
         EXPECT_DEATH(

@@ -119,10 +119,10 @@ TEST_F(Printers, EveryShapeOfAStructure)
 TEST_F(Printers, CounterRecordsFollowTheSelection)
 {
     kavo_ptest_counts_leaf_t leaf;
-    kavo_ptest_counts_leaf_t_print(&leaf, KAVO_PMON_PRINT_ALL_NON_ZERO);
-    EXPECT_EQ(kavo_test::take(), "kavo_ptest_counts_leaf_t:\n");
-    kavo_ptest_counts_leaf_t_print(&leaf, KAVO_PMON_PRINT_ALL);
-    EXPECT_EQ(kavo_test::take(),
+    using kavo_test::printed;
+    EXPECT_EQ(printed([&] { kavo_ptest_counts_leaf_t_print(&leaf, KAVO_PMON_PRINT_ALL_NON_ZERO); }),
+              "kavo_ptest_counts_leaf_t:\n");
+    EXPECT_EQ(printed([&] { kavo_ptest_counts_leaf_t_print(&leaf, KAVO_PMON_PRINT_ALL); }),
               "kavo_ptest_counts_leaf_t:\n"
               "    rx_pkts: 0\n"
               "    rx_bytes: 0\n"
@@ -136,10 +136,8 @@ TEST_F(Printers, CounterRecordsFollowTheSelection)
     counts.leaf.rx_bytes = 5000000000;
     counts.lanes[1].total_rcvd_pkt_cnt_msb = 1;
     counts.lanes[1].lane_errs[1] = 7;
-    counts.print("counts", KAVO_PMON_PRINT_NONE, 0, -1);
-    EXPECT_EQ(kavo_test::take(), "counts:\n");
-    kavo_ptest_counts_t_print(&counts, KAVO_PMON_PRINT_ALL_NON_ZERO);
-    EXPECT_EQ(kavo_test::take(),
+    EXPECT_EQ(printed([&] { counts.print("counts", KAVO_PMON_PRINT_NONE, 0, -1); }), "counts:\n");
+    EXPECT_EQ(printed([&] { kavo_ptest_counts_t_print(&counts, KAVO_PMON_PRINT_ALL_NON_ZERO); }),
               "kavo_ptest_counts_t:\n"
               "    leaf:\n"
               "        rx_bytes: 5000000000\n"
@@ -165,13 +163,29 @@ T from_garbage()
 
 TEST(PrinterDefaults, InitAndConstructorAgree)
 {
-    from_garbage<kavo_config_t, kavo_config_t_init>();
-    from_garbage<kavo_htl_request_t, kavo_htl_request_t_init>();
+    // The defaults themselves, word by word as they travel to the firmware.
+    const kavo_config_t config = from_garbage<kavo_config_t, kavo_config_t_init>();
+    const UINT32* words = reinterpret_cast<const UINT32*>(&config);
+    const std::pair<UINT32, UINT32> config_words[] = {{244, 4}, {248, 6110}, {252, 1}, {256, 1}, {260, 1}};
+    for (const auto& [offset, value] : config_words) EXPECT_EQ(words[offset / 4], value) << "kavo_config_t @" << offset;
+    const kavo_htl_request_t request = from_garbage<kavo_htl_request_t, kavo_htl_request_t_init>();
+    const UINT32 request_words[] = {request.device_id,       request.sequence_num,   (UINT32)request.operation,
+                                    request.info.element_id, request.info.mode,      request.info.parent_id,
+                                    request.info.flag,       request.data_size};
+    const UINT32 expected_request[] = {0xFFFFFFFF, 0xFFFFFFFF, 4098, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0, 0};
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(request_words[i], expected_request[i]) << "request word " << i;
+    EXPECT_EQ(request.data_ptr, nullptr);
     from_garbage<kavo_status_info_t, kavo_status_info_t_init>();
     from_garbage<kavo_ptest_all_t, kavo_ptest_all_t_init>();
     from_garbage<kavo_ptest_counts_t, kavo_ptest_counts_t_init>();
     // A reply the firmware never filled in reads as a failure.
-    EXPECT_EQ((from_garbage<kavo_htl_response_t, kavo_htl_response_t_init>().result), (VELT_ERROR)VELT_ERR_FAIL);
+    const kavo_htl_response_t response = from_garbage<kavo_htl_response_t, kavo_htl_response_t_init>();
+    EXPECT_EQ(response.result, (VELT_ERROR)VELT_ERR_FAIL);
+    EXPECT_EQ(response.device_id, 0xFFFFFFFFu);
+    EXPECT_EQ(response.sequence_num, 0xFFFFFFFFu);
+    EXPECT_EQ((UINT32)response.operation, 4098u);
+    EXPECT_EQ(response.mode | response.value | response.value2 | response.data_size, 0u);
+    EXPECT_EQ(response.data_ptr, nullptr);
 }
 
 }  // namespace

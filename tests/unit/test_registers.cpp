@@ -102,6 +102,28 @@ TEST_F(Registers, FlushIsAPlainWriteWhenMasksCoverTheRegister)
     EXPECT_EQ(take_ops(), (ops_t{{'W', 0xF020E8, 1}, {'W', 0xF0002C, 0x5A}}));
 }
 
+TEST_F(Registers, BlockAccessorsReachAnyRegisterByItsOffset)
+{
+    chip[0xF00380] = 0x61080ABC;
+    EXPECT_EQ(cpu_cfg_reg_read(nullptr, &cpu, 0x380), 0x61080ABCu);
+    EXPECT_EQ(cpu_cfg_field_get(nullptr, &cpu, 0x380, 0x0FFFF000, 12), 0x1080u);
+    cpu_cfg_reg_write(nullptr, &cpu, 0x320, 7);
+    EXPECT_EQ(dcsu_reg_read(nullptr, &dcsu, 0x1C), 0u);  // the dcsu handle's own base
+    // Buffered: two field sets of one register reach it as one write.
+    cpu_cfg_buffer_t buf{};
+    cpu_cfg_field_set(&buf, &cpu, 0x2C, 0xFFFF0000, 16, 0x1234);
+    cpu_cfg_field_set(&buf, &cpu, 0x2C, 0x0000FFFF, 0, 0x5678);
+    cpu_cfg_buffer_flush(&buf);
+    chip[0xF10020] = 3;
+    EXPECT_EQ(ocr_cfg_poll(nullptr, &cpu, 0x10020, 0xFF, 0, VELT_POLL_EQUAL, 0), VELT_SHARED_ERR_CODE_POLL_TIMEOUT);
+    const ops_t seen = take_ops();
+    const ops_t expected = {{'R', 0xF00380, 0x61080ABC}, {'R', 0xF00380, 0x61080ABC}, {'W', 0xF00320, 7},
+                            {'R', 0x74401C, 0},          {'W', 0xF0002C, 0x12345678}};
+    ASSERT_GE(seen.size(), expected.size() + 2);  // the poll reads at least twice
+    EXPECT_EQ(ops_t(seen.begin(), seen.begin() + expected.size()), expected);
+    EXPECT_EQ(seen.back(), (bus_op{'R', 0xF10020, 3}));
+}
+
 TEST_F(Registers, EmptyFlushWritesNothing)
 {
     cpu_cfg_buffer_t buf{};
@@ -255,8 +277,9 @@ TEST_F(Registers, EachFieldShapeHitsItsAddressMaskAndShift)
         EXPECT_EQ(f.poll(h, ((pattern & f.mask) >> f.shift) ^ 1), VELT_SHARED_ERR_CODE_POLL_TIMEOUT);
         take_ops();
 
+        // Without a read the whole register is written: value << shift, unmasked.
         f.set(h, 0xFFFFFFFF);
-        EXPECT_EQ(chip[f.addr], rmw ? (pattern | f.mask) : f.mask);
+        EXPECT_EQ(chip[f.addr], rmw ? (pattern | f.mask) : 0xFFFFFFFFu << f.shift);
         f.set(h, 0);
         EXPECT_EQ(chip[f.addr], rmw ? (pattern & ~f.mask) : 0u);
         for (const auto& op : take_ops()) EXPECT_EQ(op.addr, f.addr);

@@ -93,7 +93,8 @@ SCALARS = {
     "VELT_ERROR": (4, "%u", "(unsigned)"),
     "FLOAT": (4, "%f", "(double)"),
     "char": (1, "%c", "(char)"),
-    "void*": (8, "%p", "(const void*)"),
+    # a pointer is an address: "0x%x" of its low 32 bits, as every address member prints
+    "void*": (8, "0x%x", "(UINT32)(uintptr_t)"),
 }
 # arrays of scalars up to this many elements print on one line
 SHORT_ARRAY = 8

@@ -1,5 +1,7 @@
 """Register accessors: host/types/registers/registers.toml -> velt_registers.h.
 
+Per block B: B_reg_read / _reg_write / _field_get / _field_set / _poll, taking
+the register's offset from the handle's base.
 Per register R of block B (handle H, buffer B_buffer_t; array registers take
 the index n after the handle and are named B_reg_R_array_<op>):
   B_reg_R_read / _write / _field_set / _field_get / _poll
@@ -43,7 +45,7 @@ def field_lines(block, reg, field):
         f"{{ return {rf}poll(buf, h{idx}, {hx(mask)}, (value << {shift}) & {hx(mask)}, cmp, timeout_us); }}",
         f"inline void {b}_field_{kind}{name}_set_to_clear({args}, UINT32 value)",
         f"{{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, {addr}, {hx(mask)}, "
-        f"{shift}, value); }}",
+        f"{shift}, {hx(unused)}, value); }}",
         f"inline void {b}_field_{kind}range_{name}_set({args}, UINT32 start_bit, UINT32 stop_bit, UINT32 value)",
         f"{{ velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, {addr}, {hx(mask)}, {shift}, "
         f"{hx(unused)}, start_bit, stop_bit, value); }}",
@@ -77,6 +79,27 @@ def register_lines(block, reg):
     ]
 
 
+def block_lines(block):
+    """Generic accessors of a block: any register by its offset from the handle's base."""
+    b, h = block["name"], block["handle"]
+    args = f"{b}_buffer_t* buf, {h}* h, UINT32 offset"
+    call = "velt_coalesce_of(buf), h->sys_handle, h->base_address + offset"
+    return [
+        f"inline UINT32 {b}_reg_read({args})",
+        f"{{ return velt_l1_sys_reg_read({call}); }}",
+        f"inline void {b}_reg_write({args}, UINT32 value)",
+        f"{{ velt_l1_sys_reg_write({call}, value); }}",
+        f"inline UINT32 {b}_field_get({args}, UINT32 mask, UINT32 shift)",
+        f"{{ return velt_l1_sys_field_get({call}, mask, shift); }}",
+        f"inline void {b}_field_set({args}, UINT32 mask, UINT32 shift, UINT32 value)",
+        f"{{ velt_l1_sys_field_set({call}, mask, shift, value); }}",
+        f"inline VELT_ERROR {b}_poll({args}, UINT32 mask, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, "
+        f"UINT32 timeout_us)",
+        f"{{ return velt_l1_sys_poll({call}, mask, value, cmp, timeout_us); }}",
+        "",
+    ]
+
+
 def generate(path, banner, src):
     with open(path, "rb") as f:
         blocks = tomllib.load(f)["block"]
@@ -90,6 +113,7 @@ def generate(path, banner, src):
                 f"inline void {b}_buffer_flush({b}_buffer_t* buf) {{ velt_l1_sys_flush(&buf->buffer); }}",
                 f"inline void {b}_buffer_force_read_modify_write({b}_buffer_t* buf) "
                 f"{{ velt_l1_sys_force_read_modify_write(&buf->buffer); }}", ""]
+        out += block_lines(block)
         for reg in block["registers"]:
             for name in [f"{b}_reg_{reg['name']}"] + [f"{b}_field_{f[0]}" for f in reg["fields"]]:
                 if name in seen:

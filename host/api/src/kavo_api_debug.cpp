@@ -38,15 +38,14 @@ VELT_ERROR kavo_debug_cmd(const UINT32 device_id, const char* cmd, UINT32 max_re
 {
     KAVO_COMMAND(frame, device_id);
     frame.trace(", %s", cmd ? cmd : "(null)");
-    if (KAVO_POINTER_MISSING(frame, cmd, VELT_SHARED_LOG_TRACE, " NULL Pointer supplied for Input parameter\n"))
-        return VELT_ERR_INVALID_ARGS;
+    if (KAVO_DEBUG_INPUT_MISSING(frame, cmd)) return VELT_ERR_INVALID_ARGS;
     // The text travels with its terminating zero, rounded up to whole words.
     const UINT32 length = (UINT32)std::strlen(cmd);
     const UINT32 size = length - (length & 3) + 4;
     char* reply = resp_data_ptr;
     UINT32 capacity = max_resp_data_size;
     if (reply == nullptr) {
-        reply = static_cast<char*>(std::malloc(DEBUG_CMD_REPLY_SIZE));
+        reply = static_cast<char*>(velt_customer_os_malloc(DEBUG_CMD_REPLY_SIZE));
         if (reply == nullptr) DEBUG_REFUSE(device_id, VELT_SHARED_ERR_MALLOC_FAILED);
         capacity = DEBUG_CMD_REPLY_SIZE;
     }
@@ -68,7 +67,7 @@ VELT_ERROR kavo_debug_cmd(const UINT32 device_id, const char* cmd, UINT32 max_re
             reply[got < capacity ? got : capacity - 1] = '\0';
             if (reply[0] != '\0') std::printf("%s\n", reply);
         }
-        std::free(reply);
+        velt_customer_os_free(&reply);
     }
     return rc;
 }

@@ -114,7 +114,8 @@ class kavo_command_frame {
     }
 
     /* Pointer check of the MACsec and debug commands, before anything is sent:
-       logs " NULL Pointer supplied for <what>" with the family's log code. */
+       logs the header with the family's log code and the text (one of the
+       KAVO_NULL_* texts below, which end without a line break). */
     bool pointer_missing(const void* pointer, UINT32 log_code, const char* message, const char* file, int line,
                          const char* function)
     {
@@ -137,6 +138,14 @@ class kavo_command_frame {
     bool _with_response = false;
 };
 
+/* The texts of a refused null pointer; like the family's other refusals they
+   carry no line break of their own. */
+#define KAVO_NULL_INPUT " NULL Pointer supplied for Input parameter"
+#define KAVO_NULL_OUTPUT " NULL Pointer supplied for Output parameter"
+/* The log code of the debug commands' refusals: the transport's debug code,
+   the family of the requests they make. */
+constexpr UINT32 KAVO_DEBUG_LOG_CODE = HTL_LOG_CODE_DEBUG;
+
 /* The command's statistics object, created on its first call. */
 #define KAVO_COMMAND_STATS(name)                    \
     ([](const char* n) -> velt_function_stats* {    \
@@ -157,5 +166,8 @@ class kavo_command_frame {
 #define KAVO_STORE_CHECKED(frame, out, value) (frame).store_checked((out), (value), __FILE__, __LINE__, __func__)
 #define KAVO_POINTER_MISSING(frame, pointer, code, message) \
     (frame).pointer_missing((pointer), (code), (message), __FILE__, __LINE__, __func__)
+/* The debug commands' check of an input pointer. */
+#define KAVO_DEBUG_INPUT_MISSING(frame, pointer) \
+    KAVO_POINTER_MISSING(frame, pointer, KAVO_DEBUG_LOG_CODE, KAVO_NULL_INPUT)
 
 #endif /* KAVO_COMMAND_FRAME_H */

@@ -1,5 +1,7 @@
 #include "kavo_device.h"
 
+#include <new>
+
 #include "velt_registers.h"
 #include "velt_shared_log.h"
 
@@ -24,7 +26,9 @@ VELT_ERROR kavo_device_create(UINT32 device_id, kavo_device** device)
         VELT_RUNTIME_ERROR(device_id, KAVO_ERR_DEVICE_ID_IN_USE);
         return KAVO_ERR_DEVICE_ID_IN_USE;
     }
-    *device = new kavo_device(device_id);
+    // The object comes zeroed from the porting layer: an exhausted heap asserts
+    // there (0x1F0B) instead of throwing through the C interface.
+    *device = new (velt_customer_os_calloc(sizeof(kavo_device))) kavo_device(device_id);
     device_id_lookup.device[device_id] = *device;
     return VELT_SUCCESS;
 }
@@ -52,7 +56,8 @@ void kavo_device_uninit(UINT32 device_id)
     if (global_verbosity > VELT_LOG_SEV_EVENT) device->dump_firmware_info(velt_global_log_file_ptr, KAVO_FW_LOG_DUMP_STATS);
     device->uninit();
     device_id_lookup.device[device_id] = nullptr;
-    delete device;
+    device->~kavo_device();
+    velt_customer_os_free(&device);
 }
 
 void kavo_device::uninit()
@@ -154,4 +159,12 @@ VELT_ERROR kavo_device::ipi_set(kavo_ipi_type_t type)
     return VELT_SUCCESS;
 }
 
-VELT_ERROR kavo_device::dump_firmware_info(FILE* file, kavo_fw_log_dump_t kind) { return _firmware.dump(file, kind); }
+VELT_ERROR kavo_device::dump_firmware_info(FILE* file, kavo_fw_log_dump_t kind)
+{
+    // The views read on-chip RAM: under the device lock like every other
+    // access, so a dump never interleaves with another thread's exchange.
+    lock();
+    VELT_ERROR rc = _firmware.dump(file, kind);
+    unlock();
+    return rc;
+}

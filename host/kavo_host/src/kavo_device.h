@@ -98,5 +98,7 @@ void kavo_device_uninit(UINT32 device_id);
 /* The firmware image file name, shared by all devices. */
 VELT_ERROR kavo_firmware_filename_set(const char* path);
 char* kavo_firmware_filename_get();
+/* Forgets the name set: the next get gives the default again. */
+void kavo_firmware_filename_clear();
 
 #endif /* KAVO_DEVICE_H */

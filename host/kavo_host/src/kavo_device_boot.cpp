@@ -28,10 +28,18 @@ VELT_ERROR kavo_firmware_filename_set(const char* path)
         VELT_RUNTIME_ERROR(VELT_LOG_NO_DEVID, KAVO_ERR_FW_IMAGE_PATH_INVALID);
         return KAVO_ERR_FW_IMAGE_PATH_INVALID;
     }
+    // The new name is copied before the old one is freed: the caller may hand
+    // back the very pointer kavo_fw_filename_get gave it.
+    char* copy = static_cast<char*>(velt_customer_os_calloc(std::strlen(path) + 1));
+    velt_customer_os_strcpy(copy, path);
     if (firmware_filename != nullptr) velt_customer_os_free(&firmware_filename);
-    firmware_filename = static_cast<char*>(velt_customer_os_calloc(std::strlen(path) + 1));
-    velt_customer_os_strcpy(firmware_filename, path);
+    firmware_filename = copy;
     return VELT_SUCCESS;
+}
+
+void kavo_firmware_filename_clear()
+{
+    if (firmware_filename != nullptr) velt_customer_os_free(&firmware_filename);
 }
 
 char* kavo_firmware_filename_get()
@@ -55,10 +63,16 @@ VELT_ERROR kavo_device::init(kavo_init_type_t init_type)
     if (rc == VELT_SUCCESS) rc = firmware_file_select();
     if (rc == VELT_SUCCESS && init_type != KAVO_INIT_DEBUG_ATTACH) {
         dcsu_clk_config();
-        if (init_type == KAVO_INIT_COLD || is_cold_start())
+        if (init_type == KAVO_INIT_COLD || is_cold_start()) {
             rc = cold_start();
-        else
+        } else {
             rc = warm_restart();
+            // Reading the running version attached the link without a
+            // handshake. Whether the firmware was kept or reloaded, the device
+            // initialisation's connect then makes the STATUS handshake and sends
+            // VELT_FW_OPTIONS, exactly as after a cold start.
+            htl.disconnect();
+        }
     }
     if (rc == VELT_SUCCESS) {
         _firmware.log_init();

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <new>
 
 #include "fw_log_print.h"
@@ -19,7 +20,15 @@ constexpr UINT32 DESCRIPTOR_COPY_BYTES = 28;
 constexpr UINT32 DESCRIPTOR_WR_IDX = 28;
 constexpr UINT32 DESCRIPTOR_WRAP_COUNT = 32;
 constexpr UINT32 ENTRY_BYTES = sizeof(dbg_log_app_entry_t);
+/* Decoded text of one debug-log record, at most this many characters. */
 constexpr UINT32 MESSAGE_MAX = 1000;
+/* Room for the longest log-code name (70 characters today). A message
+   is the code name, a blank and the decoded text, and is never cut: its
+   buffer is sized from these inputs. */
+constexpr UINT32 CODE_NAME_MAX = 80;
+constexpr UINT32 ENTRY_MESSAGE_SIZE = CODE_NAME_MAX + 1 + MESSAGE_MAX + 1;
+/* An output line: the message plus time, device, log name, addresses and line. */
+constexpr UINT32 ENTRY_LINE_SIZE = ENTRY_MESSAGE_SIZE + 256;
 /* Entries the firmware writes per this many ticks, in the skip estimate. */
 constexpr UINT64 RATE_TICKS = 400000000;
 
@@ -262,9 +271,6 @@ void kavo_fw_log::stats_read()
         fw_stats->firmware_stats_buffer = table_alloc<velt_sys_fw_stats_t>(count);
     fw_stats->stats_list_of_statistics_ptr.read_bytes_and_flip(fw_stats->firmware_stats_buffer, 0,
                                                                count * (UINT32)sizeof(velt_sys_fw_stats_t));
-    // The firmware pads its descriptions with NULs; make sure one is there.
-    for (UINT32 i = 0; i < count; ++i)
-        fw_stats->firmware_stats_buffer[i].description[sizeof(velt_sys_fw_stats_t::description) - 1] = '\0';
 }
 
 const char* kavo_fw_log::stat_name_get(UINT32 index)
@@ -272,7 +278,13 @@ const char* kavo_fw_log::stat_name_get(UINT32 index)
     if (fw_stats == nullptr || !fw_stats->display_firmware_stats) return nullptr;
     if (fw_stats->firmware_stats_buffer == nullptr) stats_read();
     if (index >= fw_stats->stats_number_of_stats) return nullptr;
-    return fw_stats->firmware_stats_buffer[index].description;
+    // A description fills all 28 bytes when it has no NUL of its own: the name
+    // is returned from a buffer with room for the terminator.
+    const char* description = fw_stats->firmware_stats_buffer[index].description;
+    const size_t length = strnlen(description, sizeof(velt_sys_fw_stats_t::description));
+    std::memcpy(stat_name, description, length);
+    stat_name[length] = '\0';
+    return stat_name;
 }
 
 void kavo_fw_log::show_stats(FILE* file)
@@ -474,11 +486,10 @@ void kavo_fw_log::show_debug_log(FILE* file)
 
 void kavo_fw_log::print_address(char* out, size_t size, const char* prefix, UINT32 address)
 {
-    if (!symbols_loaded) {
-        // This build carries no firmware symbol map: addresses print as numbers.
-        symbols_loaded = true;
-        std::printf("no firmware symbols\n");
-    }
+    // This build carries no firmware symbol map: addresses print as numbers.
+    // The map would be loaded once per process; so is its absence reported.
+    static std::once_flag symbols_loaded;
+    std::call_once(symbols_loaded, [] { std::printf("no firmware symbols\n"); });
     std::snprintf(out, size, "%s%08x", prefix, address);
 }
 
@@ -491,7 +502,7 @@ void kavo_fw_log::show_log_entry(FILE* file, dbg_log_tracking_t* log)
     // 5 ns per tick: a deliberate approximation of 5.52 ns.
     const unsigned long ns = (unsigned long)(ticks % VELT_FW_TICKS_PER_SECOND) * 5;
 
-    char message[MESSAGE_MAX + 1];
+    char message[ENTRY_MESSAGE_SIZE];
     message[0] = '\0';
     UINT32 words_used = 2;
     if (is_text_record(code)) {
@@ -499,6 +510,9 @@ void kavo_fw_log::show_log_entry(FILE* file, dbg_log_tracking_t* log)
         unsigned char raw[20];
         std::memcpy(raw, words, sizeof(raw));
         char text[21] = "";
+        // A NUL ends the text: the firmware pads a shorter text with NULs, and
+        // the continuation of multi-record messages joins texts at their ends.
+        // Other control characters and 127 show as blanks.
         for (int i = 0; i < 20 && raw[i] != 0; ++i) {
             text[i] = (raw[i] < 0x20 || raw[i] == 127) ? ' ' : (char)raw[i];
             text[i + 1] = '\0';
@@ -526,7 +540,7 @@ void kavo_fw_log::show_log_entry(FILE* file, dbg_log_tracking_t* log)
     char line_num[32] = "";
     if (words_used == 2 && e.data2 != 0) std::snprintf(line_num, sizeof(line_num), " line=%d", (int)e.data2);
 
-    char line[2 * MESSAGE_MAX];
+    char line[ENTRY_LINE_SIZE];
     line[0] = '\0';
     for (UINT32 f = 0; f < fw_stats->num_display_fields; ++f) {
         const display_field_t& field = fw_stats->display_fields[f];

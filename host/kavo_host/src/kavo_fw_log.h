@@ -172,7 +172,7 @@ private:
     velt_sys_handle_t sys_handle() const;
     void free_tables();
     void reset_positions();
-    bool symbols_loaded = false;
+    char stat_name[sizeof(velt_sys_fw_stats_t::description) + 1] = "";  // what stat_name_get returns
 };
 
 #endif /* KAVO_FW_LOG_H */

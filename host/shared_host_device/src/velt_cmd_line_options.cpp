@@ -55,7 +55,10 @@ bool parse_number(const char* text, long long* out)
         base = 16;
         p += 2;
     }
-    if (!std::isxdigit((unsigned char)*p)) return false;
+    // Every character a digit of the base: strtoull would take a second "0x".
+    if (*p == '\0') return false;
+    for (const char* c = p; *c != '\0'; ++c)
+        if (base == 16 ? !std::isxdigit((unsigned char)*c) : !std::isdigit((unsigned char)*c)) return false;
     errno = 0;
     char* end = nullptr;
     const unsigned long long magnitude = std::strtoull(p, &end, base);
@@ -266,7 +269,8 @@ bool CmdLineOptions::Fail(std::string* error, std::string text)
 
 bool CmdLineOptions::Apply(CmdLineOption* option, const char* argument, const char* value, std::string* error)
 {
-    if (!option->ParseValue(value)) return Fail(error, format("error parsing '%s'\n", argument));
+    (void)argument;
+    if (!option->ParseValue(value)) return Fail(error, format("error parsing '%s'\n", value));
     option->OptionSet();
     option->is_set = true;
     return true;
@@ -293,7 +297,7 @@ bool CmdLineOptions::Parse(int argc, const char** argv, std::string* error)
             continue;
         }
         if (!value.empty() && !option->ParseValue(value.c_str()))
-            return Fail(error, format("error parsing '%s'\n", argument));
+            return Fail(error, format("error parsing '%s'\n", value.c_str()));
         // The list goes on while the following arguments parse as elements.
         while (i + 1 < argc && argv[i + 1] != nullptr) {
             if (option->is_option_free_list && MatchesAnOption(argv[i + 1])) break;
@@ -367,7 +371,7 @@ bool CmdLineOptions::SetOption(const char* name, const char* value, std::string&
     const std::string argument = std::string(name) + "=" + value;
     if (option->is_list) {
         if (*value != '\0' && !option->ParseValue(value)) {
-            error = format("error parsing '%s'\n", argument.c_str());
+            error = format("error parsing '%s'\n", value);
             return false;
         }
         option->EndOfList();
@@ -722,14 +726,10 @@ VerbosityOption::VerbosityOption(const char* name_, const char* usage_message_, 
     Register();
 }
 
-bool VerbosityOption::ParseValue(const char* text)
-{
-    const int old = value;
-    if (!EnumOption::ParseValue(text)) return false;
-    if (value >= (int)VELT_LOG_SEV_DISABLED && value <= (int)VELT_LOG_SEV_LOWEST) return true;
-    value = old;
-    return false;
-}
+/* An enumeration option: a name of the table or any number. A level above 7
+   prints everything, 0 and below nothing (the level is an int-based
+   enumeration, so every value is defined). */
+bool VerbosityOption::ParseValue(const char* text) { return EnumOption::ParseValue(text); }
 
 void VerbosityOption::OptionSet()
 {

@@ -18,13 +18,14 @@ void velt_print_struct_header(FILE* file, const char* name, int indent, int inde
         VELT_PRINTF(file, "%*s-   # %s[%d]\n", 4 * indent, "", name, index);
 }
 
-// Counter records print to standard output, through the print callout like every other text.
+// Counter records print straight to the process's standard output, not through the
+// print callout: they are reports for the operator, like the statistics summary.
 void velt_print_counts_header(const char* name, int indent, int index)
 {
     if (index < 0)
-        VELT_PRINTF(stdout, "%*s%s:\n", 4 * indent, "", name);
+        std::printf("%*s%s:\n", 4 * indent, "", name);
     else
-        VELT_PRINTF(stdout, "%*s%u:\n", 4 * indent, "", (unsigned)index);
+        std::printf("%*s%u:\n", 4 * indent, "", (unsigned)index);
 }
 
 static bool counter_selected(kavo_pmon_print_sel_t selection, UINT64 value)
@@ -36,9 +37,9 @@ void velt_print_counter(kavo_pmon_print_sel_t selection, int indent, const char*
 {
     if (!counter_selected(selection, value)) return;
     if (std::strcmp(fmt, "%lu") == 0)
-        VELT_PRINTF(stdout, "%*s%s: %lu\n", 4 * indent, "", name, (unsigned long)value);
+        std::printf("%*s%s: %lu\n", 4 * indent, "", name, (unsigned long)value);
     else
-        VELT_PRINTF(stdout, "%*s%s: %u\n", 4 * indent, "", name, (unsigned)value);
+        std::printf("%*s%s: %u\n", 4 * indent, "", name, (unsigned)value);
 }
 
 template <typename T>
@@ -48,10 +49,10 @@ static void print_counter_array(kavo_pmon_print_sel_t selection, int indent, con
     bool any = false;
     for (int i = 0; i < count && !any; ++i) any = counter_selected(selection, values[i]);
     if (!any) return;
-    VELT_PRINTF(stdout, "%*s%s:\n", 4 * indent, "", name);
+    std::printf("%*s%s:\n", 4 * indent, "", name);
     for (int i = 0; i < count; ++i)
         if (counter_selected(selection, values[i]))
-            VELT_PRINTF(stdout, "%*s- %lu    #%s[%d]\n", 4 * indent, "", (unsigned long)values[i], name, i);
+            std::printf("%*s- %lu    #%s[%d]\n", 4 * indent, "", (unsigned long)values[i], name, i);
 }
 
 void velt_print_counter_array(kavo_pmon_print_sel_t selection, int indent, const char* name, const UINT32* values,

@@ -16,7 +16,6 @@ velt_all_function_stats& velt_all_function_stats::instance()
 
 bool velt_all_function_stats::register_function_stats(velt_function_stats_pimpl* stats)
 {
-    std::lock_guard<std::mutex> lock(mutex);
     if (!all_stats_by_function_name.emplace(stats->_function_name, stats).second) return false;
     all_stats_by_order_called.push_back(stats);
     return true;
@@ -24,7 +23,6 @@ bool velt_all_function_stats::register_function_stats(velt_function_stats_pimpl*
 
 void velt_all_function_stats::print_all_function_stats(const char* prefix)
 {
-    std::lock_guard<std::mutex> lock(mutex);
     for (velt_function_stats_pimpl* stats : all_stats_by_order_called) velt_stat_show(&stats->stats, prefix);
 }
 

@@ -7,7 +7,6 @@
 #define VELT_FUNCTION_STATS_H
 
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,7 +21,9 @@ struct velt_function_stats_pimpl {
     velt_stat_t stats;
 };
 
-/* The process-wide registry, in order of first call. It owns the registered
+/* The process-wide registry, in order of first call. It takes no lock: a
+   command registers inside the one-time construction of its function-local
+   statistics, and statistics are switched on before commands run. It owns the registered
    statistics: its destructor prints the summary at exit and only then frees
    them, because the commands' statics are destroyed before it. */
 class velt_all_function_stats {
@@ -38,7 +39,6 @@ public:
 
 private:
     velt_all_function_stats() = default;
-    std::mutex mutex;  // commands of different threads may register at once
 };
 
 class velt_function_stats {

@@ -57,7 +57,7 @@ static void write_field_now(velt_sys_handle_t* sys, UINT32 addr, UINT32 mask, UI
     if ((mask | unused_mask) != 0xFFFFFFFFu)
         velt_sys_reg_read_modify_write(*sys, addr, mask, value << shift);
     else
-        velt_sys_reg_write(*sys, addr, (value << shift) & mask);
+        velt_sys_reg_write(*sys, addr, value << shift);  // the whole register: written as given
 }
 
 void velt_l1_sys_field_set2(coalesce_buffer_t* buf, velt_sys_handle_t* sys, UINT32 addr, UINT32 mask, UINT32 shift,
@@ -91,10 +91,10 @@ void velt_l1_sys_field_set(coalesce_buffer_t* buf, velt_sys_handle_t* sys, UINT3
 }
 
 void velt_l1_sys_field_set_action_on_write(coalesce_buffer_t* buf, velt_sys_handle_t* sys, UINT32 addr, UINT32 mask,
-                                           UINT32 shift, UINT32 value)
+                                           UINT32 shift, UINT32 unused_mask, UINT32 value)
 {
     if (buf == nullptr) {
-        velt_sys_reg_write(*sys, addr, (value << shift) & mask);
+        write_field_now(sys, addr, mask, shift, unused_mask, value);
         return;
     }
     buf->buffer_flags = VELT_L1_FLAG_ACTION_ON_WRITE;

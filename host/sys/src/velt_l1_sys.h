@@ -16,10 +16,17 @@ void velt_l1_sys_field_set(coalesce_buffer_t* buf, velt_sys_handle_t* sys, UINT3
                            UINT32 value);
 void velt_l1_sys_field_set2(coalesce_buffer_t* buf, velt_sys_handle_t* sys, UINT32 addr, UINT32 mask, UINT32 shift,
                             UINT32 unused_mask, UINT32 value);
-/* Field set whose flush is a plain write: write-one-to-clear bits must never be
-   read back and rewritten. */
+/* Field set for write-one-to-clear and other action-on-write fields. Buffered,
+   its flush is a plain write of the collected value. Unbuffered it follows the
+   rule of every unbuffered field set: a read-modify-write of value << shift
+   under the field mask unless the field and the unused bits cover the whole
+   register (then a plain write). The read is harmless for such fields: only the
+   bits outside the field are taken from it, so a status register whose other
+   bits read as 0 receives exactly value << shift (clearing interrupt 63 writes
+   0x8000 to IPI2PCIE_3_INT), and set status bits inside the field that are not
+   in the value are written as 0, which leaves them set. */
 void velt_l1_sys_field_set_action_on_write(coalesce_buffer_t* buf, velt_sys_handle_t* sys, UINT32 addr, UINT32 mask,
-                                           UINT32 shift, UINT32 value);
+                                           UINT32 shift, UINT32 unused_mask, UINT32 value);
 /* Sets bits start..stop of a field (stop clamped to the field's last bit); a
    buffer is switched to read-modify-write first so the other bits survive. */
 void velt_l1_sys_field_range_set(coalesce_buffer_t* buf, velt_sys_handle_t* sys, UINT32 addr, UINT32 mask,

@@ -147,10 +147,13 @@ char* velt_stat_print_val(UINT32 microseconds, char* buffer)
     return buffer;
 }
 
+/* The host's own statistics, the benchmark's lines and the exit summary go
+   straight to the process's standard output, not through the print callout:
+   at exit the application's log sink may already be gone. */
 void velt_stat_val_show(UINT32 microseconds, const char* label)
 {
     char text[2 * VELT_STAT_NUMBER_SIZE];
-    VELT_PRINTF(stdout, "%s: %s\n", label, velt_stat_print_val(microseconds, text));
+    std::printf("%s: %s\n", label, velt_stat_print_val(microseconds, text));
 }
 
 void velt_stat_show(velt_stat_t* stat, const char* prefix)
@@ -165,14 +168,14 @@ void velt_stat_show(velt_stat_t* stat, const char* prefix)
     const char* d2 = safe(stat->description2);
     in_unit total((double)s.total);
     if (s.num == 0) {
-        VELT_PRINTF(stdout, "%s%s%s: no stats collected%s\n", prefix, d1, d2, suffix);
+        std::printf("%s%s%s: no stats collected%s\n", prefix, d1, d2, suffix);
     } else if (s.num == 1) {
-        VELT_PRINTF(stdout, "%s%s%s: %s %s%s\n", prefix, d1, d2, total.text, total.unit, suffix);
+        std::printf("%s%s%s: %s %s%s\n", prefix, d1, d2, total.text, total.unit, suffix);
     } else {
         in_unit avg((double)s.total / s.num);
         number min((double)s.min, avg.factor);
         number max((double)s.max, avg.factor);
-        VELT_PRINTF(stdout, "%s%s%s: n=%u, total=%s %s, min=%s, max=%s, avg=%s %s%s\n", prefix, d1, d2, s.num,
+        std::printf("%s%s%s: n=%u, total=%s %s, min=%s, max=%s, avg=%s %s%s\n", prefix, d1, d2, s.num,
                     total.text, total.unit, min.text, max.text, avg.text, avg.unit, suffix);
     }
 }
@@ -183,7 +186,7 @@ double velt_stat_show_avg(velt_stat_t* stat, const char* prefix)
     const double average = s.num != 0 ? (double)s.total / s.num : 0.0;
     in_unit total((double)s.total);
     in_unit avg(average);
-    VELT_PRINTF(stdout, "%s%s%s: n=%u, total=%s %s, avg=%s %s\n", prefix, safe(stat->description),
+    std::printf("%s%s%s: n=%u, total=%s %s, avg=%s %s\n", prefix, safe(stat->description),
                 safe(stat->description2), s.num, total.text, total.unit, avg.text, avg.unit);
     return average;
 }
@@ -271,7 +274,7 @@ void bench_each_iteration(velt_bench_fn fn, velt_bench_fn finish, void* ctx, vel
 
 double velt_stat_bench2(velt_bench_fn fn, velt_bench_fn finish, void* ctx, double seconds, const char* name)
 {
-    VELT_PRINTF(stdout, "testing %s ... \n", name);
+    std::printf("testing %s ... \n", name);
     velt_stat_t stat{};
     stat.initialized = 1;
     stat.description = name;
@@ -283,6 +286,6 @@ double velt_stat_bench2(velt_bench_fn fn, velt_bench_fn finish, void* ctx, doubl
     bench_entire_loop(fn, finish, ctx, &stat, n);
     stat.num = n;  // the loop was one measurement of n iterations
     const double average = velt_stat_show_avg(&stat, "overall        ");
-    VELT_PRINTF(stdout, "\n");
+    std::printf("\n");
     return average;
 }

@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -133,11 +134,15 @@ velt_sys_atomic_t velt_sys_atomic_create()
 {
     // A cache line of its own: each device's lock is taken twice per command,
     // and two devices' locks sharing a line would slow both.
+    // The block comes zeroed from the porting layer (whose failure asserts);
+    // the lock sits at the first line boundary past a slot that remembers the
+    // block, so that velt_sys_atomic_delete can free it.
     constexpr size_t line = 64;
-    static_assert(sizeof(pthread_mutex_t) <= line, "a lock fits one cache line");
-    auto* mutex = static_cast<pthread_mutex_t*>(std::aligned_alloc(line, line));
-    VELT_ASSERT_CODE(mutex != nullptr, VELT_LOG_NO_DEVID, VELT_SHARED_ERR_MALLOC_FAILED);
-    std::memset(static_cast<void*>(mutex), 0, line);
+    static_assert(sizeof(pthread_mutex_t) + sizeof(void*) <= line, "a lock fits one cache line");
+    auto* block = static_cast<char*>(velt_sys_calloc(2 * line));
+    const uintptr_t at = ((uintptr_t)block + sizeof(void*) + line - 1) & ~(uintptr_t)(line - 1);
+    auto* mutex = reinterpret_cast<pthread_mutex_t*>(at);
+    reinterpret_cast<void**>(at)[-1] = block;
     pthread_mutexattr_t attr;
     bool ok = pthread_mutexattr_init(&attr) == 0 && pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) == 0 &&
               pthread_mutex_init(mutex, &attr) == 0;
@@ -153,7 +158,9 @@ void velt_sys_atomic_delete(velt_sys_atomic_t* lock)
         VELT_LOG_ALWAYS(VELT_LOG_NO_DEVID, VELT_ERR_FAIL, " pthread_mutex_destroy FAILED with error code = %d\n", rc);
         VELT_ASSERT_FAIL(VELT_LOG_NO_DEVID, VELT_ERR_FAIL);
     }
-    velt_customer_os_free(lock);
+    void* block = static_cast<void**>(*lock)[-1];
+    velt_customer_os_free(&block);
+    *lock = nullptr;
 }
 
 void velt_sys_atomic_start(velt_sys_atomic_t lock)
@@ -214,6 +221,8 @@ UINT32 velt_sys_file_write(FILE* file, const void* buffer, UINT32* length)
 int velt_sys_atoi(const char* text) { return std::atoi(text); }
 
 void* velt_sys_calloc(size_t size) { return velt_customer_os_calloc(size); }
+
+void velt_sys_assert_function(UINT32 code, const char* file, int line) { velt_customer_os_assert(code, file, line); }
 
 UINT8 velt_sys_count_trailing_zeros(UINT16 value)
 {

@@ -67,6 +67,8 @@ UINT32 velt_sys_file_read(FILE* file, void* buffer, UINT32* offset, UINT32* leng
 UINT32 velt_sys_file_write(FILE* file, const void* buffer, UINT32* length);
 int velt_sys_atoi(const char* text);
 void* velt_sys_calloc(size_t size);
+/* The system layer's assertion: the porting layer's, which never returns. */
+[[noreturn]] void velt_sys_assert_function(UINT32 code, const char* file, int line);
 
 UINT8 velt_sys_count_trailing_zeros(UINT16 value);
 /* Replaces the first `search` in `buffer` by `replacement`, in place. */

@@ -81,6 +81,11 @@ struct chip_config {
     UINT32 revision_code = 0;    // 0 = reva, else revb
     exec_mode mode = exec_mode::synchronous;
     UINT32 service_time_us = 0; // time the firmware takes to answer a request
+    // Times in the chip's clock (moved on by advance_time as well): from the
+    // processor's release to the firmware's start-up handshake, and of an
+    // on-chip RAM initialisation, during which RAM_INIT_BUSY reads busy.
+    UINT32 startup_us = 0;
+    UINT32 ram_init_us = 100;
 };
 
 constexpr UINT32 MAX_CHIPS = 32;

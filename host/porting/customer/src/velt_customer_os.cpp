@@ -28,16 +28,27 @@ void velt_customer_os_assert(UINT32 code, const char* file, int line)
     for (;;) pause();
 }
 
+namespace {
+UINT32 allocations_until_failure = 0;
+
+bool allocation_fails()
+{
+    return allocations_until_failure != 0 && --allocations_until_failure == 0;
+}
+}  // namespace
+
+void velt_customer_os_allocation_failure_set(UINT32 count) { allocations_until_failure = count; }
+
 void* velt_customer_os_malloc(size_t size)
 {
-    void* p = std::malloc(size);
+    void* p = allocation_fails() ? nullptr : std::malloc(size);
     VELT_ASSERT_CODE(p != nullptr, VELT_LOG_NO_DEVID, VELT_SHARED_ERR_MALLOC_FAILED);
     return p;
 }
 
 void* velt_customer_os_calloc(size_t size)
 {
-    void* p = std::calloc(1, size);
+    void* p = allocation_fails() ? nullptr : std::calloc(1, size);
     VELT_ASSERT_CODE(p != nullptr, VELT_LOG_NO_DEVID, VELT_SHARED_ERR_MALLOC_FAILED);
     return p;
 }

@@ -26,6 +26,9 @@ extern FILE* velt_global_log_file_ptr;
          : (void)std::fprintf((file) != nullptr ? (file) : stdout, __VA_ARGS__))
 
 void* velt_customer_os_malloc(size_t size);
+/* Makes the count-th allocation from now (malloc or calloc) fail, as an
+   exhausted heap would; 0 turns it off. For tests of the failure paths. */
+void velt_customer_os_allocation_failure_set(UINT32 count);
 void* velt_customer_os_calloc(size_t size);
 /* Frees *ptr and sets it to null; a null pointer-to-pointer or pointer is reported, not fatal. */
 void velt_customer_os_free_function(void** ptr);

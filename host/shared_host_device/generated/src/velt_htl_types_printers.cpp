@@ -550,7 +550,7 @@ void kavo_htl_request_t_print_at(const kavo_htl_request_t* value, const char* na
     VELT_PRINTF(file, "%*s%s: %s\n", pad, "", "operation", kavo_htl_operation_t_print(value->operation, nullptr, 0));
     kavo_htl_general_struct_t_print_at(&value->info, "info", file, indent + 1, -1);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "data_size", (unsigned)value->data_size);
-    VELT_PRINTF(file, "%*s%s: %p\n", pad, "", "data_ptr", (const void*)value->data_ptr);
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "data_ptr", (UINT32)(uintptr_t)value->data_ptr);
 }
 
 void kavo_htl_request_t_print(const kavo_htl_request_t* value, FILE* file) { kavo_htl_request_t_print_at(value, "kavo_htl_request_t", file, 0, -1); }
@@ -571,7 +571,7 @@ void kavo_htl_response_t_print_at(const kavo_htl_response_t* value, const char* 
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "value", (unsigned)value->value);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "value2", (unsigned)value->value2);
     VELT_PRINTF(file, "%*s%s: %u\n", pad, "", "data_size", (unsigned)value->data_size);
-    VELT_PRINTF(file, "%*s%s: %p\n", pad, "", "data_ptr", (const void*)value->data_ptr);
+    VELT_PRINTF(file, "%*s%s: 0x%x\n", pad, "", "data_ptr", (UINT32)(uintptr_t)value->data_ptr);
 }
 
 void kavo_htl_response_t_print(const kavo_htl_response_t* value, FILE* file) { kavo_htl_response_t_print_at(value, "kavo_htl_response_t", file, 0, -1); }

@@ -11,6 +11,17 @@ inline void cpu_cfg_buffer_init(cpu_cfg_buffer_t* buf) { buf->buffer = coalesce_
 inline void cpu_cfg_buffer_flush(cpu_cfg_buffer_t* buf) { velt_l1_sys_flush(&buf->buffer); }
 inline void cpu_cfg_buffer_force_read_modify_write(cpu_cfg_buffer_t* buf) { velt_l1_sys_force_read_modify_write(&buf->buffer); }
 
+inline UINT32 cpu_cfg_reg_read(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset)
+{ return velt_l1_sys_reg_read(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset); }
+inline void cpu_cfg_reg_write(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 value)
+{ velt_l1_sys_reg_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, value); }
+inline UINT32 cpu_cfg_field_get(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 shift)
+{ return velt_l1_sys_field_get(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, shift); }
+inline void cpu_cfg_field_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 shift, UINT32 value)
+{ velt_l1_sys_field_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, shift, value); }
+inline VELT_ERROR cpu_cfg_poll(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
+{ return velt_l1_sys_poll(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, value, cmp, timeout_us); }
+
 inline UINT32 cpu_cfg_reg_SW_RST_HOST_EN_read(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h)
 { return velt_l1_sys_reg_read(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x20); }
 inline void cpu_cfg_reg_SW_RST_HOST_EN_write(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
@@ -28,7 +39,7 @@ inline UINT32 cpu_cfg_field_SW_RST_HOST_AUTO_CLR_EN_get(cpu_cfg_buffer_t* buf, c
 inline VELT_ERROR cpu_cfg_field_SW_RST_HOST_AUTO_CLR_EN_poll(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return cpu_cfg_reg_SW_RST_HOST_EN_poll(buf, h, 0x80000000, (value << 31) & 0x80000000, cmp, timeout_us); }
 inline void cpu_cfg_field_SW_RST_HOST_AUTO_CLR_EN_set_to_clear(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x20, 0x80000000, 31, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x20, 0x80000000, 31, 0x720027F4, value); }
 inline void cpu_cfg_field_range_SW_RST_HOST_AUTO_CLR_EN_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x20, 0x80000000, 31, 0x720027F4, start_bit, stop_bit, value); }
 
@@ -49,7 +60,7 @@ inline UINT32 cpu_cfg_field_SW_RST_HOST_get(cpu_cfg_buffer_t* buf, cpu_cfg_handl
 inline VELT_ERROR cpu_cfg_field_SW_RST_HOST_poll(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return cpu_cfg_reg_SW_RST_HOST_TRIG_poll(buf, h, 0xFFFFFFFF, (value << 0) & 0xFFFFFFFF, cmp, timeout_us); }
 inline void cpu_cfg_field_SW_RST_HOST_set_to_clear(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x2C, 0xFFFFFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x2C, 0xFFFFFFFF, 0, 0x0, value); }
 inline void cpu_cfg_field_range_SW_RST_HOST_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x2C, 0xFFFFFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -70,7 +81,7 @@ inline UINT32 cpu_cfg_field_SW_SET_CORERESET_get(cpu_cfg_buffer_t* buf, cpu_cfg_
 inline VELT_ERROR cpu_cfg_field_SW_SET_CORERESET_poll(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return cpu_cfg_reg_CA53_CTRL4_poll(buf, h, 0xFFFFFFFF, (value << 0) & 0xFFFFFFFF, cmp, timeout_us); }
 inline void cpu_cfg_field_SW_SET_CORERESET_set_to_clear(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0xB0, 0xFFFFFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0xB0, 0xFFFFFFFF, 0, 0x0, value); }
 inline void cpu_cfg_field_range_SW_SET_CORERESET_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0xB0, 0xFFFFFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -91,7 +102,7 @@ inline UINT32 cpu_cfg_field_BOOT_INFO_get(cpu_cfg_buffer_t* buf, cpu_cfg_handle_
 inline VELT_ERROR cpu_cfg_field_BOOT_INFO_poll(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return cpu_cfg_reg_BOOT_INFO_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void cpu_cfg_field_BOOT_INFO_set_to_clear(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0xF0, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0xF0, 0xFFFF, 0, 0x0, value); }
 inline void cpu_cfg_field_range_BOOT_INFO_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0xF0, 0xFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -112,7 +123,7 @@ inline UINT32 cpu_cfg_field_array_SCRATCH_get(cpu_cfg_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR cpu_cfg_field_array_SCRATCH_poll(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return cpu_cfg_reg_APP_SCRATCH_array_poll(buf, h, n, 0xFFFFFFFF, (value << 0) & 0xFFFFFFFF, cmp, timeout_us); }
 inline void cpu_cfg_field_array_SCRATCH_set_to_clear(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x320 + 4 * n, 0xFFFFFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x320 + 4 * n, 0xFFFFFFFF, 0, 0x0, value); }
 inline void cpu_cfg_field_array_range_SCRATCH_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x320 + 4 * n, 0xFFFFFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -133,7 +144,7 @@ inline UINT32 cpu_cfg_field_REVISION_CODE_get(cpu_cfg_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR cpu_cfg_field_REVISION_CODE_poll(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return cpu_cfg_reg_DEVICE_ID_poll(buf, h, 0xF0000000, (value << 28) & 0xF0000000, cmp, timeout_us); }
 inline void cpu_cfg_field_REVISION_CODE_set_to_clear(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x380, 0xF0000000, 28, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x380, 0xF0000000, 28, 0x0, value); }
 inline void cpu_cfg_field_range_REVISION_CODE_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x380, 0xF0000000, 28, 0x0, start_bit, stop_bit, value); }
 inline void cpu_cfg_field_DEVICE_ID_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
@@ -143,7 +154,7 @@ inline UINT32 cpu_cfg_field_DEVICE_ID_get(cpu_cfg_buffer_t* buf, cpu_cfg_handle_
 inline VELT_ERROR cpu_cfg_field_DEVICE_ID_poll(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return cpu_cfg_reg_DEVICE_ID_poll(buf, h, 0xFFFF000, (value << 12) & 0xFFFF000, cmp, timeout_us); }
 inline void cpu_cfg_field_DEVICE_ID_set_to_clear(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x380, 0xFFFF000, 12, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x380, 0xFFFF000, 12, 0x0, value); }
 inline void cpu_cfg_field_range_DEVICE_ID_set(cpu_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x380, 0xFFFF000, 12, 0x0, start_bit, stop_bit, value); }
 
@@ -152,6 +163,17 @@ inline void cpu_cfg_field_range_DEVICE_ID_set(cpu_cfg_buffer_t* buf, cpu_cfg_han
 inline void ocr_cfg_buffer_init(ocr_cfg_buffer_t* buf) { buf->buffer = coalesce_buffer_t{}; }
 inline void ocr_cfg_buffer_flush(ocr_cfg_buffer_t* buf) { velt_l1_sys_flush(&buf->buffer); }
 inline void ocr_cfg_buffer_force_read_modify_write(ocr_cfg_buffer_t* buf) { velt_l1_sys_force_read_modify_write(&buf->buffer); }
+
+inline UINT32 ocr_cfg_reg_read(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset)
+{ return velt_l1_sys_reg_read(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset); }
+inline void ocr_cfg_reg_write(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 value)
+{ velt_l1_sys_reg_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, value); }
+inline UINT32 ocr_cfg_field_get(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 shift)
+{ return velt_l1_sys_field_get(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, shift); }
+inline void ocr_cfg_field_set(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 shift, UINT32 value)
+{ velt_l1_sys_field_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, shift, value); }
+inline VELT_ERROR ocr_cfg_poll(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
+{ return velt_l1_sys_poll(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, value, cmp, timeout_us); }
 
 inline UINT32 ocr_cfg_reg_UNAVAIL_read(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h)
 { return velt_l1_sys_reg_read(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10010); }
@@ -170,7 +192,7 @@ inline UINT32 ocr_cfg_field_RAM_UNAVAIL_get(ocr_cfg_buffer_t* buf, cpu_cfg_handl
 inline VELT_ERROR ocr_cfg_field_RAM_UNAVAIL_poll(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return ocr_cfg_reg_UNAVAIL_poll(buf, h, 0xFF, (value << 0) & 0xFF, cmp, timeout_us); }
 inline void ocr_cfg_field_RAM_UNAVAIL_set_to_clear(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10010, 0xFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10010, 0xFF, 0, 0xFFFFFF00, value); }
 inline void ocr_cfg_field_range_RAM_UNAVAIL_set(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10010, 0xFF, 0, 0xFFFFFF00, start_bit, stop_bit, value); }
 
@@ -191,7 +213,7 @@ inline UINT32 ocr_cfg_field_RAM_INIT_EN_get(ocr_cfg_buffer_t* buf, cpu_cfg_handl
 inline VELT_ERROR ocr_cfg_field_RAM_INIT_EN_poll(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return ocr_cfg_reg_INIT_CTRL_poll(buf, h, 0xFF, (value << 0) & 0xFF, cmp, timeout_us); }
 inline void ocr_cfg_field_RAM_INIT_EN_set_to_clear(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10018, 0xFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10018, 0xFF, 0, 0xFFFFFF00, value); }
 inline void ocr_cfg_field_range_RAM_INIT_EN_set(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10018, 0xFF, 0, 0xFFFFFF00, start_bit, stop_bit, value); }
 
@@ -212,7 +234,7 @@ inline UINT32 ocr_cfg_field_RAM_INIT_BUSY_get(ocr_cfg_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR ocr_cfg_field_RAM_INIT_BUSY_poll(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return ocr_cfg_reg_INIT_STATUS_poll(buf, h, 0xFF, (value << 0) & 0xFF, cmp, timeout_us); }
 inline void ocr_cfg_field_RAM_INIT_BUSY_set_to_clear(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10020, 0xFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10020, 0xFF, 0, 0x0, value); }
 inline void ocr_cfg_field_range_RAM_INIT_BUSY_set(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10020, 0xFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -233,7 +255,7 @@ inline UINT32 ocr_cfg_field_RAM_LOWPWR_SD_get(ocr_cfg_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR ocr_cfg_field_RAM_LOWPWR_SD_poll(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return ocr_cfg_reg_SHUTDOWN_CTRL_poll(buf, h, 0xFF, (value << 0) & 0xFF, cmp, timeout_us); }
 inline void ocr_cfg_field_RAM_LOWPWR_SD_set_to_clear(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10028, 0xFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10028, 0xFF, 0, 0xFFFFFF00, value); }
 inline void ocr_cfg_field_range_RAM_LOWPWR_SD_set(ocr_cfg_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10028, 0xFF, 0, 0xFFFFFF00, start_bit, stop_bit, value); }
 
@@ -242,6 +264,17 @@ inline void ocr_cfg_field_range_RAM_LOWPWR_SD_set(ocr_cfg_buffer_t* buf, cpu_cfg
 inline void dcsu_buffer_init(dcsu_buffer_t* buf) { buf->buffer = coalesce_buffer_t{}; }
 inline void dcsu_buffer_flush(dcsu_buffer_t* buf) { velt_l1_sys_flush(&buf->buffer); }
 inline void dcsu_buffer_force_read_modify_write(dcsu_buffer_t* buf) { velt_l1_sys_force_read_modify_write(&buf->buffer); }
+
+inline UINT32 dcsu_reg_read(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 offset)
+{ return velt_l1_sys_reg_read(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset); }
+inline void dcsu_reg_write(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 offset, UINT32 value)
+{ velt_l1_sys_reg_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, value); }
+inline UINT32 dcsu_field_get(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 offset, UINT32 mask, UINT32 shift)
+{ return velt_l1_sys_field_get(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, shift); }
+inline void dcsu_field_set(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 offset, UINT32 mask, UINT32 shift, UINT32 value)
+{ velt_l1_sys_field_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, shift, value); }
+inline VELT_ERROR dcsu_poll(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 offset, UINT32 mask, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
+{ return velt_l1_sys_poll(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, value, cmp, timeout_us); }
 
 inline UINT32 dcsu_reg_POST_DIVIDER_UPDATE_REG_read(dcsu_buffer_t* buf, dcsu_handle_t* h)
 { return velt_l1_sys_reg_read(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10); }
@@ -260,7 +293,7 @@ inline UINT32 dcsu_field_POST_UPDATE_EN_get(dcsu_buffer_t* buf, dcsu_handle_t* h
 inline VELT_ERROR dcsu_field_POST_UPDATE_EN_poll(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return dcsu_reg_POST_DIVIDER_UPDATE_REG_poll(buf, h, 0x1, (value << 0) & 0x1, cmp, timeout_us); }
 inline void dcsu_field_POST_UPDATE_EN_set_to_clear(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10, 0x1, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10, 0x1, 0, 0xFFFFFFFE, value); }
 inline void dcsu_field_range_POST_UPDATE_EN_set(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x10, 0x1, 0, 0xFFFFFFFE, start_bit, stop_bit, value); }
 
@@ -281,7 +314,7 @@ inline UINT32 dcsu_field_POST_DIV_BY0_get(dcsu_buffer_t* buf, dcsu_handle_t* h)
 inline VELT_ERROR dcsu_field_POST_DIV_BY0_poll(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return dcsu_reg_POST_DIVIDER_CFG_REG_2_poll(buf, h, 0x3F, (value << 0) & 0x3F, cmp, timeout_us); }
 inline void dcsu_field_POST_DIV_BY0_set_to_clear(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x1C, 0x3F, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x1C, 0x3F, 0, 0xC0C0C0C0, value); }
 inline void dcsu_field_range_POST_DIV_BY0_set(dcsu_buffer_t* buf, dcsu_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x1C, 0x3F, 0, 0xC0C0C0C0, start_bit, stop_bit, value); }
 
@@ -290,6 +323,17 @@ inline void dcsu_field_range_POST_DIV_BY0_set(dcsu_buffer_t* buf, dcsu_handle_t*
 inline void int_agr_buffer_init(int_agr_buffer_t* buf) { buf->buffer = coalesce_buffer_t{}; }
 inline void int_agr_buffer_flush(int_agr_buffer_t* buf) { velt_l1_sys_flush(&buf->buffer); }
 inline void int_agr_buffer_force_read_modify_write(int_agr_buffer_t* buf) { velt_l1_sys_force_read_modify_write(&buf->buffer); }
+
+inline UINT32 int_agr_reg_read(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset)
+{ return velt_l1_sys_reg_read(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset); }
+inline void int_agr_reg_write(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 value)
+{ velt_l1_sys_reg_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, value); }
+inline UINT32 int_agr_field_get(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 shift)
+{ return velt_l1_sys_field_get(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, shift); }
+inline void int_agr_field_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 shift, UINT32 value)
+{ velt_l1_sys_field_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, shift, value); }
+inline VELT_ERROR int_agr_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 offset, UINT32 mask, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
+{ return velt_l1_sys_poll(velt_coalesce_of(buf), h->sys_handle, h->base_address + offset, mask, value, cmp, timeout_us); }
 
 inline UINT32 int_agr_reg_DEV_INTB_AGGR_SET_array_read(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n)
 { return velt_l1_sys_reg_read(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x2000 + 4 * n); }
@@ -308,7 +352,7 @@ inline UINT32 int_agr_field_array_DEV_INTB_AGGR_SET_get(int_agr_buffer_t* buf, c
 inline VELT_ERROR int_agr_field_array_DEV_INTB_AGGR_SET_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_DEV_INTB_AGGR_SET_array_poll(buf, h, n, 0xFFFFFFFF, (value << 0) & 0xFFFFFFFF, cmp, timeout_us); }
 inline void int_agr_field_array_DEV_INTB_AGGR_SET_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x2000 + 4 * n, 0xFFFFFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x2000 + 4 * n, 0xFFFFFFFF, 0, 0x0, value); }
 inline void int_agr_field_array_range_DEV_INTB_AGGR_SET_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x2000 + 4 * n, 0xFFFFFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -329,7 +373,7 @@ inline UINT32 int_agr_field_array_IPI_BITS_get(int_agr_buffer_t* buf, cpu_cfg_ha
 inline VELT_ERROR int_agr_field_array_IPI_BITS_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_INTER_PROCESSOR_INTS_array_poll(buf, h, n, 0x1, (value << 0) & 0x1, cmp, timeout_us); }
 inline void int_agr_field_array_IPI_BITS_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x20E0 + 4 * n, 0x1, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x20E0 + 4 * n, 0x1, 0, 0xFFFFFFFE, value); }
 inline void int_agr_field_array_range_IPI_BITS_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 n, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x20E0 + 4 * n, 0x1, 0, 0xFFFFFFFE, start_bit, stop_bit, value); }
 
@@ -350,7 +394,7 @@ inline UINT32 int_agr_field_IPI2PCIE_0_I0_get(int_agr_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR int_agr_field_IPI2PCIE_0_I0_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_IPI2PCIE_0_INT_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void int_agr_field_IPI2PCIE_0_I0_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E0, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E0, 0xFFFF, 0, 0x0, value); }
 inline void int_agr_field_range_IPI2PCIE_0_I0_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E0, 0xFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -371,7 +415,7 @@ inline UINT32 int_agr_field_IPI2PCIE_1_I1_get(int_agr_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR int_agr_field_IPI2PCIE_1_I1_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_IPI2PCIE_1_INT_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void int_agr_field_IPI2PCIE_1_I1_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E4, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E4, 0xFFFF, 0, 0x0, value); }
 inline void int_agr_field_range_IPI2PCIE_1_I1_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E4, 0xFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -392,7 +436,7 @@ inline UINT32 int_agr_field_IPI2PCIE_2_I2_get(int_agr_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR int_agr_field_IPI2PCIE_2_I2_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_IPI2PCIE_2_INT_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void int_agr_field_IPI2PCIE_2_I2_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E8, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E8, 0xFFFF, 0, 0x0, value); }
 inline void int_agr_field_range_IPI2PCIE_2_I2_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21E8, 0xFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -413,7 +457,7 @@ inline UINT32 int_agr_field_IPI2PCIE_3_I3_get(int_agr_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR int_agr_field_IPI2PCIE_3_I3_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_IPI2PCIE_3_INT_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void int_agr_field_IPI2PCIE_3_I3_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21EC, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21EC, 0xFFFF, 0, 0x0, value); }
 inline void int_agr_field_range_IPI2PCIE_3_I3_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21EC, 0xFFFF, 0, 0x0, start_bit, stop_bit, value); }
 
@@ -434,7 +478,7 @@ inline UINT32 int_agr_field_IPI2PCIE_0_E0_get(int_agr_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR int_agr_field_IPI2PCIE_0_E0_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_IPI2PCIE_0_INT_EN_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void int_agr_field_IPI2PCIE_0_E0_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F0, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F0, 0xFFFF, 0, 0xFFFF0000, value); }
 inline void int_agr_field_range_IPI2PCIE_0_E0_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F0, 0xFFFF, 0, 0xFFFF0000, start_bit, stop_bit, value); }
 
@@ -455,7 +499,7 @@ inline UINT32 int_agr_field_IPI2PCIE_1_E1_get(int_agr_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR int_agr_field_IPI2PCIE_1_E1_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_IPI2PCIE_1_INT_EN_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void int_agr_field_IPI2PCIE_1_E1_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F4, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F4, 0xFFFF, 0, 0xFFFF0000, value); }
 inline void int_agr_field_range_IPI2PCIE_1_E1_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F4, 0xFFFF, 0, 0xFFFF0000, start_bit, stop_bit, value); }
 
@@ -476,7 +520,7 @@ inline UINT32 int_agr_field_IPI2PCIE_2_E2_get(int_agr_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR int_agr_field_IPI2PCIE_2_E2_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_IPI2PCIE_2_INT_EN_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void int_agr_field_IPI2PCIE_2_E2_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F8, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F8, 0xFFFF, 0, 0xFFFF0000, value); }
 inline void int_agr_field_range_IPI2PCIE_2_E2_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21F8, 0xFFFF, 0, 0xFFFF0000, start_bit, stop_bit, value); }
 
@@ -497,7 +541,7 @@ inline UINT32 int_agr_field_IPI2PCIE_3_E3_get(int_agr_buffer_t* buf, cpu_cfg_han
 inline VELT_ERROR int_agr_field_IPI2PCIE_3_E3_poll(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value, VELT_POLL_COMPARISON_TYPE cmp, UINT32 timeout_us)
 { return int_agr_reg_IPI2PCIE_3_INT_EN_poll(buf, h, 0xFFFF, (value << 0) & 0xFFFF, cmp, timeout_us); }
 inline void int_agr_field_IPI2PCIE_3_E3_set_to_clear(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 value)
-{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21FC, 0xFFFF, 0, value); }
+{ velt_l1_sys_field_set_action_on_write(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21FC, 0xFFFF, 0, 0xFFFF0000, value); }
 inline void int_agr_field_range_IPI2PCIE_3_E3_set(int_agr_buffer_t* buf, cpu_cfg_handle_t* h, UINT32 start_bit, UINT32 stop_bit, UINT32 value)
 { velt_l1_sys_field_range_set(velt_coalesce_of(buf), h->sys_handle, h->base_address + 0x21FC, 0xFFFF, 0, 0xFFFF0000, start_bit, stop_bit, value); }
 

@@ -211,6 +211,9 @@ bool velt_circular_buffer_reader::print_one_record(FILE* file)
 
 bool velt_circular_buffer_reader::check_for_new_data_in_buffer(FILE* file)
 {
+    // A reader never positioned follows from where it stands (the ring's
+    // start): its mirror comes on first use like the others'.
+    allocate_mirror();
     _write_index = _fw_write_index.read_32bit_value();
     if (_write_index > _bufsize) {
         VELT_PRINTF(file, "write index %d is larger than buffer size %d, exiting\n", (int)_write_index,
