@@ -1440,11 +1440,11 @@ class kavo_debug_macsec_tcam_scrub_stats_t(Record):
 
 class kavo_defect_ive_t(Record):
     _init_ = "kavo_defect_ive_t_init"
-    _fields_ = [("i", ctypes.c_uint8), ("v", ctypes.c_uint8), ("e", ctypes.c_uint8), ("is_valid", ctypes.c_uint8), ("unused", ctypes.c_uint8)]
+    _fields_ = [("i", ctypes.c_uint8, 1), ("v", ctypes.c_uint8, 1), ("e", ctypes.c_uint8, 1), ("is_valid", ctypes.c_uint8, 1), ("unused", ctypes.c_uint8, 4)]
 
 class kavo_defect_summary_ive_valid_t(Record):
     _init_ = "kavo_defect_summary_ive_valid_t_init"
-    _fields_ = [("i", ctypes.c_uint8), ("v", ctypes.c_uint8), ("e", ctypes.c_uint8), ("is_valid", ctypes.c_uint8), ("unused", ctypes.c_uint8)]
+    _fields_ = [("i", ctypes.c_uint8, 1), ("v", ctypes.c_uint8, 1), ("e", ctypes.c_uint8, 1), ("is_valid", ctypes.c_uint8, 1), ("unused", ctypes.c_uint8, 4)]
 
 class kavo_defect_summary_mask_t(Record):
     _init_ = "kavo_defect_summary_mask_t_init"

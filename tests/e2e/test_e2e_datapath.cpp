@@ -675,7 +675,7 @@ TEST_F(datapath_test, GettersWithoutOutputHaltAfterTheSend)
     EXPECT_DEATH(kavo_loopback_status_get(0, 0, nullptr), "");
 }
 
-TEST_F(datapath_test, CommandsCostSixOrSevenBusTransactions)
+TEST_F(datapath_test, CommandsCostOneExchangeEach)
 {
     ASSERT_EQ(configure(), VELT_SUCCESS);
     ASSERT_EQ(prov_100g(0, 0), VELT_SUCCESS);
@@ -686,10 +686,11 @@ TEST_F(datapath_test, CommandsCostSixOrSevenBusTransactions)
         std::function<VELT_ERROR()> call;
         UINT64 transactions;
     } cases[] = {
-        {"no payload", [] { return kavo_enet_mru_set(0, 0, 2000); }, 6},
-        {"built record", [] { return kavo_enet_ca_mask_enable(0, 0, 1, KAVO_ENET_ALARM_ACTION_LF); }, 6},
-        {"result fields", [&] { return kavo_loopback_status_get(0, 0, &mode); }, 6},
-        {"reply payload", [&] { return kavo_enet_status_get(0, 0, &s); }, 7},
+        {"no payload", [] { return kavo_enet_mru_set(0, 0, 2000); }, kavo_test::BUS_PER_COMMAND},
+        {"built record", [] { return kavo_enet_ca_mask_enable(0, 0, 1, KAVO_ENET_ALARM_ACTION_LF); },
+         kavo_test::BUS_PER_COMMAND},
+        {"result fields", [&] { return kavo_loopback_status_get(0, 0, &mode); }, kavo_test::BUS_PER_COMMAND},
+        {"reply payload", [&] { return kavo_enet_status_get(0, 0, &s); }, kavo_test::BUS_PER_COMMAND_WITH_PAYLOAD},
     };
     for (const auto& c : cases) {
         chip()->journal_reset();

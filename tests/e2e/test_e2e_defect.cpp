@@ -59,15 +59,15 @@ TEST_F(device_test, DefectRequestsArePackedAsTheFirmwareExpects)
         UINT64 transactions;
     } cases[] = {
         {"chnl_e_set", [] { return kavo_defect_chnl_e_set(0, 7, KAVO_DEFECT_TYPE_DCSU, 1, 1); },
-         DEFECTS_ERR_UNKNOWN_CHNL_ID, KAVO_HTL_OPERATION_DEFECT_E_SET, 7, 9, 1, 1, 6},
+         DEFECTS_ERR_UNKNOWN_CHNL_ID, KAVO_HTL_OPERATION_DEFECT_E_SET, 7, 9, 1, 1, kavo_test::BUS_PER_COMMAND},
         {"v_set", [] { return kavo_defect_v_set(0, KAVO_DEFECT_TYPE_TLIC, 103, 0); }, VELT_SUCCESS,
-         KAVO_HTL_OPERATION_DEFECT_V_SET, 0, 8, 0, 103, 6},
+         KAVO_HTL_OPERATION_DEFECT_V_SET, 0, 8, 0, 103, kavo_test::BUS_PER_COMMAND},
         {"dcsu get", [&] { return kavo_dcsu_defect_get(0, KAVO_DCSU_INSTANCE_2, KAVO_DEFECT_CLEAR_NONE, &dcsu); },
-         VELT_SUCCESS, KAVO_HTL_OPERATION_DEFECT_GET, 2, 3, 0, 9, 7},
+         VELT_SUCCESS, KAVO_HTL_OPERATION_DEFECT_GET, 2, 3, 0, 9, kavo_test::BUS_PER_COMMAND_WITH_PAYLOAD},
         {"tlic get", [&] { return kavo_tlic_defect_get(0, KAVO_DEFECT_CLEAR_ENABLED, &tlic); }, VELT_SUCCESS,
-         KAVO_HTL_OPERATION_DEFECT_GET, 0, 1, 0, 8, 7},
+         KAVO_HTL_OPERATION_DEFECT_GET, 0, 1, 0, 8, kavo_test::BUS_PER_COMMAND_WITH_PAYLOAD},
         {"intf enable", [&] { return kavo_ilkn_intf_defect_enable_set(0, &intf); }, VELT_SUCCESS,
-         KAVO_HTL_OPERATION_DEFECT_ENABLE_SET, 0, 2, 0, 32, 6},
+         KAVO_HTL_OPERATION_DEFECT_ENABLE_SET, 0, 2, 0, 32, kavo_test::BUS_PER_COMMAND},
     };
     for (auto& c : cases) {
         const UINT64 before = bus_transactions();

@@ -113,7 +113,8 @@ TEST_F(pe_test, ProvisioningClaimsTheHostChannelUntilDeprovisioned)
     ASSERT_EQ(kavo_pe_deprov(ID, KAVO_PE_HOST_ID_2), VELT_SUCCESS) << take();
     const kavo_sim::journal_snapshot j = kavo_sim::chip_get(ID)->journal();
     EXPECT_EQ(j.counters.words_written, KAVO_HTL_HEADER_SIZE / 4);
-    EXPECT_EQ(j.counters.reads + j.counters.writes + j.counters.burst_reads + j.counters.burst_writes, 6u);
+    EXPECT_EQ(j.counters.reads + j.counters.writes + j.counters.burst_reads + j.counters.burst_writes,
+              kavo_test::BUS_PER_COMMAND);
     for (const auto& e : j.events) {
         if (e.kind == kavo_sim::event_kind::request) {
             EXPECT_EQ(e.data_size, 48u);

@@ -100,17 +100,17 @@ TEST_F(device_test, SerdesRecordsTravelAndRepliesLandInTheCallersRecords)
     EXPECT_DEATH(kavo_serdes_ppm_offset_get(0, PORT, nullptr), "");
 }
 
-TEST_F(device_test, SerdesCommandsCostSixBusTransactionsAndSevenWithAReply)
+TEST_F(device_test, SerdesCommandsCostOneExchangeEach)
 {
     ASSERT_EQ(bring_up(0), VELT_SUCCESS);
     UINT64 before = bus_transactions();
     ASSERT_EQ(kavo_serdes_adaptation_trigger(0, PORT, 0), VELT_SUCCESS);
-    EXPECT_EQ(bus_transactions() - before, 6u);
+    EXPECT_EQ(bus_transactions() - before, kavo_test::BUS_PER_COMMAND);
     kavo_serdes_2d_eye_data_t eye;
     ASSERT_EQ(kavo_serdes_2d_eye_mon_enable(0, PORT, 1, 6), VELT_SUCCESS);
     before = bus_transactions();
     ASSERT_EQ(kavo_serdes_2d_eye_mon_get(0, PORT, &eye), VELT_SUCCESS);
-    EXPECT_EQ(bus_transactions() - before, 7u);
+    EXPECT_EQ(bus_transactions() - before, kavo_test::BUS_PER_COMMAND_WITH_PAYLOAD);
     EXPECT_TRUE(eye.valid);
 }
 

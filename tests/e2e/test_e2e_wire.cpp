@@ -86,7 +86,7 @@ TEST_P(wire, RequestCarriesTheArgumentsAndTheReplyLandsInTheOutputs)
     script(VELT_SUCCESS);
     const UINT64 before = bus_transactions();
     ASSERT_EQ(c.run(run), VELT_SUCCESS);
-    EXPECT_EQ(bus_transactions() - before, c.reply_size ? 7u : 6u) << "one request, one reply";
+    EXPECT_EQ(bus_transactions() - before, c.reply_size ? kavo_test::BUS_PER_COMMAND_WITH_PAYLOAD : kavo_test::BUS_PER_COMMAND) << "one request, one reply";
 
     const mailbox_request m = read_mailbox();
     EXPECT_EQ(m.words[0], 0u) << "device id";

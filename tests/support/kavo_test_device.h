@@ -19,6 +19,13 @@ std::string firmware_dir();
 std::string make_image(const std::string& name, UINT32 major, UINT32 minor, UINT32 build, UINT32 vcs_id = 1,
                        bool corrupt = false);
 
+/* Bus transactions of one exchange: the request's burst write, the
+   read-modify-write clear of the reply indication (a read and a write), the
+   doorbell's read and its clear, the ready check, the reply header's burst
+   read; and one more burst read for a reply payload. */
+constexpr UINT64 BUS_PER_COMMAND = 7;
+constexpr UINT64 BUS_PER_COMMAND_WITH_PAYLOAD = BUS_PER_COMMAND + 1;
+
 /* A one-word echo through the firmware; VELT_ERR_FAIL when the word comes back changed. */
 VELT_ERROR ping(UINT32 id, UINT32 value = 0x5A5A5A5A);
 inline bool has(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }

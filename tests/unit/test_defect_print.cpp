@@ -8,13 +8,26 @@
 #include "kavo/kavo_api.h"
 #include "kavo_test_log.h"
 
-using kavo_test::take;
-
 namespace {
 
+/* The printers write to the process's standard output, not through the
+   print callout: each test reads what reached it. */
 class DefectPrint : public ::testing::Test {
   protected:
-    void SetUp() override { kavo_test::install_capture(); }
+    void SetUp() override
+    {
+        kavo_test::install_capture();
+        ::testing::internal::CaptureStdout();
+    }
+    void TearDown() override { ::testing::internal::GetCapturedStdout(); }
+    static std::string take()
+    {
+        std::fflush(stdout);
+        std::string out = ::testing::internal::GetCapturedStdout();
+        ::testing::internal::CaptureStdout();
+        EXPECT_EQ(kavo_test::take(), "") << "nothing goes through the print callout";
+        return out;
+    }
 };
 
 kavo_defect_ive_t ive(UINT8 byte)

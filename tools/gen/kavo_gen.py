@@ -444,7 +444,7 @@ void {n}_init({n}* value) {{ value->init(); }}
 
 void {n}_print_at(const {n}* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {{
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
 {body}
 }}
 

@@ -649,7 +649,8 @@ class Generator:
                     t = self.py_type(h.type)
                     for d in reversed(h.dims):
                         t = f"({t} * {d})"
-                    fields.append(f"(\"{h.name}\", {t})")
+                    bits = getattr(h, "bits", None)
+                    fields.append(f"(\"{h.name}\", {t}, {bits})" if bits else f"(\"{h.name}\", {t})")
                     if m.offset is not None and h is m.halves()[0]:
                         offsets.append(f"    (\"{r.name}\", \"{h.name}\", {m.offset}),")
             out.append("    _fields_ = [" + ", ".join(fields) + "]")

@@ -25,9 +25,9 @@ void print_ive(const kavo_defect_ive_t& d, const char* name, kavo_defect_print_f
 {
     if (!shown(d, filter)) return;
     if (index < 0)
-        VELT_PRINTF(stdout, "%*s%s: {V: %d, I: %d, E: %d}\n", 4 * indent, "", name, (int)d.v, (int)d.i, (int)d.e);
+        std::printf("%*s%s: {V: %d, I: %d, E: %d}\n", 4 * indent, "", name, (int)d.v, (int)d.i, (int)d.e);
     else
-        VELT_PRINTF(stdout, "%*s- {V: %d, I: %d, E: %d}    # %s[%d]\n", 4 * indent, "", (int)d.v, (int)d.i, (int)d.e,
+        std::printf("%*s- {V: %d, I: %d, E: %d}    # %s[%d]\n", 4 * indent, "", (int)d.v, (int)d.i, (int)d.e,
                     name, index);
 }
 
@@ -55,7 +55,7 @@ void kavo_defect_summary_ive_valid_t_print_at(const kavo_defect_summary_ive_vali
     std::memcpy(static_cast<void*>(&d), value, sizeof(d));
     if (index >= 0) return print_ive(d, name, filter, indent, index);
     if (!shown(d, filter)) return;
-    VELT_PRINTF(stdout, "%*sSummary: {V: %d, I: %d, E: %d}\n", 4 * indent, "", (int)d.v, (int)d.i, (int)d.e);
+    std::printf("%*sSummary: {V: %d, I: %d, E: %d}\n", 4 * indent, "", (int)d.v, (int)d.i, (int)d.e);
 }
 
 void kavo_defect_summary_ive_valid_t_print(const kavo_defect_summary_ive_valid_t* value,
@@ -72,7 +72,7 @@ void kavo_defect_summary_mask_t_print_at(const kavo_defect_summary_mask_t* value
     for (int b = 0; b < 24; ++b)
         bits[b] = (value->active >> b) & 1 ? '1' : '0';
     bits[24] = '\0';
-    VELT_PRINTF(stdout, "%*sActive Mask [23:0]: {%s}\n", 4 * indent, "", bits);
+    std::printf("%*sActive Mask [23:0]: {%s}\n", 4 * indent, "", bits);
 }
 
 void kavo_defect_summary_mask_t_print(const kavo_defect_summary_mask_t* value, kavo_defect_print_filter_t filter)

@@ -18,6 +18,15 @@ void velt_print_struct_header(FILE* file, const char* name, int indent, int inde
         VELT_PRINTF(file, "%*s-   # %s[%d]\n", 4 * indent, "", name, index);
 }
 
+// Defect records print to the process's standard output, like counter records.
+void velt_print_defect_header(const char* name, int indent, int index)
+{
+    if (index < 0)
+        std::printf("%*s%s:\n", 4 * indent, "", name);
+    else
+        std::printf("%*s-   # %s[%d]\n", 4 * indent, "", name, index);
+}
+
 // Counter records print straight to the process's standard output, not through the
 // print callout: they are reports for the operator, like the statistics summary.
 void velt_print_counts_header(const char* name, int indent, int index)

@@ -25,6 +25,7 @@ struct velt_enum_table_t {
 const char* velt_enum_illegal_text(const char* type_name, const char* constant, int value, char* buffer, UINT32 length);
 /* "%*s%s:\n", or the list item "%*s-   # %s[%d]\n" for an array element. */
 void velt_print_struct_header(FILE* file, const char* name, int indent, int index);
+void velt_print_defect_header(const char* name, int indent, int index);
 /* Counter records print to standard output (through the print callout), filtered by the selection. */
 void velt_print_counts_header(const char* name, int indent, int index);
 void velt_print_counter(kavo_pmon_print_sel_t selection, int indent, const char* name, UINT64 value, const char* fmt);

@@ -154,7 +154,7 @@ void kavo_defect_enet_phy_chnl_t_init(kavo_defect_enet_phy_chnl_t* value) { valu
 
 void kavo_defect_enet_phy_chnl_t_print_at(const kavo_defect_enet_phy_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->los, "los", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->cdr_lol, "cdr_lol", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->block_lock_lost, "block_lock_lost", filter, indent + 1, -1);
@@ -179,7 +179,7 @@ void kavo_defect_enet_mac_chnl_t_init(kavo_defect_enet_mac_chnl_t* value) { valu
 
 void kavo_defect_enet_mac_chnl_t_print_at(const kavo_defect_enet_mac_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->rx_fcs_err, "rx_fcs_err", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->rx_undersize, "rx_undersize", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->rx_oversize, "rx_oversize", filter, indent + 1, -1);
@@ -200,7 +200,7 @@ void kavo_defect_enet_alarms_proc_chnl_t_init(kavo_defect_enet_alarms_proc_chnl_
 
 void kavo_defect_enet_alarms_proc_chnl_t_print_at(const kavo_defect_enet_alarms_proc_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->tx_lf_insert, "tx_lf_insert", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->tx_rf_insert, "tx_rf_insert", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->tx_idle_insert, "tx_idle_insert", filter, indent + 1, -1);
@@ -219,7 +219,7 @@ void kavo_defect_timing_chnl_t_init(kavo_defect_timing_chnl_t* value) { value->i
 
 void kavo_defect_timing_chnl_t_print_at(const kavo_defect_timing_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->tod_unlocked, "tod_unlocked", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->tx_ts_fifo_overflow, "tx_ts_fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->rx_ts_fifo_overflow, "rx_ts_fifo_overflow", filter, indent + 1, -1);
@@ -237,7 +237,7 @@ void kavo_defect_enet_port_segment_t_init(kavo_defect_enet_port_segment_t* value
 
 void kavo_defect_enet_port_segment_t_print_at(const kavo_defect_enet_port_segment_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_enet_phy_chnl_t_print_at(&value->phy, "phy", filter, indent + 1, -1);
     kavo_defect_enet_mac_chnl_t_print_at(&value->mac, "mac", filter, indent + 1, -1);
@@ -252,7 +252,7 @@ void kavo_defect_lt_serdes_port_t_init(kavo_defect_lt_serdes_port_t* value) { va
 
 void kavo_defect_lt_serdes_port_t_print_at(const kavo_defect_lt_serdes_port_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->training_failure, "training_failure", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->frame_lock_lost, "frame_lock_lost", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->wait_timer_expired, "wait_timer_expired", filter, indent + 1, -1);
@@ -267,7 +267,7 @@ void kavo_defect_anlt_chnl_t_init(kavo_defect_anlt_chnl_t* value) { value->init(
 
 void kavo_defect_anlt_chnl_t_print_at(const kavo_defect_anlt_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->an_hcd_resolved, "an_hcd_resolved", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->an_incompatible_link, "an_incompatible_link", filter, indent + 1, -1);
@@ -284,7 +284,7 @@ void kavo_defect_ilkn_tx_link_t_init(kavo_defect_ilkn_tx_link_t* value) { value-
 
 void kavo_defect_ilkn_tx_link_t_print_at(const kavo_defect_ilkn_tx_link_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->underflow, "underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->overflow, "overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->burst_err, "burst_err", filter, indent + 1, -1);
@@ -302,7 +302,7 @@ void kavo_defect_ilkn_rx_link_t_init(kavo_defect_ilkn_rx_link_t* value) { value-
 
 void kavo_defect_ilkn_rx_link_t_print_at(const kavo_defect_ilkn_rx_link_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->align_lost, "align_lost", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->align_err, "align_err", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->crc24_err, "crc24_err", filter, indent + 1, -1);
@@ -324,7 +324,7 @@ void kavo_defect_ilkn_intf_t_init(kavo_defect_ilkn_intf_t* value) { value->init(
 
 void kavo_defect_ilkn_intf_t_print_at(const kavo_defect_ilkn_intf_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_ilkn_tx_link_t_print_at(&value->tx, "tx", filter, indent + 1, -1);
     kavo_defect_ilkn_rx_link_t_print_at(&value->rx, "rx", filter, indent + 1, -1);
@@ -337,7 +337,7 @@ void kavo_defect_ilkn_chnl_t_init(kavo_defect_ilkn_chnl_t* value) { value->init(
 
 void kavo_defect_ilkn_chnl_t_print_at(const kavo_defect_ilkn_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->tx_fifo_overflow, "tx_fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->tx_fifo_underflow, "tx_fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->rx_fifo_overflow, "rx_fifo_overflow", filter, indent + 1, -1);
@@ -359,7 +359,7 @@ void kavo_defect_efc_ilkn_tx_chnl_t_init(kavo_defect_efc_ilkn_tx_chnl_t* value) 
 
 void kavo_defect_efc_ilkn_tx_chnl_t_print_at(const kavo_defect_efc_ilkn_tx_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->fifo_overflow, "fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_underflow, "fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->credit_err, "credit_err", filter, indent + 1, -1);
@@ -373,7 +373,7 @@ void kavo_defect_efc_ilkn_rx_chnl_t_init(kavo_defect_efc_ilkn_rx_chnl_t* value) 
 
 void kavo_defect_efc_ilkn_rx_chnl_t_print_at(const kavo_defect_efc_ilkn_rx_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->fifo_overflow, "fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_underflow, "fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->credit_err, "credit_err", filter, indent + 1, -1);
@@ -387,7 +387,7 @@ void kavo_defect_efc_ilkn_chnl_t_init(kavo_defect_efc_ilkn_chnl_t* value) { valu
 
 void kavo_defect_efc_ilkn_chnl_t_print_at(const kavo_defect_efc_ilkn_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_efc_ilkn_tx_chnl_t_print_at(&value->tx, "tx", filter, indent + 1, -1);
     kavo_defect_efc_ilkn_rx_chnl_t_print_at(&value->rx, "rx", filter, indent + 1, -1);
 }
@@ -399,7 +399,7 @@ void kavo_defect_cfc_chnl_t_init(kavo_defect_cfc_chnl_t* value) { value->init();
 
 void kavo_defect_cfc_chnl_t_print_at(const kavo_defect_cfc_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->fifo_overflow, "fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_underflow, "fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->ecc_correctable, "ecc_correctable", filter, indent + 1, -1);
@@ -417,7 +417,7 @@ void kavo_defect_ilkn_pkt_segment_t_init(kavo_defect_ilkn_pkt_segment_t* value) 
 
 void kavo_defect_ilkn_pkt_segment_t_print_at(const kavo_defect_ilkn_pkt_segment_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_ilkn_chnl_t_print_at(&value->chnl, "chnl", filter, indent + 1, -1);
     kavo_defect_efc_ilkn_chnl_t_print_at(&value->efc, "efc", filter, indent + 1, -1);
@@ -431,7 +431,7 @@ void kavo_defect_foh_chnl_t_init(kavo_defect_foh_chnl_t* value) { value->init();
 
 void kavo_defect_foh_chnl_t_print_at(const kavo_defect_foh_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->lof, "lof", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->lom, "lom", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->oof, "oof", filter, indent + 1, -1);
@@ -453,7 +453,7 @@ void kavo_defect_flexe_phy_chnl_t_init(kavo_defect_flexe_phy_chnl_t* value) { va
 
 void kavo_defect_flexe_phy_chnl_t_print_at(const kavo_defect_flexe_phy_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->phy_missing, "phy_missing", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->link_down, "link_down", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->pcs_align_lost, "pcs_align_lost", filter, indent + 1, -1);
@@ -476,7 +476,7 @@ void kavo_defect_flexe_group_segment_t_init(kavo_defect_flexe_group_segment_t* v
 
 void kavo_defect_flexe_group_segment_t_print_at(const kavo_defect_flexe_group_segment_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->gid_mismatch, "gid_mismatch", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->phy_missing, "phy_missing", filter, indent + 1, -1);
@@ -496,7 +496,7 @@ void kavo_defect_flexe_client_chnl_t_init(kavo_defect_flexe_client_chnl_t* value
 
 void kavo_defect_flexe_client_chnl_t_print_at(const kavo_defect_flexe_client_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->lf, "lf", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->rf, "rf", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->csf, "csf", filter, indent + 1, -1);
@@ -518,7 +518,7 @@ void kavo_defect_efc_enet_tx_chnl_t_init(kavo_defect_efc_enet_tx_chnl_t* value) 
 
 void kavo_defect_efc_enet_tx_chnl_t_print_at(const kavo_defect_efc_enet_tx_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->fifo_overflow, "fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_underflow, "fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->credit_err, "credit_err", filter, indent + 1, -1);
@@ -536,7 +536,7 @@ void kavo_defect_efc_enet_rx_chnl_t_init(kavo_defect_efc_enet_rx_chnl_t* value) 
 
 void kavo_defect_efc_enet_rx_chnl_t_print_at(const kavo_defect_efc_enet_rx_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->fifo_overflow, "fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_underflow, "fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->credit_err, "credit_err", filter, indent + 1, -1);
@@ -554,7 +554,7 @@ void kavo_defect_efc_enet_chnl_t_init(kavo_defect_efc_enet_chnl_t* value) { valu
 
 void kavo_defect_efc_enet_chnl_t_print_at(const kavo_defect_efc_enet_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_efc_enet_tx_chnl_t_print_at(&value->tx, "tx", filter, indent + 1, -1);
     kavo_defect_efc_enet_rx_chnl_t_print_at(&value->rx, "rx", filter, indent + 1, -1);
 }
@@ -566,7 +566,7 @@ void kavo_defect_pb_pcs_chnl_t_init(kavo_defect_pb_pcs_chnl_t* value) { value->i
 
 void kavo_defect_pb_pcs_chnl_t_print_at(const kavo_defect_pb_pcs_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->rx_fifo_overflow, "rx_fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->rx_fifo_underflow, "rx_fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->tx_fifo_overflow, "tx_fifo_overflow", filter, indent + 1, -1);
@@ -584,7 +584,7 @@ void kavo_defect_sar_mpma_dsp_t_init(kavo_defect_sar_mpma_dsp_t* value) { value-
 
 void kavo_defect_sar_mpma_dsp_t_print_at(const kavo_defect_sar_mpma_dsp_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->rate_out_of_range, "rate_out_of_range", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_overflow, "fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_underflow, "fifo_underflow", filter, indent + 1, -1);
@@ -602,7 +602,7 @@ void kavo_defect_flexe_client_segment_t_init(kavo_defect_flexe_client_segment_t*
 
 void kavo_defect_flexe_client_segment_t_print_at(const kavo_defect_flexe_client_segment_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_flexe_client_chnl_t_print_at(&value->client, "client", filter, indent + 1, -1);
     kavo_defect_enet_mac_chnl_t_print_at(&value->mac, "mac", filter, indent + 1, -1);
@@ -618,7 +618,7 @@ void kavo_defect_serdes_t_init(kavo_defect_serdes_t* value) { value->init(); }
 
 void kavo_defect_serdes_t_print_at(const kavo_defect_serdes_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->los, "los", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->cdr_lol, "cdr_lol", filter, indent + 1, -1);
@@ -646,7 +646,7 @@ void kavo_defect_shw_t_init(kavo_defect_shw_t* value) { value->init(); }
 
 void kavo_defect_shw_t_print_at(const kavo_defect_shw_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->ocr_ecc_correctable, "ocr_ecc_correctable", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->ocr_ecc_uncorrectable, "ocr_ecc_uncorrectable", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->cpu_watchdog, "cpu_watchdog", filter, indent + 1, -1);
@@ -663,7 +663,7 @@ void kavo_defect_pb_igr_top_t_init(kavo_defect_pb_igr_top_t* value) { value->ini
 
 void kavo_defect_pb_igr_top_t_print_at(const kavo_defect_pb_igr_top_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->fifo_overflow, "fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_underflow, "fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->ecc_correctable, "ecc_correctable", filter, indent + 1, -1);
@@ -681,7 +681,7 @@ void kavo_defect_pb_egr_top_t_init(kavo_defect_pb_egr_top_t* value) { value->ini
 
 void kavo_defect_pb_egr_top_t_print_at(const kavo_defect_pb_egr_top_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->fifo_overflow, "fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fifo_underflow, "fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->ecc_correctable, "ecc_correctable", filter, indent + 1, -1);
@@ -699,7 +699,7 @@ void kavo_defect_enet_top_t_init(kavo_defect_enet_top_t* value) { value->init();
 
 void kavo_defect_enet_top_t_print_at(const kavo_defect_enet_top_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->mac_ecc_correctable, "mac_ecc_correctable", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->mac_ecc_uncorrectable, "mac_ecc_uncorrectable", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->fec_ecc_correctable, "fec_ecc_correctable", filter, indent + 1, -1);
@@ -717,7 +717,7 @@ void kavo_defect_foh_t_init(kavo_defect_foh_t* value) { value->init(); }
 
 void kavo_defect_foh_t_print_at(const kavo_defect_foh_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_ive_t_print_at(&value->ohp_fifo_overflow, "ohp_fifo_overflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->ohp_fifo_underflow, "ohp_fifo_underflow", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->ins_err, "ins_err", filter, indent + 1, -1);
@@ -735,7 +735,7 @@ void kavo_defect_slice_top_t_init(kavo_defect_slice_top_t* value) { value->init(
 
 void kavo_defect_slice_top_t_print_at(const kavo_defect_slice_top_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_pb_igr_top_t_print_at(&value->pb_igr, "pb_igr", filter, indent + 1, -1);
     kavo_defect_pb_egr_top_t_print_at(&value->pb_egr, "pb_egr", filter, indent + 1, -1);
     kavo_defect_enet_top_t_print_at(&value->enet, "enet", filter, indent + 1, -1);
@@ -749,7 +749,7 @@ void kavo_defect_tlic_t_init(kavo_defect_tlic_t* value) { value->init(); }
 
 void kavo_defect_tlic_t_print_at(const kavo_defect_tlic_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_shw_t_print_at(&value->shw, "shw", filter, indent + 1, -1);
     for (int i = 0; i < 3; ++i) kavo_defect_slice_top_t_print_at(&value->slice[i], "slice", filter, indent + 1, i);
@@ -762,7 +762,7 @@ void kavo_defect_dcsu_t_init(kavo_defect_dcsu_t* value) { value->init(); }
 
 void kavo_defect_dcsu_t_print_at(const kavo_defect_dcsu_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->summary, "summary", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->lock, "lock", filter, indent + 1, -1);
     kavo_defect_ive_t_print_at(&value->err_slow, "err_slow", filter, indent + 1, -1);
@@ -778,7 +778,7 @@ void kavo_defect_device_summary_t_init(kavo_defect_device_summary_t* value) { va
 
 void kavo_defect_device_summary_t_print_at(const kavo_defect_device_summary_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index)
 {
-    velt_print_struct_header(stdout, name, indent, index);
+    velt_print_defect_header(name, indent, index);
     kavo_defect_summary_ive_valid_t_print_at(&value->ilkn_intf, "ilkn_intf", filter, indent + 1, -1);
     for (int i = 0; i < 8; ++i) kavo_defect_summary_ive_valid_t_print_at(&value->ilkn_chnl[i], "ilkn_chnl", filter, indent + 1, i);
     for (int i = 0; i < 48; ++i) kavo_defect_summary_ive_valid_t_print_at(&value->enet_port[i], "enet_port", filter, indent + 1, i);
