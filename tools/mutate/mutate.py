@@ -125,11 +125,11 @@ def mutants_of_line(line, ops):
     return out
 
 
-def parse_target(spec):
-    m = re.match(r"^(.*?):(\d+)-(\d+)$", spec)
+def parse_target(target):
+    m = re.match(r"^(.*?):(\d+)-(\d+)$", target)
     if m:
         return m.group(1), int(m.group(2)), int(m.group(3))
-    return spec, 1, 10 ** 9
+    return target, 1, 10 ** 9
 
 
 def run(cmd, timeout=None):
@@ -157,8 +157,8 @@ def main():
     ops = set(args.ops.split(","))
 
     mutants = []
-    for spec in args.files:
-        path, first, last = parse_target(spec)
+    for target in args.files:
+        path, first, last = parse_target(target)
         with open(path) as f:
             lines = f.readlines()
         for n in range(max(first, 1), min(last, len(lines)) + 1):
