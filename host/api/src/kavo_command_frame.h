@@ -33,6 +33,11 @@ class kavo_command_frame {
         if (_tracing) trace_begin(name);
     }
 
+    /* A fragment without arguments, printed as text. */
+    void trace(const char* text)
+    {
+        if (_tracing) VELT_PRINTF(velt_global_log_file_ptr, "%s", text);
+    }
     /* One trace fragment per argument, e.g. ", 0x%x". */
     template <typename... A>
     void trace(const char* format, A... args)
