@@ -1,6 +1,8 @@
 // kavoctl's defect and counter views as a user runs them, on the in-process
 // virtual device: texts, JSON documents, exit status of refusals.
 #include <gtest/gtest.h>
+
+#include "kavo_test_device.h"
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -8,24 +10,8 @@
 
 namespace {
 
-struct run_result {
-    int status;
-    std::string output;
-};
-
-// kavoctl is built beside the virtual device's tools.
-run_result kavoctl(const std::string& args)
-{
-    const std::string command = std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl " + args + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    run_result r{-1, ""};
-    if (pipe == nullptr) return r;
-    char chunk[4096];
-    for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0;) r.output.append(chunk, n);
-    const int raw = pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
-}
+using run_result = kavo_test::kavoctl_run;
+run_result kavoctl(const std::string& args) { return kavo_test::run_kavoctl(args, true); }
 
 }  // namespace
 

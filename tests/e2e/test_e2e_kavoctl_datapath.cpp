@@ -1,6 +1,8 @@
 // kavoctl's datapath verbs as a user runs them: a script that provisions,
 // connects and loops back ports, then the channel table as text and as JSON.
 #include <gtest/gtest.h>
+
+#include "kavo_test_device.h"
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -9,23 +11,8 @@
 
 namespace {
 
-struct run_result {
-    int status;
-    std::string output;
-};
-
-run_result kavoctl(const std::string& args)
-{
-    const std::string command = std::string(KAVOCTL_PATH) + " " + args + " 2>/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
-    run_result r{-1, ""};
-    if (pipe == nullptr) return r;
-    char chunk[4096];
-    for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0;) r.output.append(chunk, n);
-    const int raw = pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
-}
+using run_result = kavo_test::kavoctl_run;
+run_result kavoctl(const std::string& args) { return kavo_test::run_kavoctl(args, false); }
 
 std::string script(const std::string& name, const std::string& steps)
 {

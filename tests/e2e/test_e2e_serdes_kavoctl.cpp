@@ -1,6 +1,8 @@
 // kavoctl's SerDes views as a user runs them: the eye plot, a PRBS run, the
 // overview in JSON, and the microcode load, on the in-process virtual device.
 #include <gtest/gtest.h>
+
+#include "kavo_test_device.h"
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,23 +22,8 @@ std::string kavoctl_path()
         .string();
 }
 
-struct run_result {
-    int status;
-    std::string out;
-};
-
-run_result kavoctl(const std::string& args)
-{
-    FILE* pipe = popen((kavoctl_path() + " " + args + " 2>/dev/null").c_str(), "r");
-    run_result r{-1, ""};
-    if (pipe == nullptr) return r;
-    char chunk[4096];
-    for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0;)
-        r.out.append(chunk, n);
-    const int raw = pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
-}
+using run_result = kavo_test::kavoctl_run;
+run_result kavoctl(const std::string& args) { return kavo_test::run_kavoctl(args, false); }
 
 TEST(kavoctl_serdes, ViewsShowTheLanes)
 {
@@ -64,8 +51,8 @@ TEST(kavoctl_serdes, ViewsShowTheLanes)
     };
     for (const auto& c : cases) {
         const run_result r = kavoctl(c.args);
-        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out;
-        EXPECT_NE(r.out.find(c.shows), std::string::npos) << c.args << "\n" << r.out;
+        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.output;
+        EXPECT_NE(r.output.find(c.shows), std::string::npos) << c.args << "\n" << r.output;
     }
 }
 

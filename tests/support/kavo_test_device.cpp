@@ -1,5 +1,7 @@
 #include "kavo_test_device.h"
 
+#include <sys/wait.h>
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +13,22 @@
 #include "velt_library_options.h"
 
 namespace kavo_test {
+
+kavoctl_run run_kavoctl(const std::string& args, bool with_stderr)
+{
+    // kavoctl is built beside the virtual device's tools.
+    const std::string command = std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl " + args +
+                                (with_stderr ? " 2>&1" : " 2>/dev/null");
+    kavoctl_run r;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return r;
+    char chunk[4096];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0;) r.output.append(chunk, n);
+    const int raw = pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
 
 std::string firmware_dir() { return KAVO_FW_IMAGE_DIR; }
 

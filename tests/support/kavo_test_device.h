@@ -26,6 +26,15 @@ std::string make_image(const std::string& name, UINT32 major, UINT32 minor, UINT
 constexpr UINT64 BUS_PER_COMMAND = 7;
 constexpr UINT64 BUS_PER_COMMAND_WITH_PAYLOAD = BUS_PER_COMMAND + 1;
 
+/* What a run of this build's kavoctl printed and its exit status. */
+struct kavoctl_run {
+    int status = -1;
+    std::string output;
+};
+/* Runs kavoctl with args (a shell command line); its standard error joins the
+   output unless with_stderr is false. */
+kavoctl_run run_kavoctl(const std::string& args, bool with_stderr = true);
+
 /* A one-word echo through the firmware; VELT_ERR_FAIL when the word comes back changed. */
 VELT_ERROR ping(UINT32 id, UINT32 value = 0x5A5A5A5A);
 inline bool has(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
