@@ -3,6 +3,10 @@
 // request's own fields) and what a shutdown leaves behind.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
 #include "kavo_sim/bus_client.h"
 #include "kavo_sim/kavo_sim.h"
 
@@ -27,7 +31,10 @@ class SimDatapath : public ::testing::Test {
         kavo_htl_general_struct_t info;
         info.element_id = chnl;
         info.parent_id = parent;
-        return bus.exchange(KAVO_HTL_OPERATION_ENET_PROV, &t, size, info).result();
+        // A longer payload than the record carries zeros after it.
+        std::vector<UINT8> payload(std::max<size_t>(size, sizeof(t)), 0);
+        std::memcpy(payload.data(), &t, sizeof(t));
+        return bus.exchange(KAVO_HTL_OPERATION_ENET_PROV, payload.data(), size, info).result();
     }
     kavo_sim::bus_client bus{kavo_sim::callouts(), 3};
     kavo_traffic_enet_t port; // the defaults: 100G over two 50G PAM4 lanes, MAC

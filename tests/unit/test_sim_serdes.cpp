@@ -134,7 +134,9 @@ TEST_F(SimSerdes, MonitorLocksOnThePartnersPatternAndCountsEveryBitSinceLock)
     auto b = ber();
     EXPECT_TRUE(b.lock);
     EXPECT_GE(double(b.bit_count), BITS_PER_US * 1e6);
-    EXPECT_LT(double(b.bit_count), BITS_PER_US * 1.001e6) << "the bus traffic's own time is small";
+    // The chip's clock also runs in real time: the exchanges add a little, more
+    // under a sanitizer.
+    EXPECT_LT(double(b.bit_count), BITS_PER_US * 1.01e6) << "the bus traffic's own time is small";
     EXPECT_EQ(b.error_count, 0u);
     const auto read = ber(true), fresh = ber();
     EXPECT_LT(fresh.bit_count, read.bit_count / 1000) << "read, then counted again from zero";
