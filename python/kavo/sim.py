@@ -16,11 +16,11 @@ def _check(rc):
         raise KavoError(rc)
 
 
-def chip_create(device_id, revision_b=False, threaded=False, service_time_us=0):
+def chip_create(device_id, revision_b=False, threaded=False, service_time_us=0, clock_step_ns=0):
     class options(ctypes.Structure):
         _fields_ = [("revision_code", ctypes.c_uint32), ("threaded", ctypes.c_uint32),
-                    ("service_time_us", ctypes.c_uint32)]
-    o = options(1 if revision_b else 0, 1 if threaded else 0, service_time_us)
+                    ("service_time_us", ctypes.c_uint32), ("clock_step_ns", ctypes.c_uint32)]
+    o = options(1 if revision_b else 0, 1 if threaded else 0, service_time_us, clock_step_ns)
     _check(_call("kavo_sim_chip_create", ctypes.c_uint32, [ctypes.c_uint32, ctypes.c_void_p], device_id,
                  ctypes.byref(o)))
 

@@ -61,6 +61,7 @@ void chip_impl::record_bus(event_kind kind, UINT32 address, UINT32 value, UINT32
     e.status = status;
     record(e);
     if (status != map::BUS_OK) ++counters.bus_errors;
+    st.skipped_ns += st.cfg.clock_step_ns;
 }
 
 UINT32 chip_impl::bus_fault(UINT32 address, UINT32 words)

@@ -56,13 +56,14 @@ struct chip_state {
     std::vector<UINT32> ram;
     std::chrono::steady_clock::time_point epoch;
     world_knobs knobs;
-    UINT64 skipped_ns = 0; // time moved forward on request (SIM_FAULT_ADVANCE_TIME)
+    UINT64 skipped_ns = 0; // time moved forward on request (SIM_FAULT_ADVANCE_TIME) and by stepped bus transactions
 
     static constexpr UINT64 TICKS_PER_US = 181;
 
     /* Nanoseconds since power-up. */
     UINT64 now_ns() const
     {
+        if (cfg.clock_step_ns != 0) return skipped_ns;
         const auto ns =
             std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - epoch).count();
         return UINT64(ns) + skipped_ns;

@@ -4,7 +4,9 @@
 // they are the chip's map, not the simulator's own constants.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "kavo_sim/bus_client.h"
 #include "kavo_sim/kavo_sim.h"
@@ -27,10 +29,16 @@ std::string console_text(bus_client& bus)
 
 constexpr auto THREADED = kavo_sim::exec_mode::threaded;
 
-// Chips run threaded, so that requests are served on the firmware's thread.
+// Chips run threaded, so that requests are served on the firmware's thread,
+// on a stepped clock, so that the chip's timers do not depend on the host's speed.
 class SimChip : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_EQ(kavo_sim::chip_create(0, {0x6100, 0, THREADED, 0}), VELT_SUCCESS); }
+    void SetUp() override
+    {
+        kavo_sim::chip_config cfg{0x6100, 0, THREADED, 0};
+        cfg.clock_step_ns = 1;
+        ASSERT_EQ(kavo_sim::chip_create(0, cfg), VELT_SUCCESS);
+    }
     void TearDown() override { kavo_sim::chip_destroy_all(); }
     bus_client bus{kavo_sim::callouts(), 0};
 };
@@ -131,6 +139,24 @@ TEST_F(SimChip, RamInitClearsTheRisingBanksAndIsBusyAWhile)
     bus.write(0xF10018, 0x7);
     EXPECT_EQ(bus.rd(0x40), pattern[0]);
     EXPECT_EQ(bus.rd(0x200040), 0u);
+}
+
+TEST(SimChipClock, ASteppedClockMovesWithBusTransactionsAndRequestsOnly)
+{
+    kavo_sim::chip_config cfg;
+    cfg.clock_step_ns = 10000;
+    ASSERT_EQ(kavo_sim::chip_create(1, cfg), VELT_SUCCESS);
+    bus_client b{kavo_sim::callouts(), 1};
+    b.write(0xF10018, 0x1); // RAM_INIT_EN: bank 0, busy for 100 us of the chip's clock
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    int busy_reads = 0;
+    while (b.rd(0xF10020) != 0 && busy_reads < 100)
+        ++busy_reads;
+    EXPECT_EQ(busy_reads, 9) << "10 us per transaction, the host's own time not counted";
+    b.write(0xF10018, 0x3);
+    kavo_sim::chip_get(1)->advance_time(100);
+    EXPECT_EQ(b.rd(0xF10020), 0u) << "advance_time moves a stepped clock";
+    kavo_sim::chip_destroy(1);
 }
 
 TEST_F(SimChip, UnavailableOrShutDownBanksRefuseAccess)

@@ -26,6 +26,9 @@ typedef struct kavo_sim_chip_options_t {
     UINT32 revision_code;   /* 0: reva, otherwise revb */
     UINT32 threaded;        /* 1: the firmware answers from a thread of its own */
     UINT32 service_time_us; /* time the firmware takes to answer a request */
+    UINT32 clock_step_ns;   /* 0: the chip's clock runs in real time; otherwise it
+                               stands still and each bus transaction moves it on by
+                               this many nanoseconds (kavo_sim_advance_time too) */
 } kavo_sim_chip_options_t;
 
 /* Bus and request counters of a chip's journal. */
@@ -86,6 +89,11 @@ struct chip_config {
     // on-chip RAM initialisation, during which RAM_INIT_BUSY reads busy.
     UINT32 startup_us = 0;
     UINT32 ram_init_us = 100;
+    // 0: the chip's clock runs in real time. Otherwise the clock stands still
+    // and each bus transaction moves it on by this many nanoseconds, so that
+    // what a test sees does not depend on how fast the host runs; the host's
+    // polls still end because its reads move the clock.
+    UINT32 clock_step_ns = 0;
 };
 
 constexpr UINT32 MAX_CHIPS = 32;
