@@ -16,7 +16,7 @@ class SimDatapath : public ::testing::Test {
   protected:
     void SetUp() override
     {
-        ASSERT_EQ(kavo_sim::chip_create(3), VELT_SUCCESS);
+        ASSERT_EQ(kavo_sim::chip_create(3, kavo_sim::chip_config::stepped()), VELT_SUCCESS);
         ASSERT_TRUE(bus.cold_start(kavo_sim::image_build({3, 0, 2, 1})));
         kavo_config_t c;
         c.device_mode = KAVO_DEVICE_MODE_1200G_ENET;

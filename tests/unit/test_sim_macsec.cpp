@@ -63,7 +63,7 @@ class SimMacsec : public ::testing::Test {
   protected:
     void SetUp() override
     {
-        ASSERT_EQ(kavo_sim::chip_create(4, {0x6104, 1}), VELT_SUCCESS);
+        ASSERT_EQ(kavo_sim::chip_create(4, kavo_sim::chip_config::stepped(0x6104, 1)), VELT_SUCCESS);
         ASSERT_TRUE(bus.cold_start(kavo_sim::image_build({3, 0, 2, 1})));
     }
     void TearDown() override { kavo_sim::chip_destroy_all(); }

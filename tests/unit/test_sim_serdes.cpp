@@ -38,9 +38,7 @@ class SimSerdes : public ::testing::Test {
   protected:
     void SetUp() override
     {
-        kavo_sim::chip_config stepped{0x6104, 1};
-        stepped.clock_step_ns = 1000; // time moves with the test's requests only
-        ASSERT_EQ(kavo_sim::chip_create(4, stepped), VELT_SUCCESS);
+        ASSERT_EQ(kavo_sim::chip_create(4, kavo_sim::chip_config::stepped(0x6104, 1)), VELT_SUCCESS);
         ASSERT_TRUE(bus.cold_start(kavo_sim::image_build({3, 0, 5, 77})));
     }
     void TearDown() override { kavo_sim::chip_destroy_all(); }

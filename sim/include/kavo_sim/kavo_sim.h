@@ -94,6 +94,17 @@ struct chip_config {
     // what a test sees does not depend on how fast the host runs; the host's
     // polls still end because its reads move the clock.
     UINT32 clock_step_ns = 0;
+
+    /* A chip on a stepped clock of 1 us per bus transaction: what a test sees
+       of the chip's timers depends on its requests and advance_time only. */
+    static chip_config stepped(UINT32 device_code = 0x6100, UINT32 revision_code = 0)
+    {
+        chip_config c;
+        c.device_code = device_code;
+        c.revision_code = revision_code;
+        c.clock_step_ns = 1000;
+        return c;
+    }
 };
 
 constexpr UINT32 MAX_CHIPS = 32;
