@@ -174,6 +174,31 @@ TEST_F(FwLog, LogsWithInterleavedTicksPrintInGlobalOrder)
     }
 }
 
+TEST_F(FwLog, EqualTicksKeepTheMergeHeapsOrder)
+{
+    // Entry k of log i is tagged 10 i + k. Nothing moves up past an equal parent
+    // and a moved-down log stops at an equal child: with three logs all at one
+    // tick, the last log comes to the top after log 0, and log 0 goes back
+    // below it. Between two equal children the left one is taken.
+    struct {
+        std::vector<std::vector<UINT64>> ticks;
+        std::vector<int> order;
+    } cases[] = {
+        {{{7, 7}, {7, 7}, {7, 7}}, {0, 20, 1, 21, 10, 11}},
+        {{{1}, {5}, {5}, {9}}, {0, 10, 20, 30}},
+        {{{1}, {5}, {3}, {9}}, {0, 20, 10, 30}}, // the smaller child is the last slot
+    };
+    for (const auto& c : cases) {
+        logs(std::vector<std::pair<const char*, UINT32>>(c.ticks.size(), {"L", 16}));
+        for (UINT32 i = 0; i < c.ticks.size(); ++i) {
+            for (UINT32 k = 0; k < c.ticks[i].size(); ++k) tagged(i, k, c.ticks[i][k], int(10 * i + k));
+            index(i, UINT32(c.ticks[i].size()), 0);
+        }
+        init();
+        EXPECT_EQ(tags(show()), c.order);
+    }
+}
+
 TEST_F(FwLog, PositionsPersistABadIndexMarksOnlyItsLogAndARestartResetsThem)
 {
     logs({{"A", 8}, {"B", 8}});
