@@ -240,7 +240,7 @@ TEST_F(flexe_test, TimeOfDayRunsOnMonotonicallyFromTheValueSet)
 /* kavoctl's status and output for the given arguments; status -1 when it was not built. */
 std::pair<int, std::string> kavoctl(const std::string& args)
 {
-    const std::string tool = std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl";
+    const std::string tool = kavo_test::tool_path("/../tools/kavoctl/kavoctl");
     std::pair<int, std::string> r{-1, ""};
     FILE* pipe = std::ifstream(tool).good() ? popen((tool + " " + args + " 2>/dev/null").c_str(), "r") : nullptr;
     if (pipe == nullptr) return r;

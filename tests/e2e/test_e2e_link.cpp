@@ -142,7 +142,7 @@ class simd_process {
   public:
     explicit simd_process(const std::string& socket_path) : path_(socket_path)
     {
-        const std::string daemon = std::string(KAVO_SIM_TOOLS_DIR) + "/kavo-simd";
+        const std::string daemon = kavo_test::tool_path("/kavo-simd");
         char* argv[] = {const_cast<char*>(daemon.c_str()), const_cast<char*>("--socket"),
                         const_cast<char*>(path_.c_str()), nullptr};
         posix_spawn_file_actions_t actions;

@@ -1,6 +1,8 @@
 // kavoctl's MACsec views as a user runs them: an SA from published key
 // material, a known-answer frame through the engine, what show and stats report.
 #include <gtest/gtest.h>
+
+#include "kavo_test_device.h"
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -10,7 +12,7 @@
 namespace {
 
 // kavoctl is built beside the virtual device's tools (build/tools/kavoctl).
-const std::string KAVOCTL = std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl";
+const std::string KAVOCTL = kavo_test::tool_path("/../tools/kavoctl/kavoctl");
 
 std::string run(const std::string& args, int& status)
 {

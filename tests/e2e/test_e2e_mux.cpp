@@ -289,7 +289,7 @@ namespace {
 /* kavoctl's output (standard output only) and exit status; the tool sits beside the sim tools in the build. */
 std::pair<int, std::string> kavoctl(const std::string& args)
 {
-    const std::string tool = std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl";
+    const std::string tool = kavo_test::tool_path("/../tools/kavoctl/kavoctl");
     FILE* pipe = popen((tool + " " + args + " 2>/dev/null").c_str(), "r");
     std::string out;
     if (pipe == nullptr) return {-1, out};
@@ -304,7 +304,7 @@ std::pair<int, std::string> kavoctl(const std::string& args)
 
 TEST(kavoctl_views, MuxAndClockShow)
 {
-    if (access((std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl").c_str(), X_OK) != 0)
+    if (access(kavo_test::tool_path("/../tools/kavoctl/kavoctl").c_str(), X_OK) != 0)
         GTEST_SKIP() << "kavoctl is not built";
     const std::string script = ::testing::TempDir() + "kavoctl_mux_views.txt";
     std::ofstream(script) << "call kavo_device_config device_cfg.device_mode=KAVO_DEVICE_MODE_1200G_ENET "

@@ -2,6 +2,8 @@
 // ways it stops, and the arguments it refuses. The daemon is always stopped.
 #include <gtest/gtest.h>
 
+#include "kavo_test_device.h"
+
 #include <csignal>
 #include <string>
 #include <sys/wait.h>
@@ -15,7 +17,7 @@ using kavo_sim::bus_client;
 
 namespace {
 
-const std::string SIMD = std::string(KAVO_SIM_TOOLS_DIR) + "/kavo-simd";
+const std::string SIMD = kavo_test::tool_path("/kavo-simd");
 
 class SimDaemon : public ::testing::Test {
   protected:

@@ -17,8 +17,9 @@ namespace kavo_test {
 kavoctl_run run_kavoctl(const std::string& args, bool with_stderr)
 {
     // kavoctl is built beside the virtual device's tools.
-    const std::string command = std::string(KAVO_SIM_TOOLS_DIR) + "/../tools/kavoctl/kavoctl " + args +
-                                (with_stderr ? " 2>&1" : " 2>/dev/null");
+    std::string command = tool_path("/../tools/kavoctl/kavoctl ");
+    command += args;
+    command += with_stderr ? " 2>&1" : " 2>/dev/null";
     kavoctl_run r;
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return r;
@@ -31,6 +32,21 @@ kavoctl_run run_kavoctl(const std::string& args, bool with_stderr)
 
 
 std::string firmware_dir() { return KAVO_FW_IMAGE_DIR; }
+
+std::string tool_path(const char* relative)
+{
+    std::string path = KAVO_SIM_TOOLS_DIR;
+    path += relative;
+    return path;
+}
+
+std::string types_path(const std::string& name)
+{
+    std::string path = KAVO_TEST_TYPES_DIR;
+    path += '/';
+    path += name;
+    return path;
+}
 
 static std::string scratch_dir()
 {

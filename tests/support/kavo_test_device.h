@@ -15,6 +15,11 @@ namespace kavo_test {
 
 /* Directory of the images the build produced (kavo_fw_app_revx.mem and its reva/revb names). */
 std::string firmware_dir();
+/* A program of the build (kavoctl, kavo-simd, ...) by its path from the build's
+   sim/ directory, and a file of tests/types. Built by appending, so that no
+   compiler sees the length of the build's own path at the call site. */
+std::string tool_path(const char* relative);
+std::string types_path(const std::string& name);
 /* Writes an image of the given version into the scratch directory and returns its path. */
 std::string make_image(const std::string& name, UINT32 major, UINT32 minor, UINT32 build, UINT32 vcs_id = 1,
                        bool corrupt = false);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "kavo_test_device.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -34,7 +36,7 @@ std::vector<std::string> rows_of(const velt_enum_table_t& table)
 /* The list as the chip's documentation gives it, kept beside the tests. */
 std::vector<std::string> documented(const char* name)
 {
-    const std::string path = std::string(KAVO_TEST_TYPES_DIR) + "/" + name;
+    const std::string path = kavo_test::types_path(name);
     std::ifstream in(path);
     EXPECT_TRUE(in.good()) << path;
     std::vector<std::string> lines;
