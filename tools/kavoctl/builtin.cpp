@@ -177,28 +177,9 @@ int cmd_image(const settings& s, const args_t& args)
         // The same words as kavo-mkimage create.
         kavo_sim::image_version v;
         bool corrupt = false;
-        for (size_t i = 2; i < args.size(); ++i) {
-            const std::string& a = args[i];
-            const char* next = i + 1 < args.size() ? args[i + 1].c_str() : nullptr;
-            bool ok = true;
-            if (a == "--corrupt") {
-                corrupt = true;
-                continue;
-            } else if (a == "--version") {
-                ok = kavo_sim::image_version_parse(next, v);
-            } else if (a == "--vcs") {
-                ok = kavo_sim::parse_u32(next, v.vcs_id);
-            } else if (a == "--rev") {
-                ok = kavo_sim::image_rev_parse(next, v.device_rev);
-            } else if (a == "--body") {
-                ok = kavo_sim::parse_u32(next, v.body_size) && v.body_size % 4 == 0 &&
-                     v.body_size <= kavo_sim::PAYLOAD_MAX_BODY;
-            } else {
-                return usage_error("image create FILE: unknown option " + a);
-            }
-            if (!ok) return usage_error("image create FILE: bad value for " + a);
-            ++i;
-        }
+        std::string why;
+        if (!kavo_sim::image_create_parse(args_t(args.begin() + 2, args.end()), v, corrupt, why))
+            return usage_error("image create FILE: " + why);
         if (!kavo_sim::image_write(args[1].c_str(), v, corrupt)) {
             std::fprintf(stderr, "kavoctl: cannot write %s\n", args[1].c_str());
             return 1;

@@ -3,6 +3,7 @@
 #ifndef KAVOCTL_KAVOCTL_H
 #define KAVOCTL_KAVOCTL_H
 
+#include <istream>
 #include <span>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@ struct settings {
     bool trace = false;
     bool json = false;  // results as JSON on standard output
     bool quiet = false; // no library log lines
+    double wait_s = 0;  // how long to wait for a chip another client drives (--wait)
 };
 
 // Exit statuses: 0 success, 1 a command failed, 2 usage, and these.
@@ -49,8 +51,21 @@ std::span<const verb> mux_verbs();
 std::span<const verb> defect_verbs();
 std::span<const verb> pmon_verbs();
 
+/* Every verb, area by area. */
+std::vector<const verb*> all_verbs();
+/* The verb of that name; null when there is none. */
 const verb* find_verb(const std::string& name);
+/* The usage text: options, exit statuses and every verb with its arguments. */
 void print_usage(FILE* out);
+
+/* The words of a script or shell line; # starts a comment. */
+args_t split_line(const std::string& line);
+/* Runs one line of a script or the shell on the open device: its status, or
+   -1 for quit/exit. help alone prints the usage; run and shell are refused. */
+int run_line(const settings& s, const std::string& line);
+/* run FILE: one command a line; stops at the first failing line and names it
+   as source:line on standard error. */
+int run_script(const settings& s, std::istream& in, const std::string& source);
 
 /* Brings the device up on first use (the virtual device unless a socket is
    given); 0 when it is up, else the failure reported and its exit status.
