@@ -83,6 +83,39 @@ bool bus_failed();
 void log_to(FILE* sink);
 void log_quiet(bool quiet);
 
+/* Where kavoctl last stopped reading a chip's console: the firmware's boot
+   information then, the ring's wrap count and write index, and the start and
+   checksum of the last record shown, which must still be there for the
+   position to hold. */
+struct console_mark {
+    bool valid = false;
+    UINT32 boot = 0, wrap = 0, index = 0, last_record = 0, last_crc = 0;
+};
+/* The console's lines written since the last call on this chip (all of them
+   on a chip kavoctl has not read, or one that restarted), and a note when the
+   ring could not be followed. */
+struct console_news {
+    std::vector<std::string> lines;
+    std::string note;
+};
+console_news console_read_new(const settings& s);
+
+/* kavoctl's standard output is not a terminal: the boot's progress dots
+   (written by the library straight to standard output) are held back from it
+   while the device boots, and everything else written meanwhile is passed on
+   in order afterwards. */
+struct boot_output {
+    boot_output();
+    ~boot_output();
+    boot_output(const boot_output&) = delete;
+    boot_output& operator=(const boot_output&) = delete;
+};
+/* Passes on what a boot_output holds, at once (the assertion handler's exit). */
+void boot_output_release();
+/* Captured boot output without the download's progress: lines made only of
+   dots, and the empty line the download ends with when it had no dots. */
+std::string drop_progress(const std::string& captured);
+
 /* A usage error: one line on standard error, status 2. */
 int usage_error(const std::string& what);
 /* A command's result: 0, or its code by name on standard error and status 1. */

@@ -99,6 +99,7 @@ int main(int argc, char** argv)
     app.add_option("--device", s.device);
     app.add_flag("--sim", sim);
     app.add_option("--sim-socket", s.socket_path);
+    app.add_option("--wait", s.wait_s)->check(CLI::Range(0.0, 86400.0));
     app.add_option("--fw", s.firmware);
     app.add_option("--init", init)->check(CLI::IsMember({"cold", "auto", "attach"}));
     app.add_flag("--revb", s.revb);
