@@ -2,6 +2,8 @@
 // the firmware runs on the image in its RAM.
 #include "kavo_sim/image.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdlib>
 
@@ -149,6 +151,36 @@ bool image_rev_parse(const char* text, UINT32& device_rev)
     return true;
 }
 
+bool image_create_parse(const std::vector<std::string>& options, image_version& v, bool& corrupt, std::string& why)
+{
+    for (size_t i = 0; i < options.size(); ++i) {
+        const std::string& opt = options[i];
+        const char* val = i + 1 < options.size() ? options[i + 1].c_str() : nullptr;
+        bool ok = true;
+        if (opt == "--corrupt") {
+            corrupt = true;
+            continue;
+        } else if (opt == "--version") {
+            ok = image_version_parse(val, v);
+        } else if (opt == "--vcs") {
+            ok = parse_u32(val, v.vcs_id);
+        } else if (opt == "--rev") {
+            ok = image_rev_parse(val, v.device_rev);
+        } else if (opt == "--body") {
+            ok = parse_u32(val, v.body_size) && v.body_size % 4 == 0 && v.body_size <= PAYLOAD_MAX_BODY;
+        } else {
+            why = "unknown option " + opt;
+            return false;
+        }
+        if (!ok) {
+            why = "bad value for " + opt;
+            return false;
+        }
+        ++i;
+    }
+    return true;
+}
+
 image_info image_inspect(const std::vector<UINT8>& file)
 {
     image_info info;
@@ -195,6 +227,13 @@ image_info image_inspect(const std::vector<UINT8>& file)
 image_info image_inspect_file(const char* path)
 {
     std::vector<UINT8> data;
+    // A directory, a device or a pipe would read as nothing or never end.
+    struct stat st;
+    if (path && ::stat(path, &st) == 0 && (!S_ISREG(st.st_mode) || UINT64(st.st_size) > IMAGE_FILE_MAX)) {
+        image_info refused;
+        refused.problem = S_ISREG(st.st_mode) ? "larger than any image" : "not a regular file";
+        return refused;
+    }
     FILE* f = path ? std::fopen(path, "rb") : nullptr;
     if (!f) {
         image_info info;

@@ -2,6 +2,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "kavo_sim/image.h"
 
@@ -22,29 +24,10 @@ int create(int argc, char** argv)
     const char* path = argv[2];
     kavo_sim::image_version v;
     bool corrupt = false;
-    for (int i = 3; i < argc; ++i) {
-        const char* opt = argv[i];
-        const char* val = i + 1 < argc ? argv[i + 1] : nullptr;
-        bool ok = true;
-        if (!std::strcmp(opt, "--corrupt")) {
-            corrupt = true;
-            continue;
-        } else if (!std::strcmp(opt, "--version")) {
-            ok = kavo_sim::image_version_parse(val, v);
-        } else if (!std::strcmp(opt, "--vcs")) {
-            ok = kavo_sim::parse_u32(val, v.vcs_id);
-        } else if (!std::strcmp(opt, "--rev")) {
-            ok = kavo_sim::image_rev_parse(val, v.device_rev);
-        } else if (!std::strcmp(opt, "--body")) {
-            ok = kavo_sim::parse_u32(val, v.body_size) && v.body_size % 4 == 0 && v.body_size <= kavo_sim::PAYLOAD_MAX_BODY;
-        } else {
-            return usage();
-        }
-        if (!ok) {
-            std::fprintf(stderr, "kavo-mkimage: bad value for %s\n", opt);
-            return 2;
-        }
-        ++i;
+    std::string why;
+    if (!kavo_sim::image_create_parse(std::vector<std::string>(argv + 3, argv + argc), v, corrupt, why)) {
+        std::fprintf(stderr, "kavo-mkimage: %s\n", why.c_str());
+        return 2;
     }
     if (!kavo_sim::image_write(path, v, corrupt)) {
         std::fprintf(stderr, "kavo-mkimage: cannot write %s\n", path);

@@ -191,6 +191,9 @@ class Enum:
         out.append(f"KAVO_STATIC_ASSERT(sizeof({self.name}) == 4, \"{self.name} is 32 bits\");")
         if not self.group.printers:
             return "\n".join(out)
+        out.append(f"/* The constant's name of a {self.name} value, and the name without the type's prefix.\n"
+                   f"   A value without a name gives \"illegal {self.name} (VALUE)\" written into buffer\n"
+                   f"   (length bytes), or \"illegal {self.name}\" when buffer is null. */")
         out.append(
             f"KAVO_API const char* {self.name}_print({self.name} value, char* buffer, UINT32 length);")
         out.append(
@@ -287,14 +290,25 @@ class Struct:
 
     def prototypes(self):
         n = self.name
-        out = [f"{self.group.export}void {n}_init({n}* value);"]
+        out = [f"/* {n}_init sets every member of *value to its default; {n}_print writes it as an\n"
+               f"   indented name: value list, {n}_print_at as the member `name` at an indent (4 blanks a\n"
+               f"   level), with \"[index]\" when index >= 0. */"]
+        if self.no_print:
+            out = [f"/* Sets every member of *value to its default. */"]
+        out.append(f"{self.group.export}void {n}_init({n}* value);")
         if self.no_print:
             return "\n".join(out)
         if self.counts:
+            out[0] = (f"/* {n}_init sets every member of *value to its default; {n}_print writes the counts\n"
+                      f"   selected (none, the non-zero ones, all) to standard output, {n}_print_at as the\n"
+                      f"   member `name` at an indent, with \"[index]\" when index >= 0. */")
             out.append(f"KAVO_API void {n}_print_at(const {n}* value, const char* name, "
                        f"kavo_pmon_print_sel_t selection, int indent, int index);")
             out.append(f"KAVO_API void {n}_print(const {n}* value, kavo_pmon_print_sel_t selection);")
         elif self.defects:
+            out[0] = (f"/* {n}_init sets every member of *value to its default; {n}_print writes the defects\n"
+                      f"   the filter lets through to standard output, {n}_print_at as the member `name` at an\n"
+                      f"   indent, with \"[index]\" when index >= 0. */")
             out.append(f"KAVO_API void {n}_print_at(const {n}* value, const char* name, "
                        f"kavo_defect_print_filter_t filter, int indent, int index);")
             out.append(f"KAVO_API void {n}_print(const {n}* value, kavo_defect_print_filter_t filter);")

@@ -24,22 +24,52 @@ int cmd_init(const settings& s, const args_t& args)
     return 0;
 }
 
+/* "3.0.2" from a version word (major bits 27..20, minor 19..12, build 7..0). */
+std::string version_text(UINT32 word)
+{
+    char text[32];
+    std::snprintf(text, sizeof(text), "%u.%u.%u", (word >> 20) & 0xFF, (word >> 12) & 0xFF, word & 0xFF);
+    return text;
+}
+
+/* status: the device in a few lines, the version once, identifiers in hex,
+   then the console lines that are new since the last status on this chip. */
 int cmd_status(const settings& s, const args_t& args)
 {
     if (!args.empty()) return usage_error("status takes no arguments");
     if (int failed = device_ready(s)) return failed;
     kavo_status_info_t status;
-    VELT_ERROR rc = kavo_device_status_get(s.device, &status);
+    const VELT_ERROR rc = kavo_device_status_get(s.device, &status);
+    const kavo_device_status_info_t& d = status.device_info;
+    const bool reached = rc == VELT_SUCCESS || rc == KAVO_SW_FW_VERSION_MISMATCH;
+    const console_news console = reached ? console_read_new(s) : console_news{};
+    const std::string firmware = version_text(d.fw_version), library = version_text(status.sw_version);
     if (s.json) {
         nlohmann::json doc = result_json(rc);
         doc["status"] = record_json("kavo_status_info_t", status);
+        if (reached) {
+            doc["version"] = firmware;
+            doc["library_version"] = library;
+            doc["console"] = console.lines;
+            if (!console.note.empty()) doc["console_note"] = console.note;
+        }
         print_json(doc);
         return rc == VELT_SUCCESS ? 0 : 1;
     }
-    kavo_status_info_t_print(&status, stdout);
-    log_to(stdout);
-    kavo_fw_log_dump(s.device, KAVO_FW_LOG_DUMP_CONSOLE_NEW);
-    log_quiet(s.quiet);
+    if (reached) {
+        std::printf("device %u: type 0x%x, revision 0x%x, firmware vcs 0x%x, build 0x%x\n", s.device, d.device_type,
+                    d.device_revision, d.fw_revision, status.build_code);
+        if (firmware == library)
+            std::printf("version %s\n", firmware.c_str());
+        else
+            std::printf("version %s (firmware), %s (library)%s\n", firmware.c_str(), library.c_str(),
+                        status.sw_fw_mismatch ? ": they do not work together" : "");
+        std::printf("firmware %s, %s, up %u s, %d C\n", d.fw_alive ? "alive" : "not alive",
+                    d.fw_is_configured ? "configured" : "not configured", d.fw_up_time, d.device_temperature);
+        std::printf("console: %zu new line%s%s%s\n", console.lines.size(), console.lines.size() == 1 ? "" : "s",
+                    console.note.empty() ? "" : "; ", console.note.c_str());
+        for (const std::string& line : console.lines) std::printf("  %s\n", line.c_str());
+    }
     return finish(rc, "status");
 }
 
@@ -177,28 +207,9 @@ int cmd_image(const settings& s, const args_t& args)
         // The same words as kavo-mkimage create.
         kavo_sim::image_version v;
         bool corrupt = false;
-        for (size_t i = 2; i < args.size(); ++i) {
-            const std::string& a = args[i];
-            const char* next = i + 1 < args.size() ? args[i + 1].c_str() : nullptr;
-            bool ok = true;
-            if (a == "--corrupt") {
-                corrupt = true;
-                continue;
-            } else if (a == "--version") {
-                ok = kavo_sim::image_version_parse(next, v);
-            } else if (a == "--vcs") {
-                ok = kavo_sim::parse_u32(next, v.vcs_id);
-            } else if (a == "--rev") {
-                ok = kavo_sim::image_rev_parse(next, v.device_rev);
-            } else if (a == "--body") {
-                ok = kavo_sim::parse_u32(next, v.body_size) && v.body_size % 4 == 0 &&
-                     v.body_size <= kavo_sim::PAYLOAD_MAX_BODY;
-            } else {
-                return usage_error("image create FILE: unknown option " + a);
-            }
-            if (!ok) return usage_error("image create FILE: bad value for " + a);
-            ++i;
-        }
+        std::string why;
+        if (!kavo_sim::image_create_parse(args_t(args.begin() + 2, args.end()), v, corrupt, why))
+            return usage_error("image create FILE: " + why);
         if (!kavo_sim::image_write(args[1].c_str(), v, corrupt)) {
             std::fprintf(stderr, "kavoctl: cannot write %s\n", args[1].c_str());
             return 1;

@@ -1,9 +1,12 @@
 // The device kavoctl acts on: brought up on first use, through callouts that
 // count the bus's failures and send the library's lines where kavoctl wants
 // them, with an assertion handler that reports instead of halting.
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "kavo_sim/kavo_sim.h"
 #include "kavoctl.h"
@@ -20,12 +23,16 @@ FILE* log_context[1] = {stderr};
 unsigned bus_errors = 0;
 UINT32 last_bus_status = 0;
 
-int log_print(void*, FILE*, const char* format, ...)
+/* The library's log lines come with its log file (log_context[0]) and go to
+   the sink; a record printed to another file (a printer given stdout) is a
+   result and goes there, --quiet or not. */
+int log_print(void*, FILE* file, const char* format, ...)
 {
-    if (sink == nullptr) return 0;
+    FILE* out = file != nullptr && file != log_context[0] ? file : sink;
+    if (out == nullptr) return 0;
     va_list args;
     va_start(args, format);
-    const int n = std::vfprintf(sink, format, args);
+    const int n = std::vfprintf(out, format, args);
     va_end(args);
     return n;
 }
@@ -55,6 +62,7 @@ UINT32 bus_bwrite(void* c, UINT32 b, UINT32 d, UINT32 n, UINT32 a, UINT32* p)
 
 [[noreturn]] void on_assert(UINT32 code, const char* file, int line)
 {
+    boot_output_release();
     std::fflush(stdout);
     std::fprintf(stderr, "kavoctl: the library stopped at an assertion: %s:%d, code 0x%x (%s)\n", file ? file : "?",
                  line, code, kavo_err_t_string(code));
@@ -70,6 +78,25 @@ std::string firmware_for_chip(const settings& s)
     const size_t at = name.find("revx");
     if (at != std::string::npos) name.replace(at, 4, s.revb ? "revb" : "reva");
     return name;
+}
+
+/* kavo-simd lets one client at a time drive a chip's bus and refuses the
+   others' transactions as busy. A register read finds out before the boot
+   (and claims the chip when it is free); with --wait the read is repeated
+   until the chip is free or the time is up. */
+bool chip_free(const qspi_callout_api_st* chip, const settings& s)
+{
+    constexpr UINT32 DEVICE_ID_REGISTER = 0xF00380;
+    timespec start{};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (;;) {
+        UINT32 value = 0;
+        if (chip->qspi_read(nullptr, 0, s.device, DEVICE_ID_REGISTER, &value) != KAVO_ERR_DEVICE_ID_IN_USE) return true;
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (double(now.tv_sec - start.tv_sec) + double(now.tv_nsec - start.tv_nsec) / 1e9 >= s.wait_s) return false;
+        usleep(50000);
+    }
 }
 
 int open_device(const settings& s)
@@ -97,6 +124,14 @@ int open_device(const settings& s)
         // A chip already served keeps running; a new one is created.
         kavo_sim::socket_chip_create(s.socket_path.c_str(), s.device, cfg);
         chip = remote->qspi_callout_api_ctx;
+        if (!chip_free(chip, s)) {
+            if (s.wait_s > 0)
+                std::fprintf(stderr, "kavoctl: chip %u is busy: another client of kavo-simd drives it (waited %g s)\n",
+                             s.device, s.wait_s);
+            else
+                std::fprintf(stderr, "kavoctl: chip %u is busy: another client of kavo-simd drives it\n", s.device);
+            return EXIT_UNREACHABLE;
+        }
     }
     chip_bus = chip;
     bus = qspi_callout_api_st{bus_read, bus_write, bus_bread, bus_bwrite};
@@ -105,7 +140,10 @@ int open_device(const settings& s)
     kavo_assert_handler_set(on_assert);
     kavo_function_logging_set(s.trace ? 1 : 0);
     VELT_ERROR rc = kavo_fw_filename_set((s.firmware.empty() ? default_firmware() : s.firmware).c_str());
-    if (rc == VELT_SUCCESS) rc = kavo_device_init(s.device, s.init);
+    if (rc == VELT_SUCCESS) {
+        boot_output progress; // the download's dots only on a terminal
+        rc = kavo_device_init(s.device, s.init);
+    }
     if (rc != VELT_SUCCESS && last_bus_status == KAVO_ERR_DEVICE_ID_IN_USE) {
         std::fprintf(stderr, "kavoctl: chip %u is busy: another client of kavo-simd drives it\n", s.device);
         return EXIT_UNREACHABLE;

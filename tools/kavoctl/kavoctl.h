@@ -3,6 +3,7 @@
 #ifndef KAVOCTL_KAVOCTL_H
 #define KAVOCTL_KAVOCTL_H
 
+#include <istream>
 #include <span>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@ struct settings {
     bool trace = false;
     bool json = false;  // results as JSON on standard output
     bool quiet = false; // no library log lines
+    double wait_s = 0;  // how long to wait for a chip another client drives (--wait)
 };
 
 // Exit statuses: 0 success, 1 a command failed, 2 usage, and these.
@@ -49,8 +51,21 @@ std::span<const verb> mux_verbs();
 std::span<const verb> defect_verbs();
 std::span<const verb> pmon_verbs();
 
+/* Every verb, area by area. */
+std::vector<const verb*> all_verbs();
+/* The verb of that name; null when there is none. */
 const verb* find_verb(const std::string& name);
+/* The usage text: options, exit statuses and every verb with its arguments. */
 void print_usage(FILE* out);
+
+/* The words of a script or shell line; # starts a comment. */
+args_t split_line(const std::string& line);
+/* Runs one line of a script or the shell on the open device: its status, or
+   -1 for quit/exit. help alone prints the usage; run and shell are refused. */
+int run_line(const settings& s, const std::string& line);
+/* run FILE: one command a line; stops at the first failing line and names it
+   as source:line on standard error. */
+int run_script(const settings& s, std::istream& in, const std::string& source);
 
 /* Brings the device up on first use (the virtual device unless a socket is
    given); 0 when it is up, else the failure reported and its exit status.
@@ -67,6 +82,39 @@ bool bus_failed();
    standard output while they do. */
 void log_to(FILE* sink);
 void log_quiet(bool quiet);
+
+/* Where kavoctl last stopped reading a chip's console: the firmware's boot
+   information then, the ring's wrap count and write index, and the start and
+   checksum of the last record shown, which must still be there for the
+   position to hold. */
+struct console_mark {
+    bool valid = false;
+    UINT32 boot = 0, wrap = 0, index = 0, last_record = 0, last_crc = 0;
+};
+/* The console's lines written since the last call on this chip (all of them
+   on a chip kavoctl has not read, or one that restarted), and a note when the
+   ring could not be followed. */
+struct console_news {
+    std::vector<std::string> lines;
+    std::string note;
+};
+console_news console_read_new(const settings& s);
+
+/* kavoctl's standard output is not a terminal: the boot's progress dots
+   (written by the library straight to standard output) are held back from it
+   while the device boots, and everything else written meanwhile is passed on
+   in order afterwards. */
+struct boot_output {
+    boot_output();
+    ~boot_output();
+    boot_output(const boot_output&) = delete;
+    boot_output& operator=(const boot_output&) = delete;
+};
+/* Passes on what a boot_output holds, at once (the assertion handler's exit). */
+void boot_output_release();
+/* Captured boot output without the download's progress: lines made only of
+   dots, and the empty line the download ends with when it had no dots. */
+std::string drop_progress(const std::string& captured);
 
 /* A usage error: one line on standard error, status 2. */
 int usage_error(const std::string& what);

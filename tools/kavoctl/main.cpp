@@ -15,69 +15,13 @@
 #include "kavoctl.h"
 
 namespace kavoctl {
-
-int usage_error(const std::string& what)
-{
-    std::fprintf(stderr, "kavoctl: %s\n", what.c_str());
-    return 2;
-}
-
-int finish(VELT_ERROR rc, const char* what)
-{
-    if (rc == VELT_SUCCESS) return 0;
-    std::fprintf(stderr, "kavoctl: %s: %s (0x%x)\n", what, kavo_err_t_string(rc), rc);
-    return 1;
-}
-
-void print_json(const nlohmann::json& doc) { std::printf("%s\n", doc.dump().c_str()); }
-
-nlohmann::json result_json(VELT_ERROR rc)
-{
-    return nlohmann::json{{"result", rc}, {"result_name", kavo_err_t_string(rc)}};
-}
-
 namespace {
-
-const std::span<const verb> AREAS[] = {builtin_verbs(), catalogue_verbs(), datapath_verbs(), macsec_verbs(),
-                                      serdes_verbs(),  flexe_verbs(),     mux_verbs(),      defect_verbs(),
-                                      pmon_verbs()};
-
-const char* const OPTIONS =
-    "usage: kavoctl [options] [name=value ...] COMMAND [ARGS]\n"
-    "\n"
-    "options:\n"
-    "  --device N          device id, 0..31 (default 0)\n"
-    "  --sim               run on an in-process virtual device (default)\n"
-    "  --sim-socket PATH   run on a virtual device served by kavo-simd at PATH\n"
-    "  --fw FILE           firmware image; \"revx\" becomes reva/revb (default: the built image)\n"
-    "  --init MODE         cold, auto or attach (default auto)\n"
-    "  --revb              a new virtual chip is revision b (default a)\n"
-    "  --trace             print the library's call trace\n"
-    "  --json              results as JSON documents on standard output\n"
-    "  --quiet             no library log lines\n"
-    "  --version           the versions of kavoctl and the library\n"
-    "  name=value          a library option, e.g. verbosity=6, also -name=value, --name=value\n"
-    "                      and a lone name for a switch (also VELT_<name> variables)\n"
-    "\n"
-    "exit status: 0 success, 1 a command failed, 2 usage, 3 device unreachable,\n"
-    "4 the library stopped at an assertion\n"
-    "\n"
-    "commands:\n";
 
 int run_verb(const settings& s, const std::string& name, const args_t& args)
 {
     const verb* v = find_verb(name);
     if (v == nullptr) return usage_error("unknown command " + name);
     return bus_verdict(v->name, v->run(s, args));
-}
-
-/* Words of a script line; # starts a comment. */
-args_t split_line(const std::string& line)
-{
-    std::istringstream words(line.substr(0, line.find('#')));
-    args_t out;
-    for (std::string w; words >> w;) out.push_back(w);
-    return out;
 }
 
 /* Completion of the shell: verbs first, command names after call and help. */
@@ -96,8 +40,7 @@ char* complete_word(const char* text, int state)
             if (std::strncmp(name, prefix.c_str(), prefix.size()) == 0) matches.emplace_back(name);
         };
         if (first) {
-            for (auto area : AREAS)
-                for (const verb& v : area) offer(v.name);
+            for (const verb* v : all_verbs()) offer(v->name);
             offer("help");
             offer("quit");
         } else {
@@ -111,37 +54,6 @@ char** complete(const char* text, int, int)
 {
     rl_attempted_completion_over = 1;
     return rl_completion_matches(text, complete_word);
-}
-
-/* One line of a script or the shell; -1 asks the shell to end. */
-int run_line(const settings& s, const std::string& line)
-{
-    args_t words = split_line(line);
-    if (words.empty()) return 0;
-    const std::string name = words[0];
-    words.erase(words.begin());
-    if (name == "quit" || name == "exit") return -1;
-    if (name == "help" && words.empty()) {
-        print_usage(stdout);
-        return 0;
-    }
-    const verb* v = find_verb(name);
-    if (v == nullptr || name == "run" || name == "shell") return usage_error("unknown command " + name);
-    return bus_verdict(v->name, v->run(s, words));
-}
-
-/* run FILE: one command a line on the open device; stops at its first failure. */
-int run_script(const settings& s, std::istream& in, const std::string& source)
-{
-    std::string line;
-    for (unsigned number = 1; std::getline(in, line); ++number) {
-        const int one = run_line(s, line);
-        if (one < 0) return 0;
-        if (one == 0) continue;
-        std::fprintf(stderr, "kavoctl: %s:%u: %s\n", source.c_str(), number, line.c_str());
-        return one;
-    }
-    return 0;
 }
 
 /* shell: commands from standard input, with history and completion on a terminal. */
@@ -172,30 +84,6 @@ int run_shell(const settings& s)
 }
 
 } // namespace
-
-const verb* find_verb(const std::string& name)
-{
-    for (auto area : AREAS)
-        for (const verb& v : area)
-            if (name == v.name) return &v;
-    return nullptr;
-}
-
-void print_usage(FILE* out)
-{
-    std::fputs(OPTIONS, out);
-    for (auto area : AREAS)
-        for (const verb& v : area) {
-            const std::string head = std::string(v.name) + (*v.usage ? " " : "") + v.usage;
-            if (head.size() <= 28)
-                std::fprintf(out, "  %-28s%s\n", head.c_str(), v.summary);
-            else
-                std::fprintf(out, "  %s\n  %-28s%s\n", head.c_str(), "", v.summary);
-        }
-    std::fprintf(out, "  %-28s%s\n  %-28s%s\n", "run FILE", "run the commands of FILE (one a line, # comments)",
-                 "shell", "commands from standard input on one device (help, quit, history, completion)");
-}
-
 } // namespace kavoctl
 
 int main(int argc, char** argv)
@@ -211,6 +99,7 @@ int main(int argc, char** argv)
     app.add_option("--device", s.device);
     app.add_flag("--sim", sim);
     app.add_option("--sim-socket", s.socket_path);
+    app.add_option("--wait", s.wait_s)->check(CLI::Range(0.0, 86400.0));
     app.add_option("--fw", s.firmware);
     app.add_option("--init", init)->check(CLI::IsMember({"cold", "auto", "attach"}));
     app.add_flag("--revb", s.revb);

@@ -15,6 +15,7 @@ extern "C" {
    first, for example to abort the process or to log and reboot; when the
    handler returns, the thread halts as before. Null restores the default. */
 typedef void (*kavo_assert_handler_t)(UINT32 code, const char* file, int line);
+/* Extension: installs the handler run at every halting assertion (null: halt at once). */
 KAVO_API void kavo_assert_handler_set(kavo_assert_handler_t handler);
 
 /* Options. The library's behaviour for bring-up and debugging (verbosity,

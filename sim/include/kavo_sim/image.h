@@ -53,6 +53,11 @@ bool parse_u32(const char* text, UINT32& value);
 bool image_version_parse(const char* text, image_version& v);
 /* "any", "revx", "reva" or "revb" into a device_rev; false otherwise. */
 bool image_rev_parse(const char* text, UINT32& device_rev);
+/* The options of `create FILE [--version M.m.b] [--vcs N] [--rev any|reva|revb]
+   [--body BYTES] [--corrupt]` after the file name, as kavo-mkimage and kavoctl
+   take them. False with the reason in `why` ("unknown option X", "bad value
+   for X") when one is wrong. */
+bool image_create_parse(const std::vector<std::string>& options, image_version& v, bool& corrupt, std::string& why);
 
 /* What a file holds, decoded on its own terms. */
 struct image_info {
@@ -68,7 +73,11 @@ struct image_info {
     std::string problem; // first thing wrong, empty when all is well
 };
 image_info image_inspect(const std::vector<UINT8>& file);
+/* A file that is not a regular file, or larger than any image can be, is
+   refused unread (problem "not a regular file", "larger than any image"). */
 image_info image_inspect_file(const char* path);
+/* The largest file an image can be: the header and the RAM below the shared block. */
+constexpr UINT64 IMAGE_FILE_MAX = KAVO_FW_HDR_SIZE + 0x340000ull;
 /* A few lines of text describing the file, for kavo-mkimage and kavoctl. */
 std::string image_describe(const image_info& info);
 

@@ -35,6 +35,9 @@ typedef enum kavo_device_mode_t {
     LAST_KAVO_DEVICE_MODE = 4,
 } kavo_device_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_device_mode_t) == 4, "kavo_device_mode_t is 32 bits");
+/* The constant's name of a kavo_device_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_device_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_device_mode_t" when buffer is null. */
 KAVO_API const char* kavo_device_mode_t_print(kavo_device_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_device_mode_t_suffix_print(kavo_device_mode_t value, char* buffer, UINT32 length);
 
@@ -50,6 +53,9 @@ typedef enum kavo_slice_type_t {
     LAST_KAVO_SLICE_TYPE = 3,
 } kavo_slice_type_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_slice_type_t) == 4, "kavo_slice_type_t is 32 bits");
+/* The constant's name of a kavo_slice_type_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_slice_type_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_slice_type_t" when buffer is null. */
 KAVO_API const char* kavo_slice_type_t_print(kavo_slice_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_slice_type_t_suffix_print(kavo_slice_type_t value, char* buffer, UINT32 length);
 
@@ -64,6 +70,9 @@ typedef enum kavo_init_type_t {
     LAST_KAVO_INIT_TYPE = 3,
 } kavo_init_type_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_init_type_t) == 4, "kavo_init_type_t is 32 bits");
+/* The constant's name of a kavo_init_type_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_init_type_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_init_type_t" when buffer is null. */
 KAVO_API const char* kavo_init_type_t_print(kavo_init_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_init_type_t_suffix_print(kavo_init_type_t value, char* buffer, UINT32 length);
 
@@ -78,6 +87,9 @@ typedef enum kavo_enet_dcsu_ref_clk_t {
     LAST_KAVO_ENET_DCSU_REF_CLK = 3,
 } kavo_enet_dcsu_ref_clk_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_dcsu_ref_clk_t) == 4, "kavo_enet_dcsu_ref_clk_t is 32 bits");
+/* The constant's name of a kavo_enet_dcsu_ref_clk_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_dcsu_ref_clk_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_dcsu_ref_clk_t" when buffer is null. */
 KAVO_API const char* kavo_enet_dcsu_ref_clk_t_print(kavo_enet_dcsu_ref_clk_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_dcsu_ref_clk_t_suffix_print(kavo_enet_dcsu_ref_clk_t value, char* buffer, UINT32 length);
 
@@ -86,15 +98,27 @@ typedef struct kavo_device_status_info_t kavo_device_status_info_t;
 typedef struct kavo_status_info_t kavo_status_info_t;
 typedef struct kavo_chnl_info_t kavo_chnl_info_t;
 
+/* kavo_config_t_init sets every member of *value to its default; kavo_config_t_print writes it as an
+   indented name: value list, kavo_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_config_t_init(kavo_config_t* value);
 KAVO_API void kavo_config_t_print_at(const kavo_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_config_t_print(const kavo_config_t* value, FILE* file);
+/* kavo_device_status_info_t_init sets every member of *value to its default; kavo_device_status_info_t_print writes it as an
+   indented name: value list, kavo_device_status_info_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_device_status_info_t_init(kavo_device_status_info_t* value);
 KAVO_API void kavo_device_status_info_t_print_at(const kavo_device_status_info_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_device_status_info_t_print(const kavo_device_status_info_t* value, FILE* file);
+/* kavo_status_info_t_init sets every member of *value to its default; kavo_status_info_t_print writes it as an
+   indented name: value list, kavo_status_info_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_status_info_t_init(kavo_status_info_t* value);
 KAVO_API void kavo_status_info_t_print_at(const kavo_status_info_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_status_info_t_print(const kavo_status_info_t* value, FILE* file);
+/* kavo_chnl_info_t_init sets every member of *value to its default; kavo_chnl_info_t_print writes it as an
+   indented name: value list, kavo_chnl_info_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_chnl_info_t_init(kavo_chnl_info_t* value);
 KAVO_API void kavo_chnl_info_t_print_at(const kavo_chnl_info_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_chnl_info_t_print(const kavo_chnl_info_t* value, FILE* file);

@@ -24,6 +24,9 @@ typedef enum kavo_deprov_t {
     LAST_KAVO_DEPROV = 2,
 } kavo_deprov_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_deprov_t) == 4, "kavo_deprov_t is 32 bits");
+/* The constant's name of a kavo_deprov_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_deprov_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_deprov_t" when buffer is null. */
 KAVO_API const char* kavo_deprov_t_print(kavo_deprov_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_deprov_t_suffix_print(kavo_deprov_t value, char* buffer, UINT32 length);
 
@@ -41,6 +44,9 @@ typedef enum kavo_loopback_t {
     LAST_KAVO_LOOPBACK = 3,
 } kavo_loopback_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_loopback_t) == 4, "kavo_loopback_t is 32 bits");
+/* The constant's name of a kavo_loopback_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_loopback_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_loopback_t" when buffer is null. */
 KAVO_API const char* kavo_loopback_t_print(kavo_loopback_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_loopback_t_suffix_print(kavo_loopback_t value, char* buffer, UINT32 length);
 
@@ -57,6 +63,9 @@ typedef enum kavo_flow_control_mode_t {
     LAST_KAVO_FLOW_CONTROL_MODE = 4,
 } kavo_flow_control_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flow_control_mode_t) == 4, "kavo_flow_control_mode_t is 32 bits");
+/* The constant's name of a kavo_flow_control_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flow_control_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flow_control_mode_t" when buffer is null. */
 KAVO_API const char* kavo_flow_control_mode_t_print(kavo_flow_control_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flow_control_mode_t_suffix_print(kavo_flow_control_mode_t value, char* buffer, UINT32 length);
 
@@ -71,6 +80,9 @@ typedef enum kavo_flow_control_frame_t {
     LAST_KAVO_FLOW_CONTROL_FRAME = 2,
 } kavo_flow_control_frame_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flow_control_frame_t) == 4, "kavo_flow_control_frame_t is 32 bits");
+/* The constant's name of a kavo_flow_control_frame_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flow_control_frame_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flow_control_frame_t" when buffer is null. */
 KAVO_API const char* kavo_flow_control_frame_t_print(kavo_flow_control_frame_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flow_control_frame_t_suffix_print(kavo_flow_control_frame_t value, char* buffer, UINT32 length);
 
@@ -92,6 +104,9 @@ typedef enum kavo_flow_control_pfc_mask_t {
     KAVO_FLOW_CONTROL_PFC_MASK_ALL = 255,
 } kavo_flow_control_pfc_mask_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flow_control_pfc_mask_t) == 4, "kavo_flow_control_pfc_mask_t is 32 bits");
+/* The constant's name of a kavo_flow_control_pfc_mask_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flow_control_pfc_mask_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flow_control_pfc_mask_t" when buffer is null. */
 KAVO_API const char* kavo_flow_control_pfc_mask_t_print(kavo_flow_control_pfc_mask_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flow_control_pfc_mask_t_suffix_print(kavo_flow_control_pfc_mask_t value, char* buffer, UINT32 length);
 
@@ -107,11 +122,17 @@ typedef enum kavo_flow_control_buffer_mgmt_t {
     LAST_KAVO_FLOW_CONTROL_BUFFER_MGMT = 2,
 } kavo_flow_control_buffer_mgmt_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flow_control_buffer_mgmt_t) == 4, "kavo_flow_control_buffer_mgmt_t is 32 bits");
+/* The constant's name of a kavo_flow_control_buffer_mgmt_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flow_control_buffer_mgmt_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flow_control_buffer_mgmt_t" when buffer is null. */
 KAVO_API const char* kavo_flow_control_buffer_mgmt_t_print(kavo_flow_control_buffer_mgmt_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flow_control_buffer_mgmt_t_suffix_print(kavo_flow_control_buffer_mgmt_t value, char* buffer, UINT32 length);
 
 typedef struct kavo_flow_control_cfg_t kavo_flow_control_cfg_t;
 
+/* kavo_flow_control_cfg_t_init sets every member of *value to its default; kavo_flow_control_cfg_t_print writes it as an
+   indented name: value list, kavo_flow_control_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flow_control_cfg_t_init(kavo_flow_control_cfg_t* value);
 KAVO_API void kavo_flow_control_cfg_t_print_at(const kavo_flow_control_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flow_control_cfg_t_print(const kavo_flow_control_cfg_t* value, FILE* file);

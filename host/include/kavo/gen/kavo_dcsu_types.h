@@ -26,11 +26,17 @@ typedef enum kavo_dcsu_instance_t {
     LAST_KAVO_DCSU_INSTANCE = 6,
 } kavo_dcsu_instance_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_dcsu_instance_t) == 4, "kavo_dcsu_instance_t is 32 bits");
+/* The constant's name of a kavo_dcsu_instance_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_dcsu_instance_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_dcsu_instance_t" when buffer is null. */
 KAVO_API const char* kavo_dcsu_instance_t_print(kavo_dcsu_instance_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_dcsu_instance_t_suffix_print(kavo_dcsu_instance_t value, char* buffer, UINT32 length);
 
 typedef struct kavo_dcsu_cfg_get_t kavo_dcsu_cfg_get_t;
 
+/* kavo_dcsu_cfg_get_t_init sets every member of *value to its default; kavo_dcsu_cfg_get_t_print writes it as an
+   indented name: value list, kavo_dcsu_cfg_get_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_dcsu_cfg_get_t_init(kavo_dcsu_cfg_get_t* value);
 KAVO_API void kavo_dcsu_cfg_get_t_print_at(const kavo_dcsu_cfg_get_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_dcsu_cfg_get_t_print(const kavo_dcsu_cfg_get_t* value, FILE* file);

@@ -14,6 +14,9 @@ extern "C" {
 
 typedef struct kavo_debug_macsec_tcam_scrub_stats_t kavo_debug_macsec_tcam_scrub_stats_t;
 
+/* kavo_debug_macsec_tcam_scrub_stats_t_init sets every member of *value to its default; kavo_debug_macsec_tcam_scrub_stats_t_print writes it as an
+   indented name: value list, kavo_debug_macsec_tcam_scrub_stats_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_debug_macsec_tcam_scrub_stats_t_init(kavo_debug_macsec_tcam_scrub_stats_t* value);
 KAVO_API void kavo_debug_macsec_tcam_scrub_stats_t_print_at(const kavo_debug_macsec_tcam_scrub_stats_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_debug_macsec_tcam_scrub_stats_t_print(const kavo_debug_macsec_tcam_scrub_stats_t* value, FILE* file);

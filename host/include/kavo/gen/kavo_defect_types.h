@@ -35,6 +35,9 @@ typedef enum kavo_defect_type_t {
     LAST_KAVO_DEFECT_TYPE = 11,
 } kavo_defect_type_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_defect_type_t) == 4, "kavo_defect_type_t is 32 bits");
+/* The constant's name of a kavo_defect_type_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_defect_type_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_defect_type_t" when buffer is null. */
 KAVO_API const char* kavo_defect_type_t_print(kavo_defect_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_defect_type_t_suffix_print(kavo_defect_type_t value, char* buffer, UINT32 length);
 
@@ -51,6 +54,9 @@ typedef enum kavo_defect_transfer_clear_t {
     LAST_KAVO_DEFECT_CLEAR = 4,
 } kavo_defect_transfer_clear_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_defect_transfer_clear_t) == 4, "kavo_defect_transfer_clear_t is 32 bits");
+/* The constant's name of a kavo_defect_transfer_clear_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_defect_transfer_clear_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_defect_transfer_clear_t" when buffer is null. */
 KAVO_API const char* kavo_defect_transfer_clear_t_print(kavo_defect_transfer_clear_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_defect_transfer_clear_t_suffix_print(kavo_defect_transfer_clear_t value, char* buffer, UINT32 length);
 
@@ -67,6 +73,9 @@ typedef enum kavo_defect_print_filter_t {
     LAST_KAVO_DEFECT_PRINT_FILTER = 4,
 } kavo_defect_print_filter_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_defect_print_filter_t) == 4, "kavo_defect_print_filter_t is 32 bits");
+/* The constant's name of a kavo_defect_print_filter_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_defect_print_filter_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_defect_print_filter_t" when buffer is null. */
 KAVO_API const char* kavo_defect_print_filter_t_print(kavo_defect_print_filter_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_defect_print_filter_t_suffix_print(kavo_defect_print_filter_t value, char* buffer, UINT32 length);
 
@@ -110,120 +119,237 @@ typedef struct kavo_defect_tlic_t kavo_defect_tlic_t;
 typedef struct kavo_defect_dcsu_t kavo_defect_dcsu_t;
 typedef struct kavo_defect_device_summary_t kavo_defect_device_summary_t;
 
+/* kavo_defect_ive_t_init sets every member of *value to its default; kavo_defect_ive_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_ive_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_ive_t_init(kavo_defect_ive_t* value);
 KAVO_API void kavo_defect_ive_t_print_at(const kavo_defect_ive_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_ive_t_print(const kavo_defect_ive_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_summary_ive_valid_t_init sets every member of *value to its default; kavo_defect_summary_ive_valid_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_summary_ive_valid_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_summary_ive_valid_t_init(kavo_defect_summary_ive_valid_t* value);
 KAVO_API void kavo_defect_summary_ive_valid_t_print_at(const kavo_defect_summary_ive_valid_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_summary_ive_valid_t_print(const kavo_defect_summary_ive_valid_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_summary_mask_t_init sets every member of *value to its default; kavo_defect_summary_mask_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_summary_mask_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_summary_mask_t_init(kavo_defect_summary_mask_t* value);
 KAVO_API void kavo_defect_summary_mask_t_print_at(const kavo_defect_summary_mask_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_summary_mask_t_print(const kavo_defect_summary_mask_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_enet_phy_chnl_t_init sets every member of *value to its default; kavo_defect_enet_phy_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_enet_phy_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_enet_phy_chnl_t_init(kavo_defect_enet_phy_chnl_t* value);
 KAVO_API void kavo_defect_enet_phy_chnl_t_print_at(const kavo_defect_enet_phy_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_enet_phy_chnl_t_print(const kavo_defect_enet_phy_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_enet_mac_chnl_t_init sets every member of *value to its default; kavo_defect_enet_mac_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_enet_mac_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_enet_mac_chnl_t_init(kavo_defect_enet_mac_chnl_t* value);
 KAVO_API void kavo_defect_enet_mac_chnl_t_print_at(const kavo_defect_enet_mac_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_enet_mac_chnl_t_print(const kavo_defect_enet_mac_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_enet_alarms_proc_chnl_t_init sets every member of *value to its default; kavo_defect_enet_alarms_proc_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_enet_alarms_proc_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_enet_alarms_proc_chnl_t_init(kavo_defect_enet_alarms_proc_chnl_t* value);
 KAVO_API void kavo_defect_enet_alarms_proc_chnl_t_print_at(const kavo_defect_enet_alarms_proc_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_enet_alarms_proc_chnl_t_print(const kavo_defect_enet_alarms_proc_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_timing_chnl_t_init sets every member of *value to its default; kavo_defect_timing_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_timing_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_timing_chnl_t_init(kavo_defect_timing_chnl_t* value);
 KAVO_API void kavo_defect_timing_chnl_t_print_at(const kavo_defect_timing_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_timing_chnl_t_print(const kavo_defect_timing_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_enet_port_segment_t_init sets every member of *value to its default; kavo_defect_enet_port_segment_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_enet_port_segment_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_enet_port_segment_t_init(kavo_defect_enet_port_segment_t* value);
 KAVO_API void kavo_defect_enet_port_segment_t_print_at(const kavo_defect_enet_port_segment_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_enet_port_segment_t_print(const kavo_defect_enet_port_segment_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_lt_serdes_port_t_init sets every member of *value to its default; kavo_defect_lt_serdes_port_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_lt_serdes_port_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_lt_serdes_port_t_init(kavo_defect_lt_serdes_port_t* value);
 KAVO_API void kavo_defect_lt_serdes_port_t_print_at(const kavo_defect_lt_serdes_port_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_lt_serdes_port_t_print(const kavo_defect_lt_serdes_port_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_anlt_chnl_t_init sets every member of *value to its default; kavo_defect_anlt_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_anlt_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_anlt_chnl_t_init(kavo_defect_anlt_chnl_t* value);
 KAVO_API void kavo_defect_anlt_chnl_t_print_at(const kavo_defect_anlt_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_anlt_chnl_t_print(const kavo_defect_anlt_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_ilkn_tx_link_t_init sets every member of *value to its default; kavo_defect_ilkn_tx_link_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_ilkn_tx_link_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_ilkn_tx_link_t_init(kavo_defect_ilkn_tx_link_t* value);
 KAVO_API void kavo_defect_ilkn_tx_link_t_print_at(const kavo_defect_ilkn_tx_link_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_ilkn_tx_link_t_print(const kavo_defect_ilkn_tx_link_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_ilkn_rx_link_t_init sets every member of *value to its default; kavo_defect_ilkn_rx_link_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_ilkn_rx_link_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_ilkn_rx_link_t_init(kavo_defect_ilkn_rx_link_t* value);
 KAVO_API void kavo_defect_ilkn_rx_link_t_print_at(const kavo_defect_ilkn_rx_link_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_ilkn_rx_link_t_print(const kavo_defect_ilkn_rx_link_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_ilkn_intf_t_init sets every member of *value to its default; kavo_defect_ilkn_intf_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_ilkn_intf_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_ilkn_intf_t_init(kavo_defect_ilkn_intf_t* value);
 KAVO_API void kavo_defect_ilkn_intf_t_print_at(const kavo_defect_ilkn_intf_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_ilkn_intf_t_print(const kavo_defect_ilkn_intf_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_ilkn_chnl_t_init sets every member of *value to its default; kavo_defect_ilkn_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_ilkn_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_ilkn_chnl_t_init(kavo_defect_ilkn_chnl_t* value);
 KAVO_API void kavo_defect_ilkn_chnl_t_print_at(const kavo_defect_ilkn_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_ilkn_chnl_t_print(const kavo_defect_ilkn_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_efc_ilkn_tx_chnl_t_init sets every member of *value to its default; kavo_defect_efc_ilkn_tx_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_efc_ilkn_tx_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_efc_ilkn_tx_chnl_t_init(kavo_defect_efc_ilkn_tx_chnl_t* value);
 KAVO_API void kavo_defect_efc_ilkn_tx_chnl_t_print_at(const kavo_defect_efc_ilkn_tx_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_efc_ilkn_tx_chnl_t_print(const kavo_defect_efc_ilkn_tx_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_efc_ilkn_rx_chnl_t_init sets every member of *value to its default; kavo_defect_efc_ilkn_rx_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_efc_ilkn_rx_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_efc_ilkn_rx_chnl_t_init(kavo_defect_efc_ilkn_rx_chnl_t* value);
 KAVO_API void kavo_defect_efc_ilkn_rx_chnl_t_print_at(const kavo_defect_efc_ilkn_rx_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_efc_ilkn_rx_chnl_t_print(const kavo_defect_efc_ilkn_rx_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_efc_ilkn_chnl_t_init sets every member of *value to its default; kavo_defect_efc_ilkn_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_efc_ilkn_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_efc_ilkn_chnl_t_init(kavo_defect_efc_ilkn_chnl_t* value);
 KAVO_API void kavo_defect_efc_ilkn_chnl_t_print_at(const kavo_defect_efc_ilkn_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_efc_ilkn_chnl_t_print(const kavo_defect_efc_ilkn_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_cfc_chnl_t_init sets every member of *value to its default; kavo_defect_cfc_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_cfc_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_cfc_chnl_t_init(kavo_defect_cfc_chnl_t* value);
 KAVO_API void kavo_defect_cfc_chnl_t_print_at(const kavo_defect_cfc_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_cfc_chnl_t_print(const kavo_defect_cfc_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_ilkn_pkt_segment_t_init sets every member of *value to its default; kavo_defect_ilkn_pkt_segment_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_ilkn_pkt_segment_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_ilkn_pkt_segment_t_init(kavo_defect_ilkn_pkt_segment_t* value);
 KAVO_API void kavo_defect_ilkn_pkt_segment_t_print_at(const kavo_defect_ilkn_pkt_segment_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_ilkn_pkt_segment_t_print(const kavo_defect_ilkn_pkt_segment_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_foh_chnl_t_init sets every member of *value to its default; kavo_defect_foh_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_foh_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_foh_chnl_t_init(kavo_defect_foh_chnl_t* value);
 KAVO_API void kavo_defect_foh_chnl_t_print_at(const kavo_defect_foh_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_foh_chnl_t_print(const kavo_defect_foh_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_flexe_phy_chnl_t_init sets every member of *value to its default; kavo_defect_flexe_phy_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_flexe_phy_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_flexe_phy_chnl_t_init(kavo_defect_flexe_phy_chnl_t* value);
 KAVO_API void kavo_defect_flexe_phy_chnl_t_print_at(const kavo_defect_flexe_phy_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_flexe_phy_chnl_t_print(const kavo_defect_flexe_phy_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_flexe_group_segment_t_init sets every member of *value to its default; kavo_defect_flexe_group_segment_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_flexe_group_segment_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_flexe_group_segment_t_init(kavo_defect_flexe_group_segment_t* value);
 KAVO_API void kavo_defect_flexe_group_segment_t_print_at(const kavo_defect_flexe_group_segment_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_flexe_group_segment_t_print(const kavo_defect_flexe_group_segment_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_flexe_client_chnl_t_init sets every member of *value to its default; kavo_defect_flexe_client_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_flexe_client_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_flexe_client_chnl_t_init(kavo_defect_flexe_client_chnl_t* value);
 KAVO_API void kavo_defect_flexe_client_chnl_t_print_at(const kavo_defect_flexe_client_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_flexe_client_chnl_t_print(const kavo_defect_flexe_client_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_efc_enet_tx_chnl_t_init sets every member of *value to its default; kavo_defect_efc_enet_tx_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_efc_enet_tx_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_efc_enet_tx_chnl_t_init(kavo_defect_efc_enet_tx_chnl_t* value);
 KAVO_API void kavo_defect_efc_enet_tx_chnl_t_print_at(const kavo_defect_efc_enet_tx_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_efc_enet_tx_chnl_t_print(const kavo_defect_efc_enet_tx_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_efc_enet_rx_chnl_t_init sets every member of *value to its default; kavo_defect_efc_enet_rx_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_efc_enet_rx_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_efc_enet_rx_chnl_t_init(kavo_defect_efc_enet_rx_chnl_t* value);
 KAVO_API void kavo_defect_efc_enet_rx_chnl_t_print_at(const kavo_defect_efc_enet_rx_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_efc_enet_rx_chnl_t_print(const kavo_defect_efc_enet_rx_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_efc_enet_chnl_t_init sets every member of *value to its default; kavo_defect_efc_enet_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_efc_enet_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_efc_enet_chnl_t_init(kavo_defect_efc_enet_chnl_t* value);
 KAVO_API void kavo_defect_efc_enet_chnl_t_print_at(const kavo_defect_efc_enet_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_efc_enet_chnl_t_print(const kavo_defect_efc_enet_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_pb_pcs_chnl_t_init sets every member of *value to its default; kavo_defect_pb_pcs_chnl_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_pb_pcs_chnl_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_pb_pcs_chnl_t_init(kavo_defect_pb_pcs_chnl_t* value);
 KAVO_API void kavo_defect_pb_pcs_chnl_t_print_at(const kavo_defect_pb_pcs_chnl_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_pb_pcs_chnl_t_print(const kavo_defect_pb_pcs_chnl_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_sar_mpma_dsp_t_init sets every member of *value to its default; kavo_defect_sar_mpma_dsp_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_sar_mpma_dsp_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_sar_mpma_dsp_t_init(kavo_defect_sar_mpma_dsp_t* value);
 KAVO_API void kavo_defect_sar_mpma_dsp_t_print_at(const kavo_defect_sar_mpma_dsp_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_sar_mpma_dsp_t_print(const kavo_defect_sar_mpma_dsp_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_flexe_client_segment_t_init sets every member of *value to its default; kavo_defect_flexe_client_segment_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_flexe_client_segment_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_flexe_client_segment_t_init(kavo_defect_flexe_client_segment_t* value);
 KAVO_API void kavo_defect_flexe_client_segment_t_print_at(const kavo_defect_flexe_client_segment_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_flexe_client_segment_t_print(const kavo_defect_flexe_client_segment_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_serdes_t_init sets every member of *value to its default; kavo_defect_serdes_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_serdes_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_serdes_t_init(kavo_defect_serdes_t* value);
 KAVO_API void kavo_defect_serdes_t_print_at(const kavo_defect_serdes_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_serdes_t_print(const kavo_defect_serdes_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_shw_t_init sets every member of *value to its default; kavo_defect_shw_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_shw_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_shw_t_init(kavo_defect_shw_t* value);
 KAVO_API void kavo_defect_shw_t_print_at(const kavo_defect_shw_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_shw_t_print(const kavo_defect_shw_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_pb_igr_top_t_init sets every member of *value to its default; kavo_defect_pb_igr_top_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_pb_igr_top_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_pb_igr_top_t_init(kavo_defect_pb_igr_top_t* value);
 KAVO_API void kavo_defect_pb_igr_top_t_print_at(const kavo_defect_pb_igr_top_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_pb_igr_top_t_print(const kavo_defect_pb_igr_top_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_pb_egr_top_t_init sets every member of *value to its default; kavo_defect_pb_egr_top_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_pb_egr_top_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_pb_egr_top_t_init(kavo_defect_pb_egr_top_t* value);
 KAVO_API void kavo_defect_pb_egr_top_t_print_at(const kavo_defect_pb_egr_top_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_pb_egr_top_t_print(const kavo_defect_pb_egr_top_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_enet_top_t_init sets every member of *value to its default; kavo_defect_enet_top_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_enet_top_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_enet_top_t_init(kavo_defect_enet_top_t* value);
 KAVO_API void kavo_defect_enet_top_t_print_at(const kavo_defect_enet_top_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_enet_top_t_print(const kavo_defect_enet_top_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_foh_t_init sets every member of *value to its default; kavo_defect_foh_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_foh_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_foh_t_init(kavo_defect_foh_t* value);
 KAVO_API void kavo_defect_foh_t_print_at(const kavo_defect_foh_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_foh_t_print(const kavo_defect_foh_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_slice_top_t_init sets every member of *value to its default; kavo_defect_slice_top_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_slice_top_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_slice_top_t_init(kavo_defect_slice_top_t* value);
 KAVO_API void kavo_defect_slice_top_t_print_at(const kavo_defect_slice_top_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_slice_top_t_print(const kavo_defect_slice_top_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_tlic_t_init sets every member of *value to its default; kavo_defect_tlic_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_tlic_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_tlic_t_init(kavo_defect_tlic_t* value);
 KAVO_API void kavo_defect_tlic_t_print_at(const kavo_defect_tlic_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_tlic_t_print(const kavo_defect_tlic_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_dcsu_t_init sets every member of *value to its default; kavo_defect_dcsu_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_dcsu_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_dcsu_t_init(kavo_defect_dcsu_t* value);
 KAVO_API void kavo_defect_dcsu_t_print_at(const kavo_defect_dcsu_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_dcsu_t_print(const kavo_defect_dcsu_t* value, kavo_defect_print_filter_t filter);
+/* kavo_defect_device_summary_t_init sets every member of *value to its default; kavo_defect_device_summary_t_print writes the defects
+   the filter lets through to standard output, kavo_defect_device_summary_t_print_at as the member `name` at an
+   indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_defect_device_summary_t_init(kavo_defect_device_summary_t* value);
 KAVO_API void kavo_defect_device_summary_t_print_at(const kavo_defect_device_summary_t* value, const char* name, kavo_defect_print_filter_t filter, int indent, int index);
 KAVO_API void kavo_defect_device_summary_t_print(const kavo_defect_device_summary_t* value, kavo_defect_print_filter_t filter);

@@ -38,6 +38,9 @@ typedef enum kavo_enet_port_mode_t {
     LAST_KAVO_ENET_PORT_MODE = 64,
 } kavo_enet_port_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_port_mode_t) == 4, "kavo_enet_port_mode_t is 32 bits");
+/* The constant's name of a kavo_enet_port_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_port_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_port_mode_t" when buffer is null. */
 KAVO_API const char* kavo_enet_port_mode_t_print(kavo_enet_port_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_port_mode_t_suffix_print(kavo_enet_port_mode_t value, char* buffer, UINT32 length);
 
@@ -55,6 +58,9 @@ typedef enum kavo_enet_fec_mode_t {
     LAST_KAVO_ENET_FEC_MODE = 4,
 } kavo_enet_fec_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_fec_mode_t) == 4, "kavo_enet_fec_mode_t is 32 bits");
+/* The constant's name of a kavo_enet_fec_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_fec_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_fec_mode_t" when buffer is null. */
 KAVO_API const char* kavo_enet_fec_mode_t_print(kavo_enet_fec_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_fec_mode_t_suffix_print(kavo_enet_fec_mode_t value, char* buffer, UINT32 length);
 
@@ -75,6 +81,9 @@ typedef enum kavo_enet_prov_mode_t {
     LAST_KAVO_ENET_PROV_MODE = 5,
 } kavo_enet_prov_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_prov_mode_t) == 4, "kavo_enet_prov_mode_t is 32 bits");
+/* The constant's name of a kavo_enet_prov_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_prov_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_prov_mode_t" when buffer is null. */
 KAVO_API const char* kavo_enet_prov_mode_t_print(kavo_enet_prov_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_prov_mode_t_suffix_print(kavo_enet_prov_mode_t value, char* buffer, UINT32 length);
 
@@ -89,6 +98,9 @@ typedef enum kavo_enet_scramble_idle_level_t {
     LAST_KAVO_ENET_SCRAMBLE_IDLE_LEVEL = 2,
 } kavo_enet_scramble_idle_level_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_scramble_idle_level_t) == 4, "kavo_enet_scramble_idle_level_t is 32 bits");
+/* The constant's name of a kavo_enet_scramble_idle_level_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_scramble_idle_level_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_scramble_idle_level_t" when buffer is null. */
 KAVO_API const char* kavo_enet_scramble_idle_level_t_print(kavo_enet_scramble_idle_level_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_scramble_idle_level_t_suffix_print(kavo_enet_scramble_idle_level_t value, char* buffer, UINT32 length);
 
@@ -105,6 +117,9 @@ typedef enum kavo_enet_tx_timing_mode_t {
     LAST_KAVO_ENET_TX_TIMING_MODE = 3,
 } kavo_enet_tx_timing_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_tx_timing_mode_t) == 4, "kavo_enet_tx_timing_mode_t is 32 bits");
+/* The constant's name of a kavo_enet_tx_timing_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_tx_timing_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_tx_timing_mode_t" when buffer is null. */
 KAVO_API const char* kavo_enet_tx_timing_mode_t_print(kavo_enet_tx_timing_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_tx_timing_mode_t_suffix_print(kavo_enet_tx_timing_mode_t value, char* buffer, UINT32 length);
 
@@ -120,6 +135,9 @@ typedef enum kavo_enet_alarm_mode_t {
     LAST_KAVO_ENET_ALARM_MODE = 2,
 } kavo_enet_alarm_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_alarm_mode_t) == 4, "kavo_enet_alarm_mode_t is 32 bits");
+/* The constant's name of a kavo_enet_alarm_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_alarm_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_alarm_mode_t" when buffer is null. */
 KAVO_API const char* kavo_enet_alarm_mode_t_print(kavo_enet_alarm_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_alarm_mode_t_suffix_print(kavo_enet_alarm_mode_t value, char* buffer, UINT32 length);
 
@@ -153,6 +171,9 @@ typedef enum kavo_enet_anlt_advertize_type_t {
     LAST_KAVO_ENET_ANLT_ADVERTIZE = 20,
 } kavo_enet_anlt_advertize_type_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_anlt_advertize_type_t) == 4, "kavo_enet_anlt_advertize_type_t is 32 bits");
+/* The constant's name of a kavo_enet_anlt_advertize_type_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_anlt_advertize_type_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_anlt_advertize_type_t" when buffer is null. */
 KAVO_API const char* kavo_enet_anlt_advertize_type_t_print(kavo_enet_anlt_advertize_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_anlt_advertize_type_t_suffix_print(kavo_enet_anlt_advertize_type_t value, char* buffer, UINT32 length);
 
@@ -169,6 +190,9 @@ typedef enum kavo_enet_anlt_state_t {
     LAST_KAVO_ENET_ANLT_STATE = 4,
 } kavo_enet_anlt_state_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_anlt_state_t) == 4, "kavo_enet_anlt_state_t is 32 bits");
+/* The constant's name of a kavo_enet_anlt_state_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_anlt_state_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_anlt_state_t" when buffer is null. */
 KAVO_API const char* kavo_enet_anlt_state_t_print(kavo_enet_anlt_state_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_anlt_state_t_suffix_print(kavo_enet_anlt_state_t value, char* buffer, UINT32 length);
 
@@ -186,6 +210,9 @@ typedef enum kavo_mac_rx_error_t {
     KAVO_MAC_RX_ERROR_ALL = 15,
 } kavo_mac_rx_error_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_mac_rx_error_t) == 4, "kavo_mac_rx_error_t is 32 bits");
+/* The constant's name of a kavo_mac_rx_error_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_mac_rx_error_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_mac_rx_error_t" when buffer is null. */
 KAVO_API const char* kavo_mac_rx_error_t_print(kavo_mac_rx_error_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_mac_rx_error_t_suffix_print(kavo_mac_rx_error_t value, char* buffer, UINT32 length);
 
@@ -199,6 +226,9 @@ typedef enum kavo_enet_direction_t {
     LAST_KAVO_ENET_DIRECTION = 2,
 } kavo_enet_direction_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_direction_t) == 4, "kavo_enet_direction_t is 32 bits");
+/* The constant's name of a kavo_enet_direction_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_direction_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_direction_t" when buffer is null. */
 KAVO_API const char* kavo_enet_direction_t_print(kavo_enet_direction_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_direction_t_suffix_print(kavo_enet_direction_t value, char* buffer, UINT32 length);
 
@@ -217,6 +247,9 @@ typedef enum kavo_enet_ca_enable_t {
     LAST_KAVO_ENET_CA_ENABLE = 3,
 } kavo_enet_ca_enable_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_ca_enable_t) == 4, "kavo_enet_ca_enable_t is 32 bits");
+/* The constant's name of a kavo_enet_ca_enable_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_ca_enable_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_ca_enable_t" when buffer is null. */
 KAVO_API const char* kavo_enet_ca_enable_t_print(kavo_enet_ca_enable_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_ca_enable_t_suffix_print(kavo_enet_ca_enable_t value, char* buffer, UINT32 length);
 
@@ -238,6 +271,9 @@ typedef enum kavo_enet_alarm_mask_t {
     KAVO_ENET_ALARM_MASK_ALL = 255,
 } kavo_enet_alarm_mask_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_alarm_mask_t) == 4, "kavo_enet_alarm_mask_t is 32 bits");
+/* The constant's name of a kavo_enet_alarm_mask_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_alarm_mask_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_alarm_mask_t" when buffer is null. */
 KAVO_API const char* kavo_enet_alarm_mask_t_print(kavo_enet_alarm_mask_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_alarm_mask_t_suffix_print(kavo_enet_alarm_mask_t value, char* buffer, UINT32 length);
 
@@ -253,6 +289,9 @@ typedef enum kavo_enet_alarm_force_t {
     LAST_KAVO_ENET_ALARM_FORCE = 3,
 } kavo_enet_alarm_force_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_alarm_force_t) == 4, "kavo_enet_alarm_force_t is 32 bits");
+/* The constant's name of a kavo_enet_alarm_force_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_alarm_force_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_alarm_force_t" when buffer is null. */
 KAVO_API const char* kavo_enet_alarm_force_t_print(kavo_enet_alarm_force_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_alarm_force_t_suffix_print(kavo_enet_alarm_force_t value, char* buffer, UINT32 length);
 
@@ -270,6 +309,9 @@ typedef enum kavo_enet_alarm_action_t {
     LAST_KAVO_ENET_ALARM_ACTION = 5,
 } kavo_enet_alarm_action_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_enet_alarm_action_t) == 4, "kavo_enet_alarm_action_t is 32 bits");
+/* The constant's name of a kavo_enet_alarm_action_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_enet_alarm_action_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_enet_alarm_action_t" when buffer is null. */
 KAVO_API const char* kavo_enet_alarm_action_t_print(kavo_enet_alarm_action_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_enet_alarm_action_t_suffix_print(kavo_enet_alarm_action_t value, char* buffer, UINT32 length);
 
@@ -289,48 +331,93 @@ typedef struct kavo_enet_anlt_chnl_cfg_t kavo_enet_anlt_chnl_cfg_t;
 typedef struct kavo_enet_anlt_chnl_ts_t kavo_enet_anlt_chnl_ts_t;
 typedef struct kavo_enet_anlt_chnl_status_t kavo_enet_anlt_chnl_status_t;
 
+/* kavo_traffic_enet_t_init sets every member of *value to its default; kavo_traffic_enet_t_print writes it as an
+   indented name: value list, kavo_traffic_enet_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_traffic_enet_t_init(kavo_traffic_enet_t* value);
 KAVO_API void kavo_traffic_enet_t_print_at(const kavo_traffic_enet_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_traffic_enet_t_print(const kavo_traffic_enet_t* value, FILE* file);
+/* kavo_enet_status_t_init sets every member of *value to its default; kavo_enet_status_t_print writes it as an
+   indented name: value list, kavo_enet_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_status_t_init(kavo_enet_status_t* value);
 KAVO_API void kavo_enet_status_t_print_at(const kavo_enet_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_status_t_print(const kavo_enet_status_t* value, FILE* file);
+/* kavo_enet_vlan_cfg_t_init sets every member of *value to its default; kavo_enet_vlan_cfg_t_print writes it as an
+   indented name: value list, kavo_enet_vlan_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_vlan_cfg_t_init(kavo_enet_vlan_cfg_t* value);
 KAVO_API void kavo_enet_vlan_cfg_t_print_at(const kavo_enet_vlan_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_vlan_cfg_t_print(const kavo_enet_vlan_cfg_t* value, FILE* file);
+/* kavo_enet_fec_deg_ser_cfg_t_init sets every member of *value to its default; kavo_enet_fec_deg_ser_cfg_t_print writes it as an
+   indented name: value list, kavo_enet_fec_deg_ser_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_fec_deg_ser_cfg_t_init(kavo_enet_fec_deg_ser_cfg_t* value);
 KAVO_API void kavo_enet_fec_deg_ser_cfg_t_print_at(const kavo_enet_fec_deg_ser_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_fec_deg_ser_cfg_t_print(const kavo_enet_fec_deg_ser_cfg_t* value, FILE* file);
+/* kavo_enet_fec_err_cfg_t_init sets every member of *value to its default; kavo_enet_fec_err_cfg_t_print writes it as an
+   indented name: value list, kavo_enet_fec_err_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_fec_err_cfg_t_init(kavo_enet_fec_err_cfg_t* value);
 KAVO_API void kavo_enet_fec_err_cfg_t_print_at(const kavo_enet_fec_err_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_fec_err_cfg_t_print(const kavo_enet_fec_err_cfg_t* value, FILE* file);
+/* kavo_enet_tx_am_sf_cfg_t_init sets every member of *value to its default; kavo_enet_tx_am_sf_cfg_t_print writes it as an
+   indented name: value list, kavo_enet_tx_am_sf_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_tx_am_sf_cfg_t_init(kavo_enet_tx_am_sf_cfg_t* value);
 KAVO_API void kavo_enet_tx_am_sf_cfg_t_print_at(const kavo_enet_tx_am_sf_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_tx_am_sf_cfg_t_print(const kavo_enet_tx_am_sf_cfg_t* value, FILE* file);
+/* kavo_enet_alarm_cfg_t_init sets every member of *value to its default; kavo_enet_alarm_cfg_t_print writes it as an
+   indented name: value list, kavo_enet_alarm_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_alarm_cfg_t_init(kavo_enet_alarm_cfg_t* value);
 KAVO_API void kavo_enet_alarm_cfg_t_print_at(const kavo_enet_alarm_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_alarm_cfg_t_print(const kavo_enet_alarm_cfg_t* value, FILE* file);
+/* kavo_enet_ca_enable_get_t_init sets every member of *value to its default; kavo_enet_ca_enable_get_t_print writes it as an
+   indented name: value list, kavo_enet_ca_enable_get_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_ca_enable_get_t_init(kavo_enet_ca_enable_get_t* value);
 KAVO_API void kavo_enet_ca_enable_get_t_print_at(const kavo_enet_ca_enable_get_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_ca_enable_get_t_print(const kavo_enet_ca_enable_get_t* value, FILE* file);
+/* kavo_enet_alarm_mask_get_t_init sets every member of *value to its default; kavo_enet_alarm_mask_get_t_print writes it as an
+   indented name: value list, kavo_enet_alarm_mask_get_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_alarm_mask_get_t_init(kavo_enet_alarm_mask_get_t* value);
 KAVO_API void kavo_enet_alarm_mask_get_t_print_at(const kavo_enet_alarm_mask_get_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_alarm_mask_get_t_print(const kavo_enet_alarm_mask_get_t* value, FILE* file);
+/* kavo_enet_alarm_force_get_t_init sets every member of *value to its default; kavo_enet_alarm_force_get_t_print writes it as an
+   indented name: value list, kavo_enet_alarm_force_get_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_alarm_force_get_t_init(kavo_enet_alarm_force_get_t* value);
 KAVO_API void kavo_enet_alarm_force_get_t_print_at(const kavo_enet_alarm_force_get_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_alarm_force_get_t_print(const kavo_enet_alarm_force_get_t* value, FILE* file);
+/* kavo_enet_alarm_cfg_get_t_init sets every member of *value to its default; kavo_enet_alarm_cfg_get_t_print writes it as an
+   indented name: value list, kavo_enet_alarm_cfg_get_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_alarm_cfg_get_t_init(kavo_enet_alarm_cfg_get_t* value);
 KAVO_API void kavo_enet_alarm_cfg_get_t_print_at(const kavo_enet_alarm_cfg_get_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_alarm_cfg_get_t_print(const kavo_enet_alarm_cfg_get_t* value, FILE* file);
+/* kavo_enet_cfg_get_t_init sets every member of *value to its default; kavo_enet_cfg_get_t_print writes it as an
+   indented name: value list, kavo_enet_cfg_get_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_cfg_get_t_init(kavo_enet_cfg_get_t* value);
 KAVO_API void kavo_enet_cfg_get_t_print_at(const kavo_enet_cfg_get_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_cfg_get_t_print(const kavo_enet_cfg_get_t* value, FILE* file);
+/* kavo_enet_anlt_chnl_cfg_t_init sets every member of *value to its default; kavo_enet_anlt_chnl_cfg_t_print writes it as an
+   indented name: value list, kavo_enet_anlt_chnl_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_anlt_chnl_cfg_t_init(kavo_enet_anlt_chnl_cfg_t* value);
 KAVO_API void kavo_enet_anlt_chnl_cfg_t_print_at(const kavo_enet_anlt_chnl_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_anlt_chnl_cfg_t_print(const kavo_enet_anlt_chnl_cfg_t* value, FILE* file);
+/* kavo_enet_anlt_chnl_ts_t_init sets every member of *value to its default; kavo_enet_anlt_chnl_ts_t_print writes it as an
+   indented name: value list, kavo_enet_anlt_chnl_ts_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_anlt_chnl_ts_t_init(kavo_enet_anlt_chnl_ts_t* value);
 KAVO_API void kavo_enet_anlt_chnl_ts_t_print_at(const kavo_enet_anlt_chnl_ts_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_anlt_chnl_ts_t_print(const kavo_enet_anlt_chnl_ts_t* value, FILE* file);
+/* kavo_enet_anlt_chnl_status_t_init sets every member of *value to its default; kavo_enet_anlt_chnl_status_t_print writes it as an
+   indented name: value list, kavo_enet_anlt_chnl_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_anlt_chnl_status_t_init(kavo_enet_anlt_chnl_status_t* value);
 KAVO_API void kavo_enet_anlt_chnl_status_t_print_at(const kavo_enet_anlt_chnl_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_anlt_chnl_status_t_print(const kavo_enet_anlt_chnl_status_t* value, FILE* file);

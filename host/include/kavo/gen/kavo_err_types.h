@@ -73,6 +73,9 @@ typedef enum kavo_module_id_t {
     LAST_KAVO_MID = 54,
 } kavo_module_id_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_module_id_t) == 4, "kavo_module_id_t is 32 bits");
+/* The constant's name of a kavo_module_id_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_module_id_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_module_id_t" when buffer is null. */
 KAVO_API const char* kavo_module_id_t_print(kavo_module_id_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_module_id_t_suffix_print(kavo_module_id_t value, char* buffer, UINT32 length);
 
@@ -533,6 +536,9 @@ typedef enum kavo_err_t {
     ANLT_ERR_UNSUPPORTED_PORT_MODE_IN_LT_ONLY_MODE = 13586,
 } kavo_err_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_err_t) == 4, "kavo_err_t is 32 bits");
+/* The constant's name of a kavo_err_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_err_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_err_t" when buffer is null. */
 KAVO_API const char* kavo_err_t_print(kavo_err_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_err_t_suffix_print(kavo_err_t value, char* buffer, UINT32 length);
 

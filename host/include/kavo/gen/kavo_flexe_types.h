@@ -38,6 +38,9 @@ typedef enum kavo_flexe_pin_mode_t {
     LAST_KAVO_FLEXE_PIN_MODE = 5,
 } kavo_flexe_pin_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flexe_pin_mode_t) == 4, "kavo_flexe_pin_mode_t is 32 bits");
+/* The constant's name of a kavo_flexe_pin_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flexe_pin_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flexe_pin_mode_t" when buffer is null. */
 KAVO_API const char* kavo_flexe_pin_mode_t_print(kavo_flexe_pin_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flexe_pin_mode_t_suffix_print(kavo_flexe_pin_mode_t value, char* buffer, UINT32 length);
 
@@ -52,6 +55,9 @@ typedef enum kavo_flexe_calendar_mode_t {
     LAST_KAVO_FLEXE_CALENDAR_MODE = 2,
 } kavo_flexe_calendar_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flexe_calendar_mode_t) == 4, "kavo_flexe_calendar_mode_t is 32 bits");
+/* The constant's name of a kavo_flexe_calendar_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flexe_calendar_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flexe_calendar_mode_t" when buffer is null. */
 KAVO_API const char* kavo_flexe_calendar_mode_t_print(kavo_flexe_calendar_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flexe_calendar_mode_t_suffix_print(kavo_flexe_calendar_mode_t value, char* buffer, UINT32 length);
 
@@ -71,6 +77,9 @@ typedef enum kavo_flexe_calendar_update_mode_t {
     LAST_KAVO_FLEXE_CALENDAR_UPDATE_MODE = 5,
 } kavo_flexe_calendar_update_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flexe_calendar_update_mode_t) == 4, "kavo_flexe_calendar_update_mode_t is 32 bits");
+/* The constant's name of a kavo_flexe_calendar_update_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flexe_calendar_update_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flexe_calendar_update_mode_t" when buffer is null. */
 KAVO_API const char* kavo_flexe_calendar_update_mode_t_print(kavo_flexe_calendar_update_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flexe_calendar_update_mode_t_suffix_print(kavo_flexe_calendar_update_mode_t value, char* buffer, UINT32 length);
 
@@ -86,6 +95,9 @@ typedef enum kavo_flexe_ohp_interface_mode_t {
     LAST_KAVO_FLEXE_OHP_INTERFACE_MODE = 3,
 } kavo_flexe_ohp_interface_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flexe_ohp_interface_mode_t) == 4, "kavo_flexe_ohp_interface_mode_t is 32 bits");
+/* The constant's name of a kavo_flexe_ohp_interface_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flexe_ohp_interface_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flexe_ohp_interface_mode_t" when buffer is null. */
 KAVO_API const char* kavo_flexe_ohp_interface_mode_t_print(kavo_flexe_ohp_interface_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flexe_ohp_interface_mode_t_suffix_print(kavo_flexe_ohp_interface_mode_t value, char* buffer, UINT32 length);
 
@@ -101,6 +113,9 @@ typedef enum kavo_flexe_ohp_loopback_t {
     LAST_KAVO_FLEXE_OHP_LOOPBACK = 3,
 } kavo_flexe_ohp_loopback_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_flexe_ohp_loopback_t) == 4, "kavo_flexe_ohp_loopback_t is 32 bits");
+/* The constant's name of a kavo_flexe_ohp_loopback_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_flexe_ohp_loopback_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_flexe_ohp_loopback_t" when buffer is null. */
 KAVO_API const char* kavo_flexe_ohp_loopback_t_print(kavo_flexe_ohp_loopback_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_flexe_ohp_loopback_t_suffix_print(kavo_flexe_ohp_loopback_t value, char* buffer, UINT32 length);
 
@@ -117,39 +132,75 @@ typedef struct kavo_flexe_ohp_status_t kavo_flexe_ohp_status_t;
 typedef struct kavo_flexe_ohp_ge_pmon_t kavo_flexe_ohp_ge_pmon_t;
 typedef struct kavo_flexe_ohp_debug_pmon_t kavo_flexe_ohp_debug_pmon_t;
 
+/* kavo_flexe_phy_info_t_init sets every member of *value to its default; kavo_flexe_phy_info_t_print writes it as an
+   indented name: value list, kavo_flexe_phy_info_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_phy_info_t_init(kavo_flexe_phy_info_t* value);
 KAVO_API void kavo_flexe_phy_info_t_print_at(const kavo_flexe_phy_info_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_phy_info_t_print(const kavo_flexe_phy_info_t* value, FILE* file);
+/* kavo_flexe_phy_t_init sets every member of *value to its default; kavo_flexe_phy_t_print writes it as an
+   indented name: value list, kavo_flexe_phy_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_phy_t_init(kavo_flexe_phy_t* value);
 KAVO_API void kavo_flexe_phy_t_print_at(const kavo_flexe_phy_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_phy_t_print(const kavo_flexe_phy_t* value, FILE* file);
+/* kavo_flexe_group_info_t_init sets every member of *value to its default; kavo_flexe_group_info_t_print writes it as an
+   indented name: value list, kavo_flexe_group_info_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_group_info_t_init(kavo_flexe_group_info_t* value);
 KAVO_API void kavo_flexe_group_info_t_print_at(const kavo_flexe_group_info_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_group_info_t_print(const kavo_flexe_group_info_t* value, FILE* file);
+/* kavo_flexe_group_cfg_t_init sets every member of *value to its default; kavo_flexe_group_cfg_t_print writes it as an
+   indented name: value list, kavo_flexe_group_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_group_cfg_t_init(kavo_flexe_group_cfg_t* value);
 KAVO_API void kavo_flexe_group_cfg_t_print_at(const kavo_flexe_group_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_group_cfg_t_print(const kavo_flexe_group_cfg_t* value, FILE* file);
+/* kavo_flexe_client_data_t_init sets every member of *value to its default; kavo_flexe_client_data_t_print writes it as an
+   indented name: value list, kavo_flexe_client_data_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_client_data_t_init(kavo_flexe_client_data_t* value);
 KAVO_API void kavo_flexe_client_data_t_print_at(const kavo_flexe_client_data_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_client_data_t_print(const kavo_flexe_client_data_t* value, FILE* file);
+/* kavo_flexe_client_t_init sets every member of *value to its default; kavo_flexe_client_t_print writes it as an
+   indented name: value list, kavo_flexe_client_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_client_t_init(kavo_flexe_client_t* value);
 KAVO_API void kavo_flexe_client_t_print_at(const kavo_flexe_client_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_client_t_print(const kavo_flexe_client_t* value, FILE* file);
+/* kavo_flexe_phy_status_t_init sets every member of *value to its default; kavo_flexe_phy_status_t_print writes it as an
+   indented name: value list, kavo_flexe_phy_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_phy_status_t_init(kavo_flexe_phy_status_t* value);
 KAVO_API void kavo_flexe_phy_status_t_print_at(const kavo_flexe_phy_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_phy_status_t_print(const kavo_flexe_phy_status_t* value, FILE* file);
+/* kavo_flexe_group_status_t_init sets every member of *value to its default; kavo_flexe_group_status_t_print writes it as an
+   indented name: value list, kavo_flexe_group_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_group_status_t_init(kavo_flexe_group_status_t* value);
 KAVO_API void kavo_flexe_group_status_t_print_at(const kavo_flexe_group_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_group_status_t_print(const kavo_flexe_group_status_t* value, FILE* file);
+/* kavo_flexe_ohp_chnl_cfg_data_t_init sets every member of *value to its default; kavo_flexe_ohp_chnl_cfg_data_t_print writes it as an
+   indented name: value list, kavo_flexe_ohp_chnl_cfg_data_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_ohp_chnl_cfg_data_t_init(kavo_flexe_ohp_chnl_cfg_data_t* value);
 KAVO_API void kavo_flexe_ohp_chnl_cfg_data_t_print_at(const kavo_flexe_ohp_chnl_cfg_data_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_ohp_chnl_cfg_data_t_print(const kavo_flexe_ohp_chnl_cfg_data_t* value, FILE* file);
+/* kavo_flexe_ohp_status_t_init sets every member of *value to its default; kavo_flexe_ohp_status_t_print writes it as an
+   indented name: value list, kavo_flexe_ohp_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_ohp_status_t_init(kavo_flexe_ohp_status_t* value);
 KAVO_API void kavo_flexe_ohp_status_t_print_at(const kavo_flexe_ohp_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_flexe_ohp_status_t_print(const kavo_flexe_ohp_status_t* value, FILE* file);
+/* kavo_flexe_ohp_ge_pmon_t_init sets every member of *value to its default; kavo_flexe_ohp_ge_pmon_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_flexe_ohp_ge_pmon_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_ohp_ge_pmon_t_init(kavo_flexe_ohp_ge_pmon_t* value);
 KAVO_API void kavo_flexe_ohp_ge_pmon_t_print_at(const kavo_flexe_ohp_ge_pmon_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_flexe_ohp_ge_pmon_t_print(const kavo_flexe_ohp_ge_pmon_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_flexe_ohp_debug_pmon_t_init sets every member of *value to its default; kavo_flexe_ohp_debug_pmon_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_flexe_ohp_debug_pmon_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_flexe_ohp_debug_pmon_t_init(kavo_flexe_ohp_debug_pmon_t* value);
 KAVO_API void kavo_flexe_ohp_debug_pmon_t_print_at(const kavo_flexe_ohp_debug_pmon_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_flexe_ohp_debug_pmon_t_print(const kavo_flexe_ohp_debug_pmon_t* value, kavo_pmon_print_sel_t selection);

@@ -31,6 +31,9 @@ typedef enum VELT_POLL_COMPARISON_TYPE {
     VELT_POLL_EQUAL_NO_LOG = 6,
 } VELT_POLL_COMPARISON_TYPE;
 KAVO_STATIC_ASSERT(sizeof(VELT_POLL_COMPARISON_TYPE) == 4, "VELT_POLL_COMPARISON_TYPE is 32 bits");
+/* The constant's name of a VELT_POLL_COMPARISON_TYPE value, and the name without the type's prefix.
+   A value without a name gives "illegal VELT_POLL_COMPARISON_TYPE (VALUE)" written into buffer
+   (length bytes), or "illegal VELT_POLL_COMPARISON_TYPE" when buffer is null. */
 KAVO_API const char* VELT_POLL_COMPARISON_TYPE_print(VELT_POLL_COMPARISON_TYPE value, char* buffer, UINT32 length);
 KAVO_API const char* VELT_POLL_COMPARISON_TYPE_suffix_print(VELT_POLL_COMPARISON_TYPE value, char* buffer, UINT32 length);
 
@@ -45,6 +48,9 @@ typedef enum velt_energy_state_t {
     LAST_VELT_ENERGY_STATE = 3,
 } velt_energy_state_t;
 KAVO_STATIC_ASSERT(sizeof(velt_energy_state_t) == 4, "velt_energy_state_t is 32 bits");
+/* The constant's name of a velt_energy_state_t value, and the name without the type's prefix.
+   A value without a name gives "illegal velt_energy_state_t (VALUE)" written into buffer
+   (length bytes), or "illegal velt_energy_state_t" when buffer is null. */
 KAVO_API const char* velt_energy_state_t_print(velt_energy_state_t value, char* buffer, UINT32 length);
 KAVO_API const char* velt_energy_state_t_suffix_print(velt_energy_state_t value, char* buffer, UINT32 length);
 
@@ -64,6 +70,9 @@ typedef enum velt_log_sev_t {
     VELT_LOG_SEV_NUM = 8,
 } velt_log_sev_t;
 KAVO_STATIC_ASSERT(sizeof(velt_log_sev_t) == 4, "velt_log_sev_t is 32 bits");
+/* The constant's name of a velt_log_sev_t value, and the name without the type's prefix.
+   A value without a name gives "illegal velt_log_sev_t (VALUE)" written into buffer
+   (length bytes), or "illegal velt_log_sev_t" when buffer is null. */
 KAVO_API const char* velt_log_sev_t_print(velt_log_sev_t value, char* buffer, UINT32 length);
 KAVO_API const char* velt_log_sev_t_suffix_print(velt_log_sev_t value, char* buffer, UINT32 length);
 
@@ -80,6 +89,9 @@ typedef enum kavo_fw_log_dump_t {
     LAST_KAVO_FW_LOG_DUMP = 5,
 } kavo_fw_log_dump_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_fw_log_dump_t) == 4, "kavo_fw_log_dump_t is 32 bits");
+/* The constant's name of a kavo_fw_log_dump_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_fw_log_dump_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_fw_log_dump_t" when buffer is null. */
 KAVO_API const char* kavo_fw_log_dump_t_print(kavo_fw_log_dump_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_fw_log_dump_t_suffix_print(kavo_fw_log_dump_t value, char* buffer, UINT32 length);
 
@@ -87,12 +99,21 @@ typedef struct kavo_fw_hdr_t kavo_fw_hdr_t;
 typedef struct velt_fw_fixed_version_info_t velt_fw_fixed_version_info_t;
 typedef struct velt_sys_fw_stats_t velt_sys_fw_stats_t;
 
+/* kavo_fw_hdr_t_init sets every member of *value to its default; kavo_fw_hdr_t_print writes it as an
+   indented name: value list, kavo_fw_hdr_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_fw_hdr_t_init(kavo_fw_hdr_t* value);
 KAVO_API void kavo_fw_hdr_t_print_at(const kavo_fw_hdr_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_fw_hdr_t_print(const kavo_fw_hdr_t* value, FILE* file);
+/* velt_fw_fixed_version_info_t_init sets every member of *value to its default; velt_fw_fixed_version_info_t_print writes it as an
+   indented name: value list, velt_fw_fixed_version_info_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void velt_fw_fixed_version_info_t_init(velt_fw_fixed_version_info_t* value);
 KAVO_API void velt_fw_fixed_version_info_t_print_at(const velt_fw_fixed_version_info_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void velt_fw_fixed_version_info_t_print(const velt_fw_fixed_version_info_t* value, FILE* file);
+/* velt_sys_fw_stats_t_init sets every member of *value to its default; velt_sys_fw_stats_t_print writes it as an
+   indented name: value list, velt_sys_fw_stats_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void velt_sys_fw_stats_t_init(velt_sys_fw_stats_t* value);
 KAVO_API void velt_sys_fw_stats_t_print_at(const velt_sys_fw_stats_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void velt_sys_fw_stats_t_print(const velt_sys_fw_stats_t* value, FILE* file);

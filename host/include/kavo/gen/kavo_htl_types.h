@@ -50,6 +50,9 @@ typedef enum kavo_htl_module_t {
     LAST_KAVO_HTL_MODULE = 17,
 } kavo_htl_module_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_htl_module_t) == 4, "kavo_htl_module_t is 32 bits");
+/* The constant's name of a kavo_htl_module_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_htl_module_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_htl_module_t" when buffer is null. */
 KAVO_API const char* kavo_htl_module_t_print(kavo_htl_module_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_htl_module_t_suffix_print(kavo_htl_module_t value, char* buffer, UINT32 length);
 
@@ -270,6 +273,9 @@ typedef enum kavo_htl_operation_t {
     LAST_KAVO_HTL_OPERATION = 4098,
 } kavo_htl_operation_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_htl_operation_t) == 4, "kavo_htl_operation_t is 32 bits");
+/* The constant's name of a kavo_htl_operation_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_htl_operation_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_htl_operation_t" when buffer is null. */
 KAVO_API const char* kavo_htl_operation_t_print(kavo_htl_operation_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_htl_operation_t_suffix_print(kavo_htl_operation_t value, char* buffer, UINT32 length);
 
@@ -277,12 +283,21 @@ typedef struct kavo_htl_general_struct_t kavo_htl_general_struct_t;
 typedef struct kavo_htl_request_t kavo_htl_request_t;
 typedef struct kavo_htl_response_t kavo_htl_response_t;
 
+/* kavo_htl_general_struct_t_init sets every member of *value to its default; kavo_htl_general_struct_t_print writes it as an
+   indented name: value list, kavo_htl_general_struct_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_htl_general_struct_t_init(kavo_htl_general_struct_t* value);
 KAVO_API void kavo_htl_general_struct_t_print_at(const kavo_htl_general_struct_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_htl_general_struct_t_print(const kavo_htl_general_struct_t* value, FILE* file);
+/* kavo_htl_request_t_init sets every member of *value to its default; kavo_htl_request_t_print writes it as an
+   indented name: value list, kavo_htl_request_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_htl_request_t_init(kavo_htl_request_t* value);
 KAVO_API void kavo_htl_request_t_print_at(const kavo_htl_request_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_htl_request_t_print(const kavo_htl_request_t* value, FILE* file);
+/* kavo_htl_response_t_init sets every member of *value to its default; kavo_htl_response_t_print writes it as an
+   indented name: value list, kavo_htl_response_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_htl_response_t_init(kavo_htl_response_t* value);
 KAVO_API void kavo_htl_response_t_print_at(const kavo_htl_response_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_htl_response_t_print(const kavo_htl_response_t* value, FILE* file);

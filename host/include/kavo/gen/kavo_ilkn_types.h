@@ -31,6 +31,9 @@ typedef enum kavo_ilkn_rate_mode_t {
     LAST_KAVO_ILKN_RATE_MODE = 7,
 } kavo_ilkn_rate_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_rate_mode_t) == 4, "kavo_ilkn_rate_mode_t is 32 bits");
+/* The constant's name of a kavo_ilkn_rate_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ilkn_rate_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ilkn_rate_mode_t" when buffer is null. */
 KAVO_API const char* kavo_ilkn_rate_mode_t_print(kavo_ilkn_rate_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ilkn_rate_mode_t_suffix_print(kavo_ilkn_rate_mode_t value, char* buffer, UINT32 length);
 
@@ -50,6 +53,9 @@ typedef enum kavo_ilkn_mf_t {
     LAST_KAVO_ILKN_MF = 7,
 } kavo_ilkn_mf_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_mf_t) == 4, "kavo_ilkn_mf_t is 32 bits");
+/* The constant's name of a kavo_ilkn_mf_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ilkn_mf_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ilkn_mf_t" when buffer is null. */
 KAVO_API const char* kavo_ilkn_mf_t_print(kavo_ilkn_mf_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ilkn_mf_t_suffix_print(kavo_ilkn_mf_t value, char* buffer, UINT32 length);
 
@@ -66,6 +72,9 @@ typedef enum kavo_ilkn_burst_max_t {
     LAST_KAVO_ILKN_BURST_MAX = 9,
 } kavo_ilkn_burst_max_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_burst_max_t) == 4, "kavo_ilkn_burst_max_t is 32 bits");
+/* The constant's name of a kavo_ilkn_burst_max_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ilkn_burst_max_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ilkn_burst_max_t" when buffer is null. */
 KAVO_API const char* kavo_ilkn_burst_max_t_print(kavo_ilkn_burst_max_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ilkn_burst_max_t_suffix_print(kavo_ilkn_burst_max_t value, char* buffer, UINT32 length);
 
@@ -83,6 +92,9 @@ typedef enum kavo_ilkn_burst_min_t {
     LAST_KAVO_ILKN_BURST_MIN = 11,
 } kavo_ilkn_burst_min_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_burst_min_t) == 4, "kavo_ilkn_burst_min_t is 32 bits");
+/* The constant's name of a kavo_ilkn_burst_min_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ilkn_burst_min_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ilkn_burst_min_t" when buffer is null. */
 KAVO_API const char* kavo_ilkn_burst_min_t_print(kavo_ilkn_burst_min_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ilkn_burst_min_t_suffix_print(kavo_ilkn_burst_min_t value, char* buffer, UINT32 length);
 
@@ -105,6 +117,9 @@ typedef enum kavo_fabric_ingress_rate_t {
     LAST_KAVO_FABRIC_INGRESS_RATE = 10,
 } kavo_fabric_ingress_rate_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_fabric_ingress_rate_t) == 4, "kavo_fabric_ingress_rate_t is 32 bits");
+/* The constant's name of a kavo_fabric_ingress_rate_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_fabric_ingress_rate_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_fabric_ingress_rate_t" when buffer is null. */
 KAVO_API const char* kavo_fabric_ingress_rate_t_print(kavo_fabric_ingress_rate_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_fabric_ingress_rate_t_suffix_print(kavo_fabric_ingress_rate_t value, char* buffer, UINT32 length);
 
@@ -121,6 +136,9 @@ typedef enum kavo_ilkn_loopback_t {
     LAST_KAVO_ILKN_LOOPBACK = 4,
 } kavo_ilkn_loopback_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ilkn_loopback_t) == 4, "kavo_ilkn_loopback_t is 32 bits");
+/* The constant's name of a kavo_ilkn_loopback_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ilkn_loopback_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ilkn_loopback_t" when buffer is null. */
 KAVO_API const char* kavo_ilkn_loopback_t_print(kavo_ilkn_loopback_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ilkn_loopback_t_suffix_print(kavo_ilkn_loopback_t value, char* buffer, UINT32 length);
 
@@ -133,27 +151,51 @@ typedef struct kavo_traffic_ilkn_pkt_t kavo_traffic_ilkn_pkt_t;
 typedef struct kavo_ilkn_fc_cal_t kavo_ilkn_fc_cal_t;
 typedef struct kavo_ilkn_intf_status_t kavo_ilkn_intf_status_t;
 
+/* kavo_ilkn_intf_cfg_t_init sets every member of *value to its default; kavo_ilkn_intf_cfg_t_print writes it as an
+   indented name: value list, kavo_ilkn_intf_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ilkn_intf_cfg_t_init(kavo_ilkn_intf_cfg_t* value);
 KAVO_API void kavo_ilkn_intf_cfg_t_print_at(const kavo_ilkn_intf_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ilkn_intf_cfg_t_print(const kavo_ilkn_intf_cfg_t* value, FILE* file);
+/* kavo_ilkn_lane_cfg_t_init sets every member of *value to its default; kavo_ilkn_lane_cfg_t_print writes it as an
+   indented name: value list, kavo_ilkn_lane_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ilkn_lane_cfg_t_init(kavo_ilkn_lane_cfg_t* value);
 KAVO_API void kavo_ilkn_lane_cfg_t_print_at(const kavo_ilkn_lane_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ilkn_lane_cfg_t_print(const kavo_ilkn_lane_cfg_t* value, FILE* file);
+/* kavo_ilkn_pkt_rate_t_init sets every member of *value to its default; kavo_ilkn_pkt_rate_t_print writes it as an
+   indented name: value list, kavo_ilkn_pkt_rate_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ilkn_pkt_rate_t_init(kavo_ilkn_pkt_rate_t* value);
 KAVO_API void kavo_ilkn_pkt_rate_t_print_at(const kavo_ilkn_pkt_rate_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ilkn_pkt_rate_t_print(const kavo_ilkn_pkt_rate_t* value, FILE* file);
+/* kavo_ilkn_pkt_fabric_ingress_t_init sets every member of *value to its default; kavo_ilkn_pkt_fabric_ingress_t_print writes it as an
+   indented name: value list, kavo_ilkn_pkt_fabric_ingress_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ilkn_pkt_fabric_ingress_t_init(kavo_ilkn_pkt_fabric_ingress_t* value);
 KAVO_API void kavo_ilkn_pkt_fabric_ingress_t_print_at(const kavo_ilkn_pkt_fabric_ingress_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ilkn_pkt_fabric_ingress_t_print(const kavo_ilkn_pkt_fabric_ingress_t* value, FILE* file);
+/* kavo_ilkn_pkt_fabric_egress_t_init sets every member of *value to its default; kavo_ilkn_pkt_fabric_egress_t_print writes it as an
+   indented name: value list, kavo_ilkn_pkt_fabric_egress_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ilkn_pkt_fabric_egress_t_init(kavo_ilkn_pkt_fabric_egress_t* value);
 KAVO_API void kavo_ilkn_pkt_fabric_egress_t_print_at(const kavo_ilkn_pkt_fabric_egress_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ilkn_pkt_fabric_egress_t_print(const kavo_ilkn_pkt_fabric_egress_t* value, FILE* file);
+/* kavo_traffic_ilkn_pkt_t_init sets every member of *value to its default; kavo_traffic_ilkn_pkt_t_print writes it as an
+   indented name: value list, kavo_traffic_ilkn_pkt_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_traffic_ilkn_pkt_t_init(kavo_traffic_ilkn_pkt_t* value);
 KAVO_API void kavo_traffic_ilkn_pkt_t_print_at(const kavo_traffic_ilkn_pkt_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_traffic_ilkn_pkt_t_print(const kavo_traffic_ilkn_pkt_t* value, FILE* file);
+/* kavo_ilkn_fc_cal_t_init sets every member of *value to its default; kavo_ilkn_fc_cal_t_print writes it as an
+   indented name: value list, kavo_ilkn_fc_cal_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ilkn_fc_cal_t_init(kavo_ilkn_fc_cal_t* value);
 KAVO_API void kavo_ilkn_fc_cal_t_print_at(const kavo_ilkn_fc_cal_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ilkn_fc_cal_t_print(const kavo_ilkn_fc_cal_t* value, FILE* file);
+/* kavo_ilkn_intf_status_t_init sets every member of *value to its default; kavo_ilkn_intf_status_t_print writes it as an
+   indented name: value list, kavo_ilkn_intf_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ilkn_intf_status_t_init(kavo_ilkn_intf_status_t* value);
 KAVO_API void kavo_ilkn_intf_status_t_print_at(const kavo_ilkn_intf_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ilkn_intf_status_t_print(const kavo_ilkn_intf_status_t* value, FILE* file);

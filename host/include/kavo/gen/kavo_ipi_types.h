@@ -25,6 +25,9 @@ typedef enum kavo_ipi_type_t {
     LAST_VELT_IPI_TYPE = 6,
 } kavo_ipi_type_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ipi_type_t) == 4, "kavo_ipi_type_t is 32 bits");
+/* The constant's name of a kavo_ipi_type_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ipi_type_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ipi_type_t" when buffer is null. */
 KAVO_API const char* kavo_ipi_type_t_print(kavo_ipi_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ipi_type_t_suffix_print(kavo_ipi_type_t value, char* buffer, UINT32 length);
 

@@ -44,6 +44,9 @@ typedef enum kavo_macsec_device_direction_t {
     LAST_KAVO_MACSEC_DIRECTION = 2,
 } kavo_macsec_device_direction_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_device_direction_t) == 4, "kavo_macsec_device_direction_t is 32 bits");
+/* The constant's name of a kavo_macsec_device_direction_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_device_direction_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_device_direction_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_device_direction_t_print(kavo_macsec_device_direction_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_device_direction_t_suffix_print(kavo_macsec_device_direction_t value, char* buffer, UINT32 length);
 
@@ -60,6 +63,9 @@ typedef enum kavo_macsec_packet_type_t {
     LAST_KAVO_MACSEC_PACKET_TYPE = 4,
 } kavo_macsec_packet_type_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_packet_type_t) == 4, "kavo_macsec_packet_type_t is 32 bits");
+/* The constant's name of a kavo_macsec_packet_type_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_packet_type_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_packet_type_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_packet_type_t_print(kavo_macsec_packet_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_packet_type_t_suffix_print(kavo_macsec_packet_type_t value, char* buffer, UINT32 length);
 
@@ -76,6 +82,9 @@ typedef enum kavo_macsec_num_tags_t {
     LAST_KAVO_MACSEC_NUM_TAGS = 4,
 } kavo_macsec_num_tags_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_num_tags_t) == 4, "kavo_macsec_num_tags_t is 32 bits");
+/* The constant's name of a kavo_macsec_num_tags_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_num_tags_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_num_tags_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_num_tags_t_print(kavo_macsec_num_tags_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_num_tags_t_suffix_print(kavo_macsec_num_tags_t value, char* buffer, UINT32 length);
 
@@ -92,6 +101,9 @@ typedef enum kavo_macsec_vport_flags_t {
     KAVO_MACSEC_VPORT_SCB = 4,
 } kavo_macsec_vport_flags_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_vport_flags_t) == 4, "kavo_macsec_vport_flags_t is 32 bits");
+/* The constant's name of a kavo_macsec_vport_flags_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_vport_flags_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_vport_flags_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_vport_flags_t_print(kavo_macsec_vport_flags_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_vport_flags_t_suffix_print(kavo_macsec_vport_flags_t value, char* buffer, UINT32 length);
 
@@ -126,6 +138,9 @@ typedef enum kavo_macsec_sa_config_flags_t {
     KAVO_MACSEC_SA_MTU_OVRSZ_DROP_EN = 8192,
 } kavo_macsec_sa_config_flags_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_sa_config_flags_t) == 4, "kavo_macsec_sa_config_flags_t is 32 bits");
+/* The constant's name of a kavo_macsec_sa_config_flags_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_sa_config_flags_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_sa_config_flags_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_sa_config_flags_t_print(kavo_macsec_sa_config_flags_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_sa_config_flags_t_suffix_print(kavo_macsec_sa_config_flags_t value, char* buffer, UINT32 length);
 
@@ -143,6 +158,9 @@ typedef enum kavo_macsec_sa_update_cmds_t {
     KAVO_MACSEC_SA_UPDATE_FLAGS = 32,
 } kavo_macsec_sa_update_cmds_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_sa_update_cmds_t) == 4, "kavo_macsec_sa_update_cmds_t is 32 bits");
+/* The constant's name of a kavo_macsec_sa_update_cmds_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_sa_update_cmds_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_sa_update_cmds_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_sa_update_cmds_t_print(kavo_macsec_sa_update_cmds_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_sa_update_cmds_t_suffix_print(kavo_macsec_sa_update_cmds_t value, char* buffer, UINT32 length);
 
@@ -158,6 +176,9 @@ typedef enum kavo_macsec_validate_frames_t {
     LAST_KAVO_MACSEC_VALIDATE = 3,
 } kavo_macsec_validate_frames_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_validate_frames_t) == 4, "kavo_macsec_validate_frames_t is 32 bits");
+/* The constant's name of a kavo_macsec_validate_frames_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_validate_frames_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_validate_frames_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_validate_frames_t_print(kavo_macsec_validate_frames_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_validate_frames_t_suffix_print(kavo_macsec_validate_frames_t value, char* buffer, UINT32 length);
 
@@ -172,6 +193,9 @@ typedef enum kavo_macsec_default_action_t {
     LAST_KAVO_MACSEC_DEFAULT_ACTION = 2,
 } kavo_macsec_default_action_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_default_action_t) == 4, "kavo_macsec_default_action_t is 32 bits");
+/* The constant's name of a kavo_macsec_default_action_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_default_action_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_default_action_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_default_action_t_print(kavo_macsec_default_action_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_default_action_t_suffix_print(kavo_macsec_default_action_t value, char* buffer, UINT32 length);
 
@@ -186,6 +210,9 @@ typedef enum kavo_macsec_notification_type_t {
     KAVO_MACSEC_NOTIFICATION_SA_EXPIRED = 2,
 } kavo_macsec_notification_type_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_notification_type_t) == 4, "kavo_macsec_notification_type_t is 32 bits");
+/* The constant's name of a kavo_macsec_notification_type_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_notification_type_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_notification_type_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_notification_type_t_print(kavo_macsec_notification_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_notification_type_t_suffix_print(kavo_macsec_notification_type_t value, char* buffer, UINT32 length);
 
@@ -200,6 +227,9 @@ typedef enum kavo_macsec_notification_get_commands_t {
     LAST_KAVO_MACSEC_NOTIFICATION_GET = 2,
 } kavo_macsec_notification_get_commands_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_macsec_notification_get_commands_t) == 4, "kavo_macsec_notification_get_commands_t is 32 bits");
+/* The constant's name of a kavo_macsec_notification_get_commands_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_macsec_notification_get_commands_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_macsec_notification_get_commands_t" when buffer is null. */
 KAVO_API const char* kavo_macsec_notification_get_commands_t_print(kavo_macsec_notification_get_commands_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_macsec_notification_get_commands_t_suffix_print(kavo_macsec_notification_get_commands_t value, char* buffer, UINT32 length);
 
@@ -229,78 +259,153 @@ typedef struct kavo_stats_macsec_vport_t kavo_stats_macsec_vport_t;
 typedef struct kavo_stats_macsec_channel_dir_t kavo_stats_macsec_channel_dir_t;
 typedef struct kavo_stats_macsec_channel_t kavo_stats_macsec_channel_t;
 
+/* kavo_macsec_vport_config_t_init sets every member of *value to its default; kavo_macsec_vport_config_t_print writes it as an
+   indented name: value list, kavo_macsec_vport_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_vport_config_t_init(kavo_macsec_vport_config_t* value);
 KAVO_API void kavo_macsec_vport_config_t_print_at(const kavo_macsec_vport_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_vport_config_t_print(const kavo_macsec_vport_config_t* value, FILE* file);
+/* kavo_macsec_vport_read_params_t_init sets every member of *value to its default; kavo_macsec_vport_read_params_t_print writes it as an
+   indented name: value list, kavo_macsec_vport_read_params_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_vport_read_params_t_init(kavo_macsec_vport_read_params_t* value);
 KAVO_API void kavo_macsec_vport_read_params_t_print_at(const kavo_macsec_vport_read_params_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_vport_read_params_t_print(const kavo_macsec_vport_read_params_t* value, FILE* file);
+/* kavo_macsec_rule_config_others_t_init sets every member of *value to its default; kavo_macsec_rule_config_others_t_print writes it as an
+   indented name: value list, kavo_macsec_rule_config_others_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_rule_config_others_t_init(kavo_macsec_rule_config_others_t* value);
 KAVO_API void kavo_macsec_rule_config_others_t_print_at(const kavo_macsec_rule_config_others_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_rule_config_others_t_print(const kavo_macsec_rule_config_others_t* value, FILE* file);
+/* kavo_macsec_rule_config_pbb_t_init sets every member of *value to its default; kavo_macsec_rule_config_pbb_t_print writes it as an
+   indented name: value list, kavo_macsec_rule_config_pbb_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_rule_config_pbb_t_init(kavo_macsec_rule_config_pbb_t* value);
 KAVO_API void kavo_macsec_rule_config_pbb_t_print_at(const kavo_macsec_rule_config_pbb_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_rule_config_pbb_t_print(const kavo_macsec_rule_config_pbb_t* value, FILE* file);
+/* kavo_macsec_rule_config_mpls_t_init sets every member of *value to its default; kavo_macsec_rule_config_mpls_t_print writes it as an
+   indented name: value list, kavo_macsec_rule_config_mpls_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_rule_config_mpls_t_init(kavo_macsec_rule_config_mpls_t* value);
 KAVO_API void kavo_macsec_rule_config_mpls_t_print_at(const kavo_macsec_rule_config_mpls_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_rule_config_mpls_t_print(const kavo_macsec_rule_config_mpls_t* value, FILE* file);
+/* kavo_macsec_rule_config_type_u_init sets every member of *value to its default; kavo_macsec_rule_config_type_u_print writes it as an
+   indented name: value list, kavo_macsec_rule_config_type_u_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_rule_config_type_u_init(kavo_macsec_rule_config_type_u* value);
 KAVO_API void kavo_macsec_rule_config_type_u_print_at(const kavo_macsec_rule_config_type_u* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_rule_config_type_u_print(const kavo_macsec_rule_config_type_u* value, FILE* file);
+/* kavo_macsec_rule_config_t_init sets every member of *value to its default; kavo_macsec_rule_config_t_print writes it as an
+   indented name: value list, kavo_macsec_rule_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_rule_config_t_init(kavo_macsec_rule_config_t* value);
 KAVO_API void kavo_macsec_rule_config_t_print_at(const kavo_macsec_rule_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_rule_config_t_print(const kavo_macsec_rule_config_t* value, FILE* file);
+/* kavo_macsec_egress_sa_flow_control_t_init sets every member of *value to its default; kavo_macsec_egress_sa_flow_control_t_print writes it as an
+   indented name: value list, kavo_macsec_egress_sa_flow_control_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_egress_sa_flow_control_t_init(kavo_macsec_egress_sa_flow_control_t* value);
 KAVO_API void kavo_macsec_egress_sa_flow_control_t_print_at(const kavo_macsec_egress_sa_flow_control_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_egress_sa_flow_control_t_print(const kavo_macsec_egress_sa_flow_control_t* value, FILE* file);
+/* kavo_macsec_ingress_sa_flow_control_t_init sets every member of *value to its default; kavo_macsec_ingress_sa_flow_control_t_print writes it as an
+   indented name: value list, kavo_macsec_ingress_sa_flow_control_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_ingress_sa_flow_control_t_init(kavo_macsec_ingress_sa_flow_control_t* value);
 KAVO_API void kavo_macsec_ingress_sa_flow_control_t_print_at(const kavo_macsec_ingress_sa_flow_control_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_ingress_sa_flow_control_t_print(const kavo_macsec_ingress_sa_flow_control_t* value, FILE* file);
+/* kavo_macsec_sa_flow_control_u_init sets every member of *value to its default; kavo_macsec_sa_flow_control_u_print writes it as an
+   indented name: value list, kavo_macsec_sa_flow_control_u_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_sa_flow_control_u_init(kavo_macsec_sa_flow_control_u* value);
 KAVO_API void kavo_macsec_sa_flow_control_u_print_at(const kavo_macsec_sa_flow_control_u* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_sa_flow_control_u_print(const kavo_macsec_sa_flow_control_u* value, FILE* file);
+/* kavo_macsec_sa_config_t_init sets every member of *value to its default; kavo_macsec_sa_config_t_print writes it as an
+   indented name: value list, kavo_macsec_sa_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_sa_config_t_init(kavo_macsec_sa_config_t* value);
 KAVO_API void kavo_macsec_sa_config_t_print_at(const kavo_macsec_sa_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_sa_config_t_print(const kavo_macsec_sa_config_t* value, FILE* file);
+/* kavo_macsec_sa_update_t_init sets every member of *value to its default; kavo_macsec_sa_update_t_print writes it as an
+   indented name: value list, kavo_macsec_sa_update_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_sa_update_t_init(kavo_macsec_sa_update_t* value);
 KAVO_API void kavo_macsec_sa_update_t_print_at(const kavo_macsec_sa_update_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_sa_update_t_print(const kavo_macsec_sa_update_t* value, FILE* file);
+/* kavo_macsec_sa_next_pn_t_init sets every member of *value to its default; kavo_macsec_sa_next_pn_t_print writes it as an
+   indented name: value list, kavo_macsec_sa_next_pn_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_sa_next_pn_t_init(kavo_macsec_sa_next_pn_t* value);
 KAVO_API void kavo_macsec_sa_next_pn_t_print_at(const kavo_macsec_sa_next_pn_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_sa_next_pn_t_print(const kavo_macsec_sa_next_pn_t* value, FILE* file);
+/* kavo_macsec_channel_config_t_init sets every member of *value to its default; kavo_macsec_channel_config_t_print writes it as an
+   indented name: value list, kavo_macsec_channel_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_channel_config_t_init(kavo_macsec_channel_config_t* value);
 KAVO_API void kavo_macsec_channel_config_t_print_at(const kavo_macsec_channel_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_channel_config_t_print(const kavo_macsec_channel_config_t* value, FILE* file);
+/* kavo_macsec_channel_global_config_t_init sets every member of *value to its default; kavo_macsec_channel_global_config_t_print writes it as an
+   indented name: value list, kavo_macsec_channel_global_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_channel_global_config_t_init(kavo_macsec_channel_global_config_t* value);
 KAVO_API void kavo_macsec_channel_global_config_t_print_at(const kavo_macsec_channel_global_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_channel_global_config_t_print(const kavo_macsec_channel_global_config_t* value, FILE* file);
+/* kavo_macsec_notification_summary_t_init sets every member of *value to its default; kavo_macsec_notification_summary_t_print writes it as an
+   indented name: value list, kavo_macsec_notification_summary_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_notification_summary_t_init(kavo_macsec_notification_summary_t* value);
 KAVO_API void kavo_macsec_notification_summary_t_print_at(const kavo_macsec_notification_summary_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_notification_summary_t_print(const kavo_macsec_notification_summary_t* value, FILE* file);
+/* kavo_macsec_notification_t_init sets every member of *value to its default; kavo_macsec_notification_t_print writes it as an
+   indented name: value list, kavo_macsec_notification_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_notification_t_init(kavo_macsec_notification_t* value);
 KAVO_API void kavo_macsec_notification_t_print_at(const kavo_macsec_notification_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_notification_t_print(const kavo_macsec_notification_t* value, FILE* file);
+/* kavo_macsec_channel_vport_list_t_init sets every member of *value to its default; kavo_macsec_channel_vport_list_t_print writes it as an
+   indented name: value list, kavo_macsec_channel_vport_list_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_channel_vport_list_t_init(kavo_macsec_channel_vport_list_t* value);
 KAVO_API void kavo_macsec_channel_vport_list_t_print_at(const kavo_macsec_channel_vport_list_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_channel_vport_list_t_print(const kavo_macsec_channel_vport_list_t* value, FILE* file);
+/* kavo_macsec_vport_rule_list_t_init sets every member of *value to its default; kavo_macsec_vport_rule_list_t_print writes it as an
+   indented name: value list, kavo_macsec_vport_rule_list_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_vport_rule_list_t_init(kavo_macsec_vport_rule_list_t* value);
 KAVO_API void kavo_macsec_vport_rule_list_t_print_at(const kavo_macsec_vport_rule_list_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_vport_rule_list_t_print(const kavo_macsec_vport_rule_list_t* value, FILE* file);
+/* kavo_macsec_vport_sa_list_t_init sets every member of *value to its default; kavo_macsec_vport_sa_list_t_print writes it as an
+   indented name: value list, kavo_macsec_vport_sa_list_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_macsec_vport_sa_list_t_init(kavo_macsec_vport_sa_list_t* value);
 KAVO_API void kavo_macsec_vport_sa_list_t_print_at(const kavo_macsec_vport_sa_list_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_macsec_vport_sa_list_t_print(const kavo_macsec_vport_sa_list_t* value, FILE* file);
+/* kavo_stats_macsec_sa_t_init sets every member of *value to its default; kavo_stats_macsec_sa_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_stats_macsec_sa_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_stats_macsec_sa_t_init(kavo_stats_macsec_sa_t* value);
 KAVO_API void kavo_stats_macsec_sa_t_print_at(const kavo_stats_macsec_sa_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_stats_macsec_sa_t_print(const kavo_stats_macsec_sa_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_stats_macsec_rule_t_init sets every member of *value to its default; kavo_stats_macsec_rule_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_stats_macsec_rule_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_stats_macsec_rule_t_init(kavo_stats_macsec_rule_t* value);
 KAVO_API void kavo_stats_macsec_rule_t_print_at(const kavo_stats_macsec_rule_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_stats_macsec_rule_t_print(const kavo_stats_macsec_rule_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_stats_macsec_vport_t_init sets every member of *value to its default; kavo_stats_macsec_vport_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_stats_macsec_vport_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_stats_macsec_vport_t_init(kavo_stats_macsec_vport_t* value);
 KAVO_API void kavo_stats_macsec_vport_t_print_at(const kavo_stats_macsec_vport_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_stats_macsec_vport_t_print(const kavo_stats_macsec_vport_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_stats_macsec_channel_dir_t_init sets every member of *value to its default; kavo_stats_macsec_channel_dir_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_stats_macsec_channel_dir_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_stats_macsec_channel_dir_t_init(kavo_stats_macsec_channel_dir_t* value);
 KAVO_API void kavo_stats_macsec_channel_dir_t_print_at(const kavo_stats_macsec_channel_dir_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_stats_macsec_channel_dir_t_print(const kavo_stats_macsec_channel_dir_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_stats_macsec_channel_t_init sets every member of *value to its default; kavo_stats_macsec_channel_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_stats_macsec_channel_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_stats_macsec_channel_t_init(kavo_stats_macsec_channel_t* value);
 KAVO_API void kavo_stats_macsec_channel_t_print_at(const kavo_stats_macsec_channel_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_stats_macsec_channel_t_print(const kavo_stats_macsec_channel_t* value, kavo_pmon_print_sel_t selection);

@@ -23,6 +23,9 @@ typedef enum kavo_mux_supervisor_mode_t {
     LAST_KAVO_MUX_SUPERVISOR_MODE = 2,
 } kavo_mux_supervisor_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_mux_supervisor_mode_t) == 4, "kavo_mux_supervisor_mode_t is 32 bits");
+/* The constant's name of a kavo_mux_supervisor_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_mux_supervisor_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_mux_supervisor_mode_t" when buffer is null. */
 KAVO_API const char* kavo_mux_supervisor_mode_t_print(kavo_mux_supervisor_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_mux_supervisor_mode_t_suffix_print(kavo_mux_supervisor_mode_t value, char* buffer, UINT32 length);
 
@@ -37,6 +40,9 @@ typedef enum kavo_mux_active_select_t {
     LAST_KAVO_MUX_ACTIVE_SELECT = 2,
 } kavo_mux_active_select_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_mux_active_select_t) == 4, "kavo_mux_active_select_t is 32 bits");
+/* The constant's name of a kavo_mux_active_select_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_mux_active_select_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_mux_active_select_t" when buffer is null. */
 KAVO_API const char* kavo_mux_active_select_t_print(kavo_mux_active_select_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_mux_active_select_t_suffix_print(kavo_mux_active_select_t value, char* buffer, UINT32 length);
 
@@ -56,6 +62,9 @@ typedef enum kavo_mux_state_t {
     LAST_KAVO_MUX_STATE = 4,
 } kavo_mux_state_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_mux_state_t) == 4, "kavo_mux_state_t is 32 bits");
+/* The constant's name of a kavo_mux_state_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_mux_state_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_mux_state_t" when buffer is null. */
 KAVO_API const char* kavo_mux_state_t_print(kavo_mux_state_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_mux_state_t_suffix_print(kavo_mux_state_t value, char* buffer, UINT32 length);
 
@@ -72,6 +81,9 @@ typedef enum kavo_mux_input_select_source_t {
     LAST_KAVO_MUX_INPUT_SELECT_SOURCE = 2,
 } kavo_mux_input_select_source_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_mux_input_select_source_t) == 4, "kavo_mux_input_select_source_t is 32 bits");
+/* The constant's name of a kavo_mux_input_select_source_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_mux_input_select_source_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_mux_input_select_source_t" when buffer is null. */
 KAVO_API const char* kavo_mux_input_select_source_t_print(kavo_mux_input_select_source_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_mux_input_select_source_t_suffix_print(kavo_mux_input_select_source_t value, char* buffer, UINT32 length);
 
@@ -79,12 +91,21 @@ typedef struct kavo_mux_dev_config_t kavo_mux_dev_config_t;
 typedef struct kavo_mux_chnl_config_t kavo_mux_chnl_config_t;
 typedef struct kavo_mux_status_t kavo_mux_status_t;
 
+/* kavo_mux_dev_config_t_init sets every member of *value to its default; kavo_mux_dev_config_t_print writes it as an
+   indented name: value list, kavo_mux_dev_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_mux_dev_config_t_init(kavo_mux_dev_config_t* value);
 KAVO_API void kavo_mux_dev_config_t_print_at(const kavo_mux_dev_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_mux_dev_config_t_print(const kavo_mux_dev_config_t* value, FILE* file);
+/* kavo_mux_chnl_config_t_init sets every member of *value to its default; kavo_mux_chnl_config_t_print writes it as an
+   indented name: value list, kavo_mux_chnl_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_mux_chnl_config_t_init(kavo_mux_chnl_config_t* value);
 KAVO_API void kavo_mux_chnl_config_t_print_at(const kavo_mux_chnl_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_mux_chnl_config_t_print(const kavo_mux_chnl_config_t* value, FILE* file);
+/* kavo_mux_status_t_init sets every member of *value to its default; kavo_mux_status_t_print writes it as an
+   indented name: value list, kavo_mux_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_mux_status_t_init(kavo_mux_status_t* value);
 KAVO_API void kavo_mux_status_t_print_at(const kavo_mux_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_mux_status_t_print(const kavo_mux_status_t* value, FILE* file);

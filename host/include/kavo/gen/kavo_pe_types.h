@@ -23,11 +23,17 @@ typedef enum kavo_pe_host_id_t {
     LAST_KAVO_PE_HOST_ID = 3,
 } kavo_pe_host_id_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_pe_host_id_t) == 4, "kavo_pe_host_id_t is 32 bits");
+/* The constant's name of a kavo_pe_host_id_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_pe_host_id_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_pe_host_id_t" when buffer is null. */
 KAVO_API const char* kavo_pe_host_id_t_print(kavo_pe_host_id_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_pe_host_id_t_suffix_print(kavo_pe_host_id_t value, char* buffer, UINT32 length);
 
 typedef struct kavo_pe_config_t kavo_pe_config_t;
 
+/* kavo_pe_config_t_init sets every member of *value to its default; kavo_pe_config_t_print writes it as an
+   indented name: value list, kavo_pe_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_pe_config_t_init(kavo_pe_config_t* value);
 KAVO_API void kavo_pe_config_t_print_at(const kavo_pe_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_pe_config_t_print(const kavo_pe_config_t* value, FILE* file);

@@ -24,6 +24,9 @@ typedef enum kavo_pgmrclk_id_t {
     LAST_KAVO_PGMRCLK_ID = 4,
 } kavo_pgmrclk_id_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_pgmrclk_id_t) == 4, "kavo_pgmrclk_id_t is 32 bits");
+/* The constant's name of a kavo_pgmrclk_id_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_pgmrclk_id_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_pgmrclk_id_t" when buffer is null. */
 KAVO_API const char* kavo_pgmrclk_id_t_print(kavo_pgmrclk_id_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_pgmrclk_id_t_suffix_print(kavo_pgmrclk_id_t value, char* buffer, UINT32 length);
 
@@ -39,15 +42,24 @@ typedef enum kavo_pgmrclk_input_source_t {
     LAST_KAVO_PGMRCLK_INPUT_SOURCE = 3,
 } kavo_pgmrclk_input_source_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_pgmrclk_input_source_t) == 4, "kavo_pgmrclk_input_source_t is 32 bits");
+/* The constant's name of a kavo_pgmrclk_input_source_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_pgmrclk_input_source_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_pgmrclk_input_source_t" when buffer is null. */
 KAVO_API const char* kavo_pgmrclk_input_source_t_print(kavo_pgmrclk_input_source_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_pgmrclk_input_source_t_suffix_print(kavo_pgmrclk_input_source_t value, char* buffer, UINT32 length);
 
 typedef struct kavo_pgmrclk_cfg_t kavo_pgmrclk_cfg_t;
 typedef struct kavo_pgmrclk_cfg_get_t kavo_pgmrclk_cfg_get_t;
 
+/* kavo_pgmrclk_cfg_t_init sets every member of *value to its default; kavo_pgmrclk_cfg_t_print writes it as an
+   indented name: value list, kavo_pgmrclk_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_pgmrclk_cfg_t_init(kavo_pgmrclk_cfg_t* value);
 KAVO_API void kavo_pgmrclk_cfg_t_print_at(const kavo_pgmrclk_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_pgmrclk_cfg_t_print(const kavo_pgmrclk_cfg_t* value, FILE* file);
+/* kavo_pgmrclk_cfg_get_t_init sets every member of *value to its default; kavo_pgmrclk_cfg_get_t_print writes it as an
+   indented name: value list, kavo_pgmrclk_cfg_get_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_pgmrclk_cfg_get_t_init(kavo_pgmrclk_cfg_get_t* value);
 KAVO_API void kavo_pgmrclk_cfg_get_t_print_at(const kavo_pgmrclk_cfg_get_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_pgmrclk_cfg_get_t_print(const kavo_pgmrclk_cfg_get_t* value, FILE* file);

@@ -23,6 +23,9 @@ typedef enum kavo_pmon_print_sel_t {
     LAST_KAVO_PMON_PRINT_SEL = 3,
 } kavo_pmon_print_sel_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_pmon_print_sel_t) == 4, "kavo_pmon_print_sel_t is 32 bits");
+/* The constant's name of a kavo_pmon_print_sel_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_pmon_print_sel_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_pmon_print_sel_t" when buffer is null. */
 KAVO_API const char* kavo_pmon_print_sel_t_print(kavo_pmon_print_sel_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_pmon_print_sel_t_suffix_print(kavo_pmon_print_sel_t value, char* buffer, UINT32 length);
 
@@ -41,45 +44,87 @@ typedef struct kavo_pmon_flexe_demux_t kavo_pmon_flexe_demux_t;
 typedef struct kavo_pmon_flexe_client_t kavo_pmon_flexe_client_t;
 typedef struct kavo_pmon_flexe_group_t kavo_pmon_flexe_group_t;
 
+/* kavo_pmon_cfg_t_init sets every member of *value to its default; kavo_pmon_cfg_t_print writes it as an
+   indented name: value list, kavo_pmon_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_cfg_t_init(kavo_pmon_cfg_t* value);
 KAVO_API void kavo_pmon_cfg_t_print_at(const kavo_pmon_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_pmon_cfg_t_print(const kavo_pmon_cfg_t* value, FILE* file);
+/* kavo_pmon_enet_phy_rx_t_init sets every member of *value to its default; kavo_pmon_enet_phy_rx_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_enet_phy_rx_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_enet_phy_rx_t_init(kavo_pmon_enet_phy_rx_t* value);
 KAVO_API void kavo_pmon_enet_phy_rx_t_print_at(const kavo_pmon_enet_phy_rx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_enet_phy_rx_t_print(const kavo_pmon_enet_phy_rx_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_enet_mac_rx_t_init sets every member of *value to its default; kavo_pmon_enet_mac_rx_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_enet_mac_rx_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_enet_mac_rx_t_init(kavo_pmon_enet_mac_rx_t* value);
 KAVO_API void kavo_pmon_enet_mac_rx_t_print_at(const kavo_pmon_enet_mac_rx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_enet_mac_rx_t_print(const kavo_pmon_enet_mac_rx_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_enet_mac_tx_t_init sets every member of *value to its default; kavo_pmon_enet_mac_tx_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_enet_mac_tx_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_enet_mac_tx_t_init(kavo_pmon_enet_mac_tx_t* value);
 KAVO_API void kavo_pmon_enet_mac_tx_t_print_at(const kavo_pmon_enet_mac_tx_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_enet_mac_tx_t_print(const kavo_pmon_enet_mac_tx_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_pb_t_init sets every member of *value to its default; kavo_pmon_pb_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_pb_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_pb_t_init(kavo_pmon_pb_t* value);
 KAVO_API void kavo_pmon_pb_t_print_at(const kavo_pmon_pb_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_pb_t_print(const kavo_pmon_pb_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_enet_port_segment_t_init sets every member of *value to its default; kavo_pmon_enet_port_segment_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_enet_port_segment_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_enet_port_segment_t_init(kavo_pmon_enet_port_segment_t* value);
 KAVO_API void kavo_pmon_enet_port_segment_t_print_at(const kavo_pmon_enet_port_segment_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_enet_port_segment_t_print(const kavo_pmon_enet_port_segment_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_ilkn_fec_t_init sets every member of *value to its default; kavo_pmon_ilkn_fec_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_ilkn_fec_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_ilkn_fec_t_init(kavo_pmon_ilkn_fec_t* value);
 KAVO_API void kavo_pmon_ilkn_fec_t_print_at(const kavo_pmon_ilkn_fec_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_ilkn_fec_t_print(const kavo_pmon_ilkn_fec_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_ilkn_intf_counts_t_init sets every member of *value to its default; kavo_pmon_ilkn_intf_counts_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_ilkn_intf_counts_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_ilkn_intf_counts_t_init(kavo_pmon_ilkn_intf_counts_t* value);
 KAVO_API void kavo_pmon_ilkn_intf_counts_t_print_at(const kavo_pmon_ilkn_intf_counts_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_ilkn_intf_counts_t_print(const kavo_pmon_ilkn_intf_counts_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_ilkn_intf_t_init sets every member of *value to its default; kavo_pmon_ilkn_intf_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_ilkn_intf_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_ilkn_intf_t_init(kavo_pmon_ilkn_intf_t* value);
 KAVO_API void kavo_pmon_ilkn_intf_t_print_at(const kavo_pmon_ilkn_intf_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_ilkn_intf_t_print(const kavo_pmon_ilkn_intf_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_ilkn_pkt_t_init sets every member of *value to its default; kavo_pmon_ilkn_pkt_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_ilkn_pkt_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_ilkn_pkt_t_init(kavo_pmon_ilkn_pkt_t* value);
 KAVO_API void kavo_pmon_ilkn_pkt_t_print_at(const kavo_pmon_ilkn_pkt_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_ilkn_pkt_t_print(const kavo_pmon_ilkn_pkt_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_flexe_mux_t_init sets every member of *value to its default; kavo_pmon_flexe_mux_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_flexe_mux_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_flexe_mux_t_init(kavo_pmon_flexe_mux_t* value);
 KAVO_API void kavo_pmon_flexe_mux_t_print_at(const kavo_pmon_flexe_mux_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_flexe_mux_t_print(const kavo_pmon_flexe_mux_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_flexe_demux_t_init sets every member of *value to its default; kavo_pmon_flexe_demux_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_flexe_demux_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_flexe_demux_t_init(kavo_pmon_flexe_demux_t* value);
 KAVO_API void kavo_pmon_flexe_demux_t_print_at(const kavo_pmon_flexe_demux_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_flexe_demux_t_print(const kavo_pmon_flexe_demux_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_flexe_client_t_init sets every member of *value to its default; kavo_pmon_flexe_client_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_flexe_client_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_flexe_client_t_init(kavo_pmon_flexe_client_t* value);
 KAVO_API void kavo_pmon_flexe_client_t_print_at(const kavo_pmon_flexe_client_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_flexe_client_t_print(const kavo_pmon_flexe_client_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_pmon_flexe_group_t_init sets every member of *value to its default; kavo_pmon_flexe_group_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_pmon_flexe_group_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_pmon_flexe_group_t_init(kavo_pmon_flexe_group_t* value);
 KAVO_API void kavo_pmon_flexe_group_t_print_at(const kavo_pmon_flexe_group_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_pmon_flexe_group_t_print(const kavo_pmon_flexe_group_t* value, kavo_pmon_print_sel_t selection);

@@ -26,6 +26,9 @@ typedef enum kavo_ptp_mts_format_t {
     LAST_KAVO_PTP_MTS_FORMAT = 3,
 } kavo_ptp_mts_format_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptp_mts_format_t) == 4, "kavo_ptp_mts_format_t is 32 bits");
+/* The constant's name of a kavo_ptp_mts_format_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptp_mts_format_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptp_mts_format_t" when buffer is null. */
 KAVO_API const char* kavo_ptp_mts_format_t_print(kavo_ptp_mts_format_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptp_mts_format_t_suffix_print(kavo_ptp_mts_format_t value, char* buffer, UINT32 length);
 
@@ -42,6 +45,9 @@ typedef enum kavo_ptp_ts_operation_mode_t {
     LAST_KAVO_PTP_TS_OPERATION_MODE = 4,
 } kavo_ptp_ts_operation_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptp_ts_operation_mode_t) == 4, "kavo_ptp_ts_operation_mode_t is 32 bits");
+/* The constant's name of a kavo_ptp_ts_operation_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptp_ts_operation_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptp_ts_operation_mode_t" when buffer is null. */
 KAVO_API const char* kavo_ptp_ts_operation_mode_t_print(kavo_ptp_ts_operation_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptp_ts_operation_mode_t_suffix_print(kavo_ptp_ts_operation_mode_t value, char* buffer, UINT32 length);
 
@@ -57,6 +63,9 @@ typedef enum kavo_ptp_pkt_operation_mode_t {
     LAST_KAVO_PTP_PKT_OPERATION_MODE = 3,
 } kavo_ptp_pkt_operation_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptp_pkt_operation_mode_t) == 4, "kavo_ptp_pkt_operation_mode_t is 32 bits");
+/* The constant's name of a kavo_ptp_pkt_operation_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptp_pkt_operation_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptp_pkt_operation_mode_t" when buffer is null. */
 KAVO_API const char* kavo_ptp_pkt_operation_mode_t_print(kavo_ptp_pkt_operation_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptp_pkt_operation_mode_t_suffix_print(kavo_ptp_pkt_operation_mode_t value, char* buffer, UINT32 length);
 
@@ -73,6 +82,9 @@ typedef enum kavo_ptp_da_sa_match_mode_t {
     LAST_KAVO_PTP_DA_SA_MATCH_MODE = 4,
 } kavo_ptp_da_sa_match_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptp_da_sa_match_mode_t) == 4, "kavo_ptp_da_sa_match_mode_t is 32 bits");
+/* The constant's name of a kavo_ptp_da_sa_match_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptp_da_sa_match_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptp_da_sa_match_mode_t" when buffer is null. */
 KAVO_API const char* kavo_ptp_da_sa_match_mode_t_print(kavo_ptp_da_sa_match_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptp_da_sa_match_mode_t_suffix_print(kavo_ptp_da_sa_match_mode_t value, char* buffer, UINT32 length);
 
@@ -93,6 +105,9 @@ typedef enum kavo_ptp_protocol_encap_t {
     LAST_KAVO_PTP_PROTOCOL_ENCAP = 8,
 } kavo_ptp_protocol_encap_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptp_protocol_encap_t) == 4, "kavo_ptp_protocol_encap_t is 32 bits");
+/* The constant's name of a kavo_ptp_protocol_encap_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptp_protocol_encap_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptp_protocol_encap_t" when buffer is null. */
 KAVO_API const char* kavo_ptp_protocol_encap_t_print(kavo_ptp_protocol_encap_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptp_protocol_encap_t_suffix_print(kavo_ptp_protocol_encap_t value, char* buffer, UINT32 length);
 
@@ -107,6 +122,9 @@ typedef enum kavo_ptp_vlan_tpid_t {
     LAST_KAVO_PTP_VLAN_TPID = 2,
 } kavo_ptp_vlan_tpid_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptp_vlan_tpid_t) == 4, "kavo_ptp_vlan_tpid_t is 32 bits");
+/* The constant's name of a kavo_ptp_vlan_tpid_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptp_vlan_tpid_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptp_vlan_tpid_t" when buffer is null. */
 KAVO_API const char* kavo_ptp_vlan_tpid_t_print(kavo_ptp_vlan_tpid_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptp_vlan_tpid_t_suffix_print(kavo_ptp_vlan_tpid_t value, char* buffer, UINT32 length);
 
@@ -121,6 +139,9 @@ typedef enum kavo_ptp_vlan_tag_num_t {
     LAST_KAVO_PTP_VLAN_TAG_NUM = 3,
 } kavo_ptp_vlan_tag_num_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptp_vlan_tag_num_t) == 4, "kavo_ptp_vlan_tag_num_t is 32 bits");
+/* The constant's name of a kavo_ptp_vlan_tag_num_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptp_vlan_tag_num_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptp_vlan_tag_num_t" when buffer is null. */
 KAVO_API const char* kavo_ptp_vlan_tag_num_t_print(kavo_ptp_vlan_tag_num_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptp_vlan_tag_num_t_suffix_print(kavo_ptp_vlan_tag_num_t value, char* buffer, UINT32 length);
 
@@ -136,6 +157,9 @@ typedef enum kavo_ptp_one_pps_tod_src_t {
     LAST_KAVO_PTP_ONE_PPS_TOD_SRC = 3,
 } kavo_ptp_one_pps_tod_src_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptp_one_pps_tod_src_t) == 4, "kavo_ptp_one_pps_tod_src_t is 32 bits");
+/* The constant's name of a kavo_ptp_one_pps_tod_src_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptp_one_pps_tod_src_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptp_one_pps_tod_src_t" when buffer is null. */
 KAVO_API const char* kavo_ptp_one_pps_tod_src_t_print(kavo_ptp_one_pps_tod_src_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptp_one_pps_tod_src_t_suffix_print(kavo_ptp_one_pps_tod_src_t value, char* buffer, UINT32 length);
 
@@ -147,24 +171,45 @@ typedef struct kavo_ptp_bidirectional_addr_t kavo_ptp_bidirectional_addr_t;
 typedef struct kavo_ptp_tod_t kavo_ptp_tod_t;
 typedef struct kavo_ptp_latency_t kavo_ptp_latency_t;
 
+/* kavo_enet_vlan_chnl_config_t_init sets every member of *value to its default; kavo_enet_vlan_chnl_config_t_print writes it as an
+   indented name: value list, kavo_enet_vlan_chnl_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_enet_vlan_chnl_config_t_init(kavo_enet_vlan_chnl_config_t* value);
 KAVO_API void kavo_enet_vlan_chnl_config_t_print_at(const kavo_enet_vlan_chnl_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_enet_vlan_chnl_config_t_print(const kavo_enet_vlan_chnl_config_t* value, FILE* file);
+/* kavo_ptp_config_t_init sets every member of *value to its default; kavo_ptp_config_t_print writes it as an
+   indented name: value list, kavo_ptp_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptp_config_t_init(kavo_ptp_config_t* value);
 KAVO_API void kavo_ptp_config_t_print_at(const kavo_ptp_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptp_config_t_print(const kavo_ptp_config_t* value, FILE* file);
+/* kavo_ptp_chnl_config_t_init sets every member of *value to its default; kavo_ptp_chnl_config_t_print writes it as an
+   indented name: value list, kavo_ptp_chnl_config_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptp_chnl_config_t_init(kavo_ptp_chnl_config_t* value);
 KAVO_API void kavo_ptp_chnl_config_t_print_at(const kavo_ptp_chnl_config_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptp_chnl_config_t_print(const kavo_ptp_chnl_config_t* value, FILE* file);
+/* kavo_ptp_addr_t_init sets every member of *value to its default; kavo_ptp_addr_t_print writes it as an
+   indented name: value list, kavo_ptp_addr_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptp_addr_t_init(kavo_ptp_addr_t* value);
 KAVO_API void kavo_ptp_addr_t_print_at(const kavo_ptp_addr_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptp_addr_t_print(const kavo_ptp_addr_t* value, FILE* file);
+/* kavo_ptp_bidirectional_addr_t_init sets every member of *value to its default; kavo_ptp_bidirectional_addr_t_print writes it as an
+   indented name: value list, kavo_ptp_bidirectional_addr_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptp_bidirectional_addr_t_init(kavo_ptp_bidirectional_addr_t* value);
 KAVO_API void kavo_ptp_bidirectional_addr_t_print_at(const kavo_ptp_bidirectional_addr_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptp_bidirectional_addr_t_print(const kavo_ptp_bidirectional_addr_t* value, FILE* file);
+/* kavo_ptp_tod_t_init sets every member of *value to its default; kavo_ptp_tod_t_print writes it as an
+   indented name: value list, kavo_ptp_tod_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptp_tod_t_init(kavo_ptp_tod_t* value);
 KAVO_API void kavo_ptp_tod_t_print_at(const kavo_ptp_tod_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptp_tod_t_print(const kavo_ptp_tod_t* value, FILE* file);
+/* kavo_ptp_latency_t_init sets every member of *value to its default; kavo_ptp_latency_t_print writes it as an
+   indented name: value list, kavo_ptp_latency_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptp_latency_t_init(kavo_ptp_latency_t* value);
 KAVO_API void kavo_ptp_latency_t_print_at(const kavo_ptp_latency_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptp_latency_t_print(const kavo_ptp_latency_t* value, FILE* file);

@@ -27,6 +27,9 @@ typedef enum kavo_segment_type_t {
     LAST_KAVO_SEGMENT_TYPE = 7,
 } kavo_segment_type_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_segment_type_t) == 4, "kavo_segment_type_t is 32 bits");
+/* The constant's name of a kavo_segment_type_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_segment_type_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_segment_type_t" when buffer is null. */
 KAVO_API const char* kavo_segment_type_t_print(kavo_segment_type_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_segment_type_t_suffix_print(kavo_segment_type_t value, char* buffer, UINT32 length);
 
@@ -45,6 +48,9 @@ typedef enum kavo_resource_entity_t {
     LAST_KAVO_RESOURCE_ENTITY = 7,
 } kavo_resource_entity_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_resource_entity_t) == 4, "kavo_resource_entity_t is 32 bits");
+/* The constant's name of a kavo_resource_entity_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_resource_entity_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_resource_entity_t" when buffer is null. */
 KAVO_API const char* kavo_resource_entity_t_print(kavo_resource_entity_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_resource_entity_t_suffix_print(kavo_resource_entity_t value, char* buffer, UINT32 length);
 

@@ -30,6 +30,9 @@ typedef enum kavo_serdes_pin_mode_t {
     LAST_KAVO_SERDES_PIN_MODE = 4,
 } kavo_serdes_pin_mode_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_serdes_pin_mode_t) == 4, "kavo_serdes_pin_mode_t is 32 bits");
+/* The constant's name of a kavo_serdes_pin_mode_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_serdes_pin_mode_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_serdes_pin_mode_t" when buffer is null. */
 KAVO_API const char* kavo_serdes_pin_mode_t_print(kavo_serdes_pin_mode_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_serdes_pin_mode_t_suffix_print(kavo_serdes_pin_mode_t value, char* buffer, UINT32 length);
 
@@ -46,6 +49,9 @@ typedef enum kavo_serdes_rate_t {
     LAST_KAVO_SERDES_RATE = 4,
 } kavo_serdes_rate_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_serdes_rate_t) == 4, "kavo_serdes_rate_t is 32 bits");
+/* The constant's name of a kavo_serdes_rate_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_serdes_rate_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_serdes_rate_t" when buffer is null. */
 KAVO_API const char* kavo_serdes_rate_t_print(kavo_serdes_rate_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_serdes_rate_t_suffix_print(kavo_serdes_rate_t value, char* buffer, UINT32 length);
 
@@ -75,6 +81,9 @@ typedef enum kavo_serdes_prbs_t {
     LAST_KAVO_SERDES_PRBS = 22,
 } kavo_serdes_prbs_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_serdes_prbs_t) == 4, "kavo_serdes_prbs_t is 32 bits");
+/* The constant's name of a kavo_serdes_prbs_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_serdes_prbs_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_serdes_prbs_t" when buffer is null. */
 KAVO_API const char* kavo_serdes_prbs_t_print(kavo_serdes_prbs_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_serdes_prbs_t_suffix_print(kavo_serdes_prbs_t value, char* buffer, UINT32 length);
 
@@ -92,6 +101,9 @@ typedef enum kavo_serdes_cfg_act_t {
     LAST_KAVO_SERDES_CFG_ACT = 3,
 } kavo_serdes_cfg_act_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_serdes_cfg_act_t) == 4, "kavo_serdes_cfg_act_t is 32 bits");
+/* The constant's name of a kavo_serdes_cfg_act_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_serdes_cfg_act_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_serdes_cfg_act_t" when buffer is null. */
 KAVO_API const char* kavo_serdes_cfg_act_t_print(kavo_serdes_cfg_act_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_serdes_cfg_act_t_suffix_print(kavo_serdes_cfg_act_t value, char* buffer, UINT32 length);
 
@@ -110,6 +122,9 @@ typedef enum kavo_serdes_tx_src_t {
     LAST_KAVO_SERDES_TX_SRC = 4,
 } kavo_serdes_tx_src_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_serdes_tx_src_t) == 4, "kavo_serdes_tx_src_t is 32 bits");
+/* The constant's name of a kavo_serdes_tx_src_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_serdes_tx_src_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_serdes_tx_src_t" when buffer is null. */
 KAVO_API const char* kavo_serdes_tx_src_t_print(kavo_serdes_tx_src_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_serdes_tx_src_t_suffix_print(kavo_serdes_tx_src_t value, char* buffer, UINT32 length);
 
@@ -128,6 +143,9 @@ typedef enum kavo_serdes_rx_src_t {
     LAST_KAVO_SERDES_RX_SRC = 4,
 } kavo_serdes_rx_src_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_serdes_rx_src_t) == 4, "kavo_serdes_rx_src_t is 32 bits");
+/* The constant's name of a kavo_serdes_rx_src_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_serdes_rx_src_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_serdes_rx_src_t" when buffer is null. */
 KAVO_API const char* kavo_serdes_rx_src_t_print(kavo_serdes_rx_src_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_serdes_rx_src_t_suffix_print(kavo_serdes_rx_src_t value, char* buffer, UINT32 length);
 
@@ -147,48 +165,93 @@ typedef struct kavo_serdes_2d_eye_data_t kavo_serdes_2d_eye_data_t;
 typedef struct kavo_serdes_fec_mon_data_t kavo_serdes_fec_mon_data_t;
 typedef struct kavo_serdes_pin_adapt_objects_t kavo_serdes_pin_adapt_objects_t;
 
+/* kavo_serdes_squelch_data_t_init sets every member of *value to its default; kavo_serdes_squelch_data_t_print writes it as an
+   indented name: value list, kavo_serdes_squelch_data_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_squelch_data_t_init(kavo_serdes_squelch_data_t* value);
 KAVO_API void kavo_serdes_squelch_data_t_print_at(const kavo_serdes_squelch_data_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_squelch_data_t_print(const kavo_serdes_squelch_data_t* value, FILE* file);
+/* kavo_serdes_eq_taps_cfg_t_init sets every member of *value to its default; kavo_serdes_eq_taps_cfg_t_print writes it as an
+   indented name: value list, kavo_serdes_eq_taps_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_eq_taps_cfg_t_init(kavo_serdes_eq_taps_cfg_t* value);
 KAVO_API void kavo_serdes_eq_taps_cfg_t_print_at(const kavo_serdes_eq_taps_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_eq_taps_cfg_t_print(const kavo_serdes_eq_taps_cfg_t* value, FILE* file);
+/* kavo_serdes_ffe_wt_t_init sets every member of *value to its default; kavo_serdes_ffe_wt_t_print writes it as an
+   indented name: value list, kavo_serdes_ffe_wt_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_ffe_wt_t_init(kavo_serdes_ffe_wt_t* value);
 KAVO_API void kavo_serdes_ffe_wt_t_print_at(const kavo_serdes_ffe_wt_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_ffe_wt_t_print(const kavo_serdes_ffe_wt_t* value, FILE* file);
+/* kavo_serdes_prbs_cfg_t_init sets every member of *value to its default; kavo_serdes_prbs_cfg_t_print writes it as an
+   indented name: value list, kavo_serdes_prbs_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_prbs_cfg_t_init(kavo_serdes_prbs_cfg_t* value);
 KAVO_API void kavo_serdes_prbs_cfg_t_print_at(const kavo_serdes_prbs_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_prbs_cfg_t_print(const kavo_serdes_prbs_cfg_t* value, FILE* file);
+/* kavo_serdes_polarity_cfg_t_init sets every member of *value to its default; kavo_serdes_polarity_cfg_t_print writes it as an
+   indented name: value list, kavo_serdes_polarity_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_polarity_cfg_t_init(kavo_serdes_polarity_cfg_t* value);
 KAVO_API void kavo_serdes_polarity_cfg_t_print_at(const kavo_serdes_polarity_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_polarity_cfg_t_print(const kavo_serdes_polarity_cfg_t* value, FILE* file);
+/* kavo_serdes_pre_code_cfg_t_init sets every member of *value to its default; kavo_serdes_pre_code_cfg_t_print writes it as an
+   indented name: value list, kavo_serdes_pre_code_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_pre_code_cfg_t_init(kavo_serdes_pre_code_cfg_t* value);
 KAVO_API void kavo_serdes_pre_code_cfg_t_print_at(const kavo_serdes_pre_code_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_pre_code_cfg_t_print(const kavo_serdes_pre_code_cfg_t* value, FILE* file);
+/* kavo_serdes_prbs_ber_t_init sets every member of *value to its default; kavo_serdes_prbs_ber_t_print writes it as an
+   indented name: value list, kavo_serdes_prbs_ber_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_prbs_ber_t_init(kavo_serdes_prbs_ber_t* value);
 KAVO_API void kavo_serdes_prbs_ber_t_print_at(const kavo_serdes_prbs_ber_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_prbs_ber_t_print(const kavo_serdes_prbs_ber_t* value, FILE* file);
+/* kavo_serdes_status_t_init sets every member of *value to its default; kavo_serdes_status_t_print writes it as an
+   indented name: value list, kavo_serdes_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_status_t_init(kavo_serdes_status_t* value);
 KAVO_API void kavo_serdes_status_t_print_at(const kavo_serdes_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_status_t_print(const kavo_serdes_status_t* value, FILE* file);
+/* kavo_serdes_cfg_t_init sets every member of *value to its default; kavo_serdes_cfg_t_print writes it as an
+   indented name: value list, kavo_serdes_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_cfg_t_init(kavo_serdes_cfg_t* value);
 KAVO_API void kavo_serdes_cfg_t_print_at(const kavo_serdes_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_cfg_t_print(const kavo_serdes_cfg_t* value, FILE* file);
+/* kavo_serdes_pin_status_t_init sets every member of *value to its default; kavo_serdes_pin_status_t_print writes it as an
+   indented name: value list, kavo_serdes_pin_status_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_pin_status_t_init(kavo_serdes_pin_status_t* value);
 KAVO_API void kavo_serdes_pin_status_t_print_at(const kavo_serdes_pin_status_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_pin_status_t_print(const kavo_serdes_pin_status_t* value, FILE* file);
+/* kavo_serdes_pin_cfg_t_init sets every member of *value to its default; kavo_serdes_pin_cfg_t_print writes it as an
+   indented name: value list, kavo_serdes_pin_cfg_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_pin_cfg_t_init(kavo_serdes_pin_cfg_t* value);
 KAVO_API void kavo_serdes_pin_cfg_t_print_at(const kavo_serdes_pin_cfg_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_pin_cfg_t_print(const kavo_serdes_pin_cfg_t* value, FILE* file);
+/* kavo_serdes_1d_eye_data_t_init sets every member of *value to its default; kavo_serdes_1d_eye_data_t_print writes it as an
+   indented name: value list, kavo_serdes_1d_eye_data_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_1d_eye_data_t_init(kavo_serdes_1d_eye_data_t* value);
 KAVO_API void kavo_serdes_1d_eye_data_t_print_at(const kavo_serdes_1d_eye_data_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_1d_eye_data_t_print(const kavo_serdes_1d_eye_data_t* value, FILE* file);
+/* kavo_serdes_2d_eye_data_t_init sets every member of *value to its default; kavo_serdes_2d_eye_data_t_print writes it as an
+   indented name: value list, kavo_serdes_2d_eye_data_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_2d_eye_data_t_init(kavo_serdes_2d_eye_data_t* value);
 KAVO_API void kavo_serdes_2d_eye_data_t_print_at(const kavo_serdes_2d_eye_data_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_2d_eye_data_t_print(const kavo_serdes_2d_eye_data_t* value, FILE* file);
+/* kavo_serdes_fec_mon_data_t_init sets every member of *value to its default; kavo_serdes_fec_mon_data_t_print writes it as an
+   indented name: value list, kavo_serdes_fec_mon_data_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_fec_mon_data_t_init(kavo_serdes_fec_mon_data_t* value);
 KAVO_API void kavo_serdes_fec_mon_data_t_print_at(const kavo_serdes_fec_mon_data_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_fec_mon_data_t_print(const kavo_serdes_fec_mon_data_t* value, FILE* file);
+/* kavo_serdes_pin_adapt_objects_t_init sets every member of *value to its default; kavo_serdes_pin_adapt_objects_t_print writes it as an
+   indented name: value list, kavo_serdes_pin_adapt_objects_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_serdes_pin_adapt_objects_t_init(kavo_serdes_pin_adapt_objects_t* value);
 KAVO_API void kavo_serdes_pin_adapt_objects_t_print_at(const kavo_serdes_pin_adapt_objects_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_serdes_pin_adapt_objects_t_print(const kavo_serdes_pin_adapt_objects_t* value, FILE* file);

@@ -114,8 +114,11 @@ typedef struct sim_message_header_t sim_message_header_t;
 typedef struct sim_chip_config_t sim_chip_config_t;
 typedef struct sim_chip_info_t sim_chip_info_t;
 
+/* Sets every member of *value to its default. */
 void sim_message_header_t_init(sim_message_header_t* value);
+/* Sets every member of *value to its default. */
 void sim_chip_config_t_init(sim_chip_config_t* value);
+/* Sets every member of *value to its default. */
 void sim_chip_info_t_init(sim_chip_info_t* value);
 
 #ifdef __cplusplus

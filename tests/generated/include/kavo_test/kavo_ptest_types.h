@@ -24,6 +24,9 @@ typedef enum kavo_ptest_color_t {
     LAST_KAVO_PTEST_COLOR = 6,
 } kavo_ptest_color_t;
 KAVO_STATIC_ASSERT(sizeof(kavo_ptest_color_t) == 4, "kavo_ptest_color_t is 32 bits");
+/* The constant's name of a kavo_ptest_color_t value, and the name without the type's prefix.
+   A value without a name gives "illegal kavo_ptest_color_t (VALUE)" written into buffer
+   (length bytes), or "illegal kavo_ptest_color_t" when buffer is null. */
 KAVO_API const char* kavo_ptest_color_t_print(kavo_ptest_color_t value, char* buffer, UINT32 length);
 KAVO_API const char* kavo_ptest_color_t_suffix_print(kavo_ptest_color_t value, char* buffer, UINT32 length);
 
@@ -34,21 +37,39 @@ typedef struct kavo_ptest_all_t kavo_ptest_all_t;
 typedef struct kavo_ptest_counts_leaf_t kavo_ptest_counts_leaf_t;
 typedef struct kavo_ptest_counts_t kavo_ptest_counts_t;
 
+/* kavo_ptest_inner_t_init sets every member of *value to its default; kavo_ptest_inner_t_print writes it as an
+   indented name: value list, kavo_ptest_inner_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptest_inner_t_init(kavo_ptest_inner_t* value);
 KAVO_API void kavo_ptest_inner_t_print_at(const kavo_ptest_inner_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptest_inner_t_print(const kavo_ptest_inner_t* value, FILE* file);
+/* kavo_ptest_key_t_init sets every member of *value to its default; kavo_ptest_key_t_print writes it as an
+   indented name: value list, kavo_ptest_key_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptest_key_t_init(kavo_ptest_key_t* value);
 KAVO_API void kavo_ptest_key_t_print_at(const kavo_ptest_key_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptest_key_t_print(const kavo_ptest_key_t* value, FILE* file);
+/* kavo_ptest_params_u_init sets every member of *value to its default; kavo_ptest_params_u_print writes it as an
+   indented name: value list, kavo_ptest_params_u_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptest_params_u_init(kavo_ptest_params_u* value);
 KAVO_API void kavo_ptest_params_u_print_at(const kavo_ptest_params_u* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptest_params_u_print(const kavo_ptest_params_u* value, FILE* file);
+/* kavo_ptest_all_t_init sets every member of *value to its default; kavo_ptest_all_t_print writes it as an
+   indented name: value list, kavo_ptest_all_t_print_at as the member `name` at an indent (4 blanks a
+   level), with "[index]" when index >= 0. */
 KAVO_API void kavo_ptest_all_t_init(kavo_ptest_all_t* value);
 KAVO_API void kavo_ptest_all_t_print_at(const kavo_ptest_all_t* value, const char* name, FILE* file, int indent, int index);
 KAVO_API void kavo_ptest_all_t_print(const kavo_ptest_all_t* value, FILE* file);
+/* kavo_ptest_counts_leaf_t_init sets every member of *value to its default; kavo_ptest_counts_leaf_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_ptest_counts_leaf_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_ptest_counts_leaf_t_init(kavo_ptest_counts_leaf_t* value);
 KAVO_API void kavo_ptest_counts_leaf_t_print_at(const kavo_ptest_counts_leaf_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_ptest_counts_leaf_t_print(const kavo_ptest_counts_leaf_t* value, kavo_pmon_print_sel_t selection);
+/* kavo_ptest_counts_t_init sets every member of *value to its default; kavo_ptest_counts_t_print writes the counts
+   selected (none, the non-zero ones, all) to standard output, kavo_ptest_counts_t_print_at as the
+   member `name` at an indent, with "[index]" when index >= 0. */
 KAVO_API void kavo_ptest_counts_t_init(kavo_ptest_counts_t* value);
 KAVO_API void kavo_ptest_counts_t_print_at(const kavo_ptest_counts_t* value, const char* name, kavo_pmon_print_sel_t selection, int indent, int index);
 KAVO_API void kavo_ptest_counts_t_print(const kavo_ptest_counts_t* value, kavo_pmon_print_sel_t selection);
