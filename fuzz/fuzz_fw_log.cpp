@@ -16,7 +16,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     kavo_fuzz::install();
-    kavo_fuzz::chip chip;
+    // One chip for the whole run: each input starts from a zeroed block.
+    static kavo_fuzz::chip chip;
+    chip.clear();
     kavo_fuzz::input in{data, size};
     const UINT8* image = nullptr;
     const size_t image_size = in.take(&image, in.u16());
