@@ -8,8 +8,8 @@
 // Input: [variation][mode][8 header words][payload ...]. mode bit 0 set: the
 // firmware's own reply, changed from the seed in the first header word.
 // Variations: 0 plain, 1 reply payload, 2 response fields, 3 status family,
-// 4 echo with a reply buffer whose size is the third header word (up to
-// 65536 bytes, on the heap at that exact size), 5 null-output getter.
+// 4 debug command with a reply buffer whose size comes from the third header
+// word (1 to 65537 bytes, on the heap at that exact size), 5 null-output getter.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -25,6 +25,14 @@ namespace {
 
 constexpr UINT32 ID = 0;
 
+bool configure()
+{
+    kavo_config_t cfg;
+    kavo_config_t_init(&cfg);
+    cfg.device_mode = KAVO_DEVICE_MODE_1200G_ENET;
+    return kavo_device_config(ID, &cfg) == VELT_SUCCESS;
+}
+
 bool bring_up()
 {
     static FILE* sink = std::fopen("/dev/null", "w");
@@ -37,7 +45,7 @@ bool bring_up()
     if (!kavo_sim::image_write(image.c_str(), kavo_sim::image_version{})) return false;
     kavo_fw_filename_set(image.c_str());
     if (kavo_sim::chip_create(ID) != VELT_SUCCESS) return false;
-    const bool up = kavo_device_init(ID, KAVO_INIT_COLD) == VELT_SUCCESS;
+    const bool up = kavo_device_init(ID, KAVO_INIT_COLD) == VELT_SUCCESS && configure();
     std::remove(image.c_str());
     return up;
 }
@@ -66,8 +74,8 @@ void command(UINT32 variation, UINT32 capacity)
         break;
     }
     case 2: {
-        auto mode = std::make_unique<kavo_loopback_t>();
-        (void)kavo_loopback_status_get(ID, 0, mode.get());
+        auto ppm = std::make_unique<INT32>();
+        (void)kavo_serdes_ppm_offset_get(ID, 5, ppm.get());
         break;
     }
     case 3: {
@@ -76,13 +84,14 @@ void command(UINT32 variation, UINT32 capacity)
         break;
     }
     case 4: {
-        // The echo sends as many bytes as its buffer holds: at most a request's payload.
-        const UINT32 bytes = (capacity % 16352) & ~3u;
-        std::unique_ptr<UINT32[]> in(new UINT32[bytes / 4 + 1]()), out(new UINT32[bytes / 4 + 1]);
-        (void)kavo_debug_ping(ID, bytes, in.get(), out.get());
+        // A debug command's reply buffer may be larger than any reply: the
+        // library's own bound on the reply size is what stops a large one.
+        const UINT32 bytes = capacity % 65537 + 1;
+        std::unique_ptr<char[]> out(new char[bytes]);
+        (void)kavo_debug_cmd(ID, "help", bytes, out.get());
         break;
     }
-    default: (void)kavo_loopback_status_get(ID, 0, nullptr); break;
+    default: (void)kavo_serdes_ppm_offset_get(ID, 5, nullptr); break;
     }
 }
 
@@ -118,7 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     UINT32 ping = 0x5A5A5A5A, back = 0;
     if (kavo_debug_ping(ID, 4, &ping, &back) != VELT_SUCCESS || back != ping) {
         kavo_device_uninit(ID, 0);
-        if (kavo_device_init(ID, KAVO_INIT_COLD) != VELT_SUCCESS) std::abort();
+        if (kavo_device_init(ID, KAVO_INIT_COLD) != VELT_SUCCESS || !configure()) std::abort();
     }
     return 0;
 }
