@@ -41,7 +41,7 @@ bool bring_up()
                                         [](UINT32, UINT32, const char*) -> void* { return &sink; }, nullptr};
     kavo_sdk_init(&table);
     kavo_assert_handler_set(kavo_fuzz::throw_on_assert);
-    const std::string image = "/tmp/kavo_fuzz_reply_" + std::to_string(getpid()) + "_revx.mem";
+    const std::string image = "/tmp/kavo_fuzz_reply_" + std::to_string(getpid()) + ".mem";
     if (!kavo_sim::image_write(image.c_str(), kavo_sim::image_version{})) return false;
     kavo_fw_filename_set(image.c_str());
     if (kavo_sim::chip_create(ID) != VELT_SUCCESS) return false;

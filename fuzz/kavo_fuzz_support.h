@@ -25,7 +25,7 @@ struct halted {};
    the largest legal blocks list millions of entries, which would only slow
    the search down. Endless loops that print nothing are left to -timeout. */
 struct budget_spent {};
-constexpr unsigned long PRINT_BUDGET = 5000;
+constexpr unsigned long PRINT_BUDGET = 200;
 
 inline unsigned long& printed()
 {
