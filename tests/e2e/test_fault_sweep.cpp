@@ -155,6 +155,13 @@ class fault_sweep : public kavo_test::device_test {
         const velt_sys_clock_hooks_t hooks{simulated_clock::now_us, simulated_clock::sleep_us, &sim_clock};
         velt_sys_clock_hooks_set(&hooks);
         kavo_assert_handler_set(throw_on_assert);
+        // A small image (four whole download chunks and a partial one): every
+        // transaction is swept, and a cold start costs little under the sanitizers.
+        kavo_sim::image_version v;
+        v.body_size = 1088;
+        const std::string image = kavo_test::firmware_dir() + "/../tests/sweep_image.mem";
+        ASSERT_TRUE(kavo_sim::image_write(image.c_str(), v));
+        kavo_fw_filename_set(image.c_str());
     }
     void TearDown() override
     {
