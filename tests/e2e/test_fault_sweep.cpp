@@ -10,6 +10,8 @@
 // variable KAVO_WRITE_MATRIX=PATH) rewrites the matrix blocks of that file.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -159,17 +161,20 @@ class fault_sweep : public kavo_test::device_test {
         // transaction is swept, and a cold start costs little under the sanitizers.
         kavo_sim::image_version v;
         v.body_size = 1088;
-        const std::string image = kavo_test::firmware_dir() + "/../tests/sweep_image.mem";
+        // One file per process: ctest runs the sweep's tests side by side.
+        image = kavo_test::firmware_dir() + "/../tests/sweep_image_" + std::to_string(getpid()) + ".mem";
         ASSERT_TRUE(kavo_sim::image_write(image.c_str(), v));
         kavo_fw_filename_set(image.c_str());
     }
     void TearDown() override
     {
+        std::remove(image.c_str());
         velt_sys_clock_hooks_set(nullptr);
         kavo_test::install_capture(kavo_sim::callouts()->qspi_callout_api_ctx);
         device_test::TearDown();
     }
 
+    std::string image;
     static kavo_sim::chip* chip() { return kavo_sim::chip_get(ID); }
 
     /* A fresh chip with the device cold-started on it. */
