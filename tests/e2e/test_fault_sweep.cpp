@@ -74,7 +74,9 @@ const std::vector<fault_kind>& fault_kinds()
         {"write error", on::bus_write, nullptr},
         {"write dropped", on::bus_write, nullptr, true},
         {"firmware hang", on::exchange, [](kavo_sim::fault_config& f) { f.fw_hang = true; }},
-        {"slow reply (7 s)", on::exchange, [](kavo_sim::fault_config& f) { f.slow_reply_us = 7000000; }},
+        // Far past the 6 s wait: the chip's clock also counts real time, which a
+        // loaded machine spends meanwhile.
+        {"slow reply (60 s)", on::exchange, [](kavo_sim::fault_config& f) { f.slow_reply_us = 60000000; }},
         {"wrong sequence", on::exchange, [](kavo_sim::fault_config& f) { f.wrong_sequence = 1; }},
         {"wrong device id", on::exchange, [](kavo_sim::fault_config& f) { f.wrong_device_id = 1; }},
         {"wrong operation", on::exchange, [](kavo_sim::fault_config& f) { f.wrong_operation = 1; }},
