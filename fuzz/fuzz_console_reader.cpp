@@ -17,7 +17,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     kavo_fuzz::install();
-    kavo_fuzz::chip chip;
+    static kavo_fuzz::chip chip;
+    chip.clear();
     chip.put_word(0, VELT_CONSOLE_COOKIE);
     kavo_fuzz::input in{data, size};
     velt_circular_buffer_writer writer;

@@ -16,13 +16,18 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     kavo_fuzz::install();
-    kavo_fuzz::chip chip;
+    // One chip for the whole run: each input starts from a zeroed block.
+    static kavo_fuzz::chip chip;
+    chip.clear();
     kavo_fuzz::input in{data, size};
     const UINT8* image = nullptr;
     const size_t image_size = in.take(&image, in.u16());
     chip.put(0, image, image_size);
-    cpu_cfg_handle_t handle{&chip.sys, 0xF00000};
-    kavo_fw_log log;
+    // One reader too: each input reads the tables afresh (stats_init) and the
+    // dumps start their console reading over, so only the console mirror's
+    // allocation carries from one input to the next.
+    static cpu_cfg_handle_t handle{&chip.sys, 0xF00000};
+    static kavo_fw_log log;
     log.handle_init(0, &handle);
     try {
         log.log_init();

@@ -25,7 +25,7 @@ struct halted {};
    the largest legal blocks list millions of entries, which would only slow
    the search down. Endless loops that print nothing are left to -timeout. */
 struct budget_spent {};
-constexpr unsigned long PRINT_BUDGET = 5000;
+constexpr unsigned long PRINT_BUDGET = 200;
 
 inline unsigned long& printed()
 {
@@ -71,6 +71,14 @@ struct chip {
         velt_sys_init(sys, 0);
     }
     ~chip() { velt_sys_handle_destroy(sys); }
+    /* A zeroed block and a fresh print budget, for the next input. */
+    void clear()
+    {
+        printed() = 0;
+        std::memset(bus.at(VELT_DEVICE_LOG_BUFFERS_OCR_ADDR), 0, BLOCK_BYTES);
+        bus.reads.clear();
+        bus.writes.clear();
+    }
     /* Copies bytes into the block at byte offset, clipped to the block. */
     void put(UINT32 offset, const UINT8* data, size_t size)
     {

@@ -78,6 +78,16 @@ def fw_log_seeds():
     yield "console_and_logs", image + frame(4, 0, words(CONSOLE_COOKIE)) + b"\0"
 
 
+def reply_seeds():
+    """Replies of the hostile chip: [variation][mode][8 header words][payload]."""
+    # A well-formed echo of device 0: device id, sequence, operation, result,
+    # mode, value, value2, data_size (the sequence number rarely matches).
+    yield "payload_reply", bytes([1, 0]) + words(0, 0, 0xC, 0, 0, 0, 0, 192) + bytes(192)
+    yield "short_tail", bytes([4, 0]) + words(0, 0, 0, 0, 0, 0, 0, 7) + bytes(range(1, 8))
+    yield "oversize", bytes([4, 0]) + words(0, 0, 65530, 0, 0, 0, 0, 65500)
+    yield "seeded", bytes([3, 1]) + words(12345)
+
+
 def write(target, seeds):
     folder = os.path.join(HERE, "corpus", target)
     os.makedirs(folder, exist_ok=True)
@@ -89,3 +99,4 @@ def write(target, seeds):
 if __name__ == "__main__":
     write("fuzz_console_reader", console_seeds())
     write("fuzz_fw_log", fw_log_seeds())
+    write("fuzz_reply", reply_seeds())

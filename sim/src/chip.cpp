@@ -66,7 +66,8 @@ void chip_impl::record_bus(event_kind kind, UINT32 address, UINT32 value, UINT32
 
 UINT32 chip_impl::bus_fault(UINT32 address, UINT32 words)
 {
-    if (faults.bus_fail_nth != 0 && --faults.bus_fail_nth == 0) return map::BUS_ERR_INJECTED;
+    if (faults.bus_fail_nth != 0 && --faults.bus_fail_nth == 0)
+        return faults.bus_fail_effect == bus_effect::silent ? BUS_SILENT : map::BUS_ERR_INJECTED;
     const UINT64 end = UINT64(address) + 4ull * std::max<UINT32>(words, 1);
     for (UINT32 a : faults.bus_fail_addresses)
         if (a >= address && a < end) return map::BUS_ERR_INJECTED;
@@ -252,7 +253,8 @@ UINT32 chip_impl::reg_read(UINT32 address, UINT32* value)
     UINT32 v = 0xFFFFFFFF;
     UINT32 s = bus_fault(address, 1);
     if (s == map::BUS_OK) s = address % 4 ? map::BUS_ERR_DECODE : decode_read(address, v);
-    if (s != map::BUS_OK) v = 0xFFFFFFFF;
+    if (s == BUS_SILENT) s = map::BUS_OK; // all ones, reported as done
+    else if (s != map::BUS_OK) v = 0xFFFFFFFF;
     if (value) *value = v;
     record_bus(event_kind::reg_read, address, v, s);
     return s;
@@ -265,6 +267,7 @@ UINT32 chip_impl::reg_write(UINT32 address, UINT32 value)
     ++counters.writes;
     UINT32 s = bus_fault(address, 1);
     if (s == map::BUS_OK) s = address % 4 ? map::BUS_ERR_DECODE : decode_write(address, value);
+    if (s == BUS_SILENT) s = map::BUS_OK; // dropped, reported as done
     record_bus(event_kind::reg_write, address, value, s);
     return s;
 }
@@ -280,6 +283,9 @@ UINT32 chip_impl::burst_read(UINT32 address, UINT32 words, UINT32* buffer)
     if (s == map::BUS_OK) {
         std::copy_n(st.ram.begin() + address / 4, words, buffer);
         counters.words_read += words;
+    } else if (s == BUS_SILENT) {
+        if (buffer) std::fill_n(buffer, words, 0xFFFFFFFFu);
+        s = map::BUS_OK;
     } else if (buffer) {
         std::fill_n(buffer, words, 0xFFFFFFFFu);
     }
@@ -299,6 +305,7 @@ UINT32 chip_impl::burst_write(UINT32 address, UINT32 words, const UINT32* buffer
         std::copy_n(buffer, words, st.ram.begin() + address / 4);
         counters.words_written += words;
     }
+    if (s == BUS_SILENT) s = map::BUS_OK; // dropped, reported as done
     record_bus(event_kind::burst_write, address, words, s);
     return s;
 }
@@ -338,6 +345,22 @@ void chip_impl::start_firmware()
 void chip_impl::doorbell_cleared()
 {
     if (state != SIM_FW_STATE_RUNNING) return; // nobody is listening
+    if (faults.reply_faults_after > 0) {
+        // Served cleanly, the faults held back for a later request.
+        const fault_config held = faults;
+        faults = fault_config{};
+        faults.bus_fail_addresses = held.bus_fail_addresses;
+        faults.bus_fail_nth = held.bus_fail_nth;
+        faults.bus_fail_effect = held.bus_fail_effect;
+        fw::outcome out;
+        serve(out);
+        deliver(out);
+        const fault_config now = faults;
+        faults = held;
+        faults.bus_fail_nth = now.bus_fail_nth;
+        --faults.reply_faults_after;
+        return;
+    }
     if (faults.fw_hang) {
         faults.fw_hang = false;
         state = SIM_FW_STATE_HUNG;
@@ -356,7 +379,8 @@ void chip_impl::doorbell_cleared()
     } else {
         pending_ = std::move(out);
         has_pending_ = true;
-        pending_due_ = clock::now() + std::chrono::microseconds(delay_us);
+        // Due in the chip's clock, which a test may move on instead of waiting.
+        pending_due_ns_ = st.now_ns() + UINT64(delay_us) * 1000;
     }
 }
 
@@ -372,8 +396,9 @@ void chip_impl::serve(fw::outcome& out)
         st.read_bytes(map::REQUEST, out.request, sizeof(out.request));
         const UINT32 header[8] = {out.request[0], out.request[1], out.request[2], script.result,
                                   script.mode,    script.value,   script.value2, UINT32(script.data.size())};
-        std::memcpy(out.header, header, sizeof(header));
+        std::memcpy(out.header, script.raw ? script.header : header, sizeof(header));
         out.data = script.data;
+        out.data.resize(std::min<size_t>(out.data.size(), map::RESPONSE_SIZE - map::HEADER_SIZE));
         if (!script.repeat) faults.scripted.erase(faults.scripted.begin());
     } else {
         fw.serve(out);
@@ -397,6 +422,38 @@ void chip_impl::serve(fw::outcome& out)
         out.data.resize(std::min(room, out.data.size() + faults.oversized_reply_bytes), 0xA5);
         out.header[7] = UINT32(out.data.size());
     }
+    if (take(faults.short_reply) && !out.data.empty()) {
+        out.data.resize(out.data.size() - std::min<size_t>(out.data.size(), faults.short_reply_bytes));
+        out.header[7] = UINT32(out.data.size());
+    }
+    if (faults.hostile_seed != 0) hostile(out);
+}
+
+void chip_impl::hostile(fw::outcome& out)
+{
+    // xorshift32: the same seed gives the same replies.
+    auto next = [this] {
+        UINT32& x = faults.hostile_seed;
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        return x;
+    };
+    const UINT32 pick = next();
+    const UINT32 word = pick % 8;
+    switch ((pick >> 3) % 4) {
+    case 0: out.header[word] = next(); break;          // any value
+    case 1: out.header[word] += 1; break;              // off by one
+    case 2: out.header[word] = 0xFFFFFFFFu; break;     // all ones
+    default: break;                                    // header kept
+    }
+    if (word == 7) {
+        // The size says one thing; the payload area holds what it holds.
+        const size_t room = map::RESPONSE_SIZE - map::HEADER_SIZE;
+        out.data.resize(std::min<size_t>(room, out.header[7]), 0xA5);
+    }
+    for (UINT32 n = next() % 4; n > 0 && !out.data.empty(); --n) out.data[next() % out.data.size()] = UINT8(next());
+    if (faults.hostile_replies != 0 && --faults.hostile_replies == 0) faults.hostile_seed = 0;
 }
 
 void chip_impl::deliver(fw::outcome& out)
@@ -433,7 +490,7 @@ void chip_impl::deliver_due()
         starting_ = false;
         start_firmware();
     }
-    if (has_pending_ && clock::now() >= pending_due_) {
+    if (has_pending_ && st.now_ns() >= pending_due_ns_) {
         has_pending_ = false;
         deliver(pending_);
     }
@@ -474,6 +531,7 @@ VELT_ERROR chip_impl::fault_set(sim_fault_t fault, UINT32 a, UINT32 b)
         return VELT_SUCCESS;
     case SIM_FAULT_BUS_FAIL_NTH:
         faults.bus_fail_nth = a;
+        faults.bus_fail_effect = b == 1 ? bus_effect::silent : bus_effect::fail;
         return VELT_SUCCESS;
     case SIM_FAULT_FW_HANG:
         faults.fw_hang = a != 0;
@@ -493,6 +551,14 @@ VELT_ERROR chip_impl::fault_set(sim_fault_t fault, UINT32 a, UINT32 b)
     case SIM_FAULT_OVERSIZED_REPLY:
         faults.oversized_reply = a;
         faults.oversized_reply_bytes = b ? b : fault_config{}.oversized_reply_bytes;
+        return VELT_SUCCESS;
+    case SIM_FAULT_SHORT_REPLY:
+        faults.short_reply = a;
+        faults.short_reply_bytes = b ? b : fault_config{}.short_reply_bytes;
+        return VELT_SUCCESS;
+    case SIM_FAULT_HOSTILE:
+        faults.hostile_seed = a;
+        faults.hostile_replies = b;
         return VELT_SUCCESS;
     case SIM_FAULT_DOORBELL_KEPT:
         faults.doorbell_kept = a;

@@ -38,6 +38,8 @@ class chip_impl {
   private:
     using clock = std::chrono::steady_clock;
 
+    // bus_fault's answer for a transaction that fails without saying so.
+    static constexpr UINT32 BUS_SILENT = 0xFFFFFFFEu;
     UINT32 bus_fault(UINT32 address, UINT32 words);
     UINT32 ram_check(UINT32 address, UINT32 words) const;
     UINT32 decode_read(UINT32 address, UINT32& value);
@@ -52,11 +54,12 @@ class chip_impl {
     void serve(fw::outcome& out);
     void deliver(fw::outcome& out);
     void deliver_due();
+    void hostile(fw::outcome& out);
     void worker();
 
     fw::outcome pending_;
     bool has_pending_ = false;
-    clock::time_point pending_due_;
+    UINT64 pending_due_ns_ = 0;
     std::condition_variable cv_;
     std::thread worker_;
     bool stop_ = false;

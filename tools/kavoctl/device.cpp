@@ -1,6 +1,6 @@
 // The device kavoctl acts on: brought up on first use, through callouts that
-// count the bus's failures and send the library's lines where kavoctl wants
-// them, with an assertion handler that reports instead of halting.
+// remember the bus's last failure and send the library's lines where kavoctl
+// wants them, with an assertion handler that reports instead of halting.
 #include <unistd.h>
 
 #include <cstdarg>
@@ -20,7 +20,7 @@ tavo_callout_api_st table;
 qspi_callout_api_st bus;
 const qspi_callout_api_st* chip_bus = nullptr;
 FILE* log_context[1] = {stderr};
-unsigned bus_errors = 0;
+UINT32 device_id = 0;
 UINT32 last_bus_status = 0;
 
 /* The library's log lines come with its log file (log_context[0]) and go to
@@ -39,15 +39,20 @@ int log_print(void*, FILE* file, const char* format, ...)
 
 void* log_init(UINT32, UINT32, const char*) { return log_context; }
 
-/* The library only prints a failed callout; kavoctl counts them so that a
-   command whose bus failed does not pass for a success. */
+/* The library counts failed callouts (kavo_bus_error_count_get), so that a
+   command whose bus failed does not pass for a success; kavoctl keeps the
+   last status, which tells a busy chip from a broken bus. */
 UINT32 counted(UINT32 status)
 {
-    if (status != 0) {
-        ++bus_errors;
-        last_bus_status = status;
-    }
+    if (status != 0) last_bus_status = status;
     return status;
+}
+
+UINT32 bus_errors()
+{
+    UINT32 n = 0;
+    kavo_bus_error_count_get(device_id, &n);
+    return n;
 }
 UINT32 bus_read(void* c, UINT32 b, UINT32 d, UINT32 a, UINT32* v) { return counted(chip_bus->qspi_read(c, b, d, a, v)); }
 UINT32 bus_write(void* c, UINT32 b, UINT32 d, UINT32 a, UINT32 v) { return counted(chip_bus->qspi_write(c, b, d, a, v)); }
@@ -161,27 +166,26 @@ void log_quiet(bool quiet) { sink = quiet ? nullptr : stderr; }
 int device_ready(const settings& s)
 {
     if (opened) return 0;
+    device_id = s.device;
     if (s.quiet) log_quiet(true);
     const int failed = open_device(s);
-    if (failed != 0) {
-        bus_errors = 0; // reported with the failure already
-        return failed;
-    }
+    kavo_bus_error_count_clear(device_id); // reported with a failure already, or none
+    if (failed != 0) return failed;
     opened = true;
-    bus_errors = 0;
     return 0;
 }
 
 int bus_verdict(const char* what, int status)
 {
-    if (bus_errors == 0) return status;
-    std::fprintf(stderr, "kavoctl: %s: the bus reported %u failed transaction%s\n", what, bus_errors,
-                 bus_errors == 1 ? "" : "s");
-    bus_errors = 0;
+    const UINT32 failed = bus_errors();
+    if (failed == 0) return status;
+    std::fprintf(stderr, "kavoctl: %s: the bus reported %u failed transaction%s\n", what, failed,
+                 failed == 1 ? "" : "s");
+    kavo_bus_error_count_clear(device_id);
     return status == 0 ? 1 : status;
 }
 
-bool bus_failed() { return bus_errors != 0; }
+bool bus_failed() { return bus_errors() != 0; }
 
 void close_device(const settings& s)
 {

@@ -18,6 +18,15 @@ typedef void (*kavo_assert_handler_t)(UINT32 code, const char* file, int line);
 /* Extension: installs the handler run at every halting assertion (null: halt at once). */
 KAVO_API void kavo_assert_handler_set(kavo_assert_handler_t handler);
 
+/* Extension: bus failures an application can see. A register or burst
+   callout that returns a non-zero status is printed as before and counted
+   here, per device id (0..31), from the start of the process or the last
+   clear; the count covers every access the library makes for that device
+   id, device initialisation included. KAVO_ERR_INVALID_DEVICE_ID for an id of
+   32 or more, VELT_ERR_INVALID_ARGS for a null count. */
+KAVO_API VELT_ERROR kavo_bus_error_count_get(UINT32 device_id, UINT32* count);
+KAVO_API VELT_ERROR kavo_bus_error_count_clear(UINT32 device_id);
+
 /* Options. The library's behaviour for bring-up and debugging (verbosity,
    time-outs, tracing, statistics) is switched by named options: "verbosity",
    "function_stats", "notimeout", "warm_restart", "trace_status_get",

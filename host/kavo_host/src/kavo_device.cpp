@@ -74,10 +74,14 @@ VELT_ERROR kavo_device::send(kavo_htl_request_t& request, kavo_htl_response_t& r
         VELT_RUNTIME_ERROR(request.device_id, HTL_ERR_DEVICE_NOT_INIT);
         return HTL_ERR_DEVICE_NOT_INIT;
     }
+    // Released on every way out: an assertion handler may unwind through here.
+    struct held {
+        kavo_device* d;
+        ~held() { d->unlock(); }
+    };
     device->lock();
-    VELT_ERROR rc = device->htl.request_send(request, response);
-    device->unlock();
-    return rc;
+    held guard{device};
+    return device->htl.request_send(request, response);
 }
 
 VELT_ERROR kavo_device::send(kavo_htl_request_t& request)

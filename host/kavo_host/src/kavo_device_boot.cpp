@@ -235,7 +235,7 @@ VELT_ERROR kavo_device::startup_is_complete()
     for (UINT32 failed = 0; cpu_cfg_reg_APP_SCRATCH_array_read(nullptr, &_cpu_handle, 6) != KAVO_FW_STARTED_MAGIC;) {
         if (++failed > STARTUP_ROUNDS) return KAVO_ERR_FW_BOOT_FAIL;
         VELT_LOG(_device_id, VELT_SHARED_LOG_TRACE, VELT_LOG_SEV_LOW, " Sleeping for %d microseconds\n", STARTUP_SLEEP_US);
-        usleep(STARTUP_SLEEP_US);
+        velt_sys_usleep(STARTUP_SLEEP_US);
     }
     VELT_LOG(_device_id, VELT_SHARED_LOG_TRACE, VELT_LOG_SEV_EVENT, " FW started successfully\n");
     return VELT_SUCCESS;

@@ -120,6 +120,9 @@ VELT_ERROR kavo_htl::response_get(kavo_htl_response_t& response)
                                     " ASSERT: Reconstructing the HTL response failed due to message size too big\n");
                     velt_customer_os_assert(VELT_ERR_FAIL, velt_log_extract_file_name(__FILE__), __LINE__);
                 }
+                // The bytes past the last whole word are not read from the chip:
+                // they come from a zeroed word, never from an earlier reply.
+                if (size % 4 != 0) _response[KAVO_HTL_HEADER_SIZE / 4 + size / 4] = 0;
                 velt_sys_burst_read(_device->sys_handle(), VELT_SHARED_MEMORY_HTL_RESPONSE_DATA_ADDR, size / 4,
                                     _response + KAVO_HTL_HEADER_SIZE / 4);
                 VELT_ASSERT_CODE(response.data_ptr != nullptr, device_id, VELT_SHARED_ERR_MEMCPY_FAILED);

@@ -90,8 +90,14 @@ bool kavo_ipi::post_host_request()
 
 bool kavo_ipi::device_reply_is_ready()
 {
-    for (;;) {
+    // A chip whose doorbell reads 0, then 1, then 0 again would send the wait
+    // round for ever: past the time-out a further round is not started.
+    const UINT64 start = tv_to_microseconds(velt_sys_time_get());
+    for (UINT32 round = 0;; ++round) {
         if (int_agr_field_array_IPI_BITS_get(nullptr, cpu_handle, VELT_IPI_HTL_DTL_MESSAGE) == 1) return true;
+        if (round > 0 && !velt_option_notimeout.value &&
+            tv_to_microseconds(velt_sys_time_get()) - start > KAVO_IPI_REPLY_TIMEOUT_US)
+            break;
         if (!velt_option_notimeout.value) {
             // The poll's own time-out is not an answer: the doorbell below decides.
             (void)int_agr_reg_IPI2PCIE_0_INT_poll(nullptr, cpu_handle, 1, 1, VELT_POLL_EQUAL,
@@ -100,7 +106,7 @@ bool kavo_ipi::device_reply_is_ready()
             for (;;) {
                 VELT_LOG(device_id, VELT_SHARED_LOG_TRACE, VELT_LOG_SEV_LOW, " Sleeping for %d microseconds\n",
                          (int)KAVO_IPI_NOTIMEOUT_SLEEP_US);
-                usleep(KAVO_IPI_NOTIMEOUT_SLEEP_US);
+                velt_sys_usleep(KAVO_IPI_NOTIMEOUT_SLEEP_US);
                 if ((int_agr_reg_IPI2PCIE_0_INT_read(nullptr, cpu_handle) & 1u) == 1u) break;
             }
         }

@@ -9,8 +9,51 @@
 #include <cstring>
 #include <ctime>
 
+#include <atomic>
+
 #include "velt_customer_os.h"
 #include "velt_shared_log.h"
+
+namespace {
+/* Failed register and burst callouts per device id (an extension: the
+   failure is still printed and not otherwise reported to the caller). */
+constexpr UINT32 BUS_ERROR_SLOTS = 32;
+std::atomic<UINT32> bus_errors[BUS_ERROR_SLOTS];
+
+void bus_error_counted(UINT32 device_id)
+{
+    if (device_id < BUS_ERROR_SLOTS) bus_errors[device_id].fetch_add(1, std::memory_order_relaxed);
+}
+
+/* The clock and the sleep of this layer; a test may put simulated ones in. */
+velt_sys_clock_hooks_t clock_hooks{};
+}  // namespace
+
+extern "C" VELT_ERROR kavo_bus_error_count_get(UINT32 device_id, UINT32* count)
+{
+    if (device_id >= BUS_ERROR_SLOTS) return KAVO_ERR_INVALID_DEVICE_ID;
+    if (count == nullptr) return VELT_ERR_INVALID_ARGS;
+    *count = bus_errors[device_id].load(std::memory_order_relaxed);
+    return VELT_SUCCESS;
+}
+
+extern "C" VELT_ERROR kavo_bus_error_count_clear(UINT32 device_id)
+{
+    if (device_id >= BUS_ERROR_SLOTS) return KAVO_ERR_INVALID_DEVICE_ID;
+    bus_errors[device_id].store(0, std::memory_order_relaxed);
+    return VELT_SUCCESS;
+}
+
+void velt_sys_clock_hooks_set(const velt_sys_clock_hooks_t* hooks) { clock_hooks = hooks ? *hooks : velt_sys_clock_hooks_t{}; }
+
+void velt_sys_usleep(UINT32 microseconds)
+{
+    if (clock_hooks.sleep_us != nullptr) {
+        clock_hooks.sleep_us(clock_hooks.context, microseconds);
+        return;
+    }
+    usleep(microseconds);
+}
 
 VELT_ERROR velt_sys_sdk_init(tavo_callout_api_st* callouts)
 {
@@ -23,6 +66,10 @@ VELT_ERROR velt_sys_sdk_init(tavo_callout_api_st* callouts)
 
 velt_sys_timeval_t velt_sys_time_get()
 {
+    if (clock_hooks.now_us != nullptr) {
+        const UINT64 us = clock_hooks.now_us(clock_hooks.context);
+        return velt_sys_timeval_t{(UINT32)(us / 1000000u), (UINT32)(us % 1000000u)};
+    }
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return velt_sys_timeval_t{(UINT32)ts.tv_sec, (UINT32)(ts.tv_nsec / 1000)};
@@ -67,6 +114,7 @@ UINT32 velt_sys_reg_read(velt_sys_handle_t handle, UINT32 address)
 {
     UINT32 value = 0;
     UINT32 status = vendor_qspi_callout_ctx->qspi_read(nullptr, 0, handle->device_id, address, &value);
+    if (status != 0) bus_error_counted(handle->device_id);
     if (status != 0)
         VELT_LOG_ALWAYS(handle->device_id, status, " velt_sys_reg_read FAILED with error code = %x\n for device_id %d",
                         status, handle->device_id);
@@ -76,6 +124,7 @@ UINT32 velt_sys_reg_read(velt_sys_handle_t handle, UINT32 address)
 void velt_sys_reg_write(velt_sys_handle_t handle, UINT32 address, UINT32 value)
 {
     UINT32 status = vendor_qspi_callout_ctx->qspi_write(nullptr, 0, handle->device_id, address, value);
+    if (status != 0) bus_error_counted(handle->device_id);
     if (status != 0)
         VELT_LOG_ALWAYS(handle->device_id, status, " velt_sys_reg_write FAILED with error code = %x\n for device_id %d",
                         status, handle->device_id);
@@ -90,6 +139,7 @@ void velt_sys_reg_read_modify_write(velt_sys_handle_t handle, UINT32 address, UI
 void velt_sys_burst_read(velt_sys_handle_t handle, UINT32 address, UINT32 length_words, UINT32* buffer)
 {
     UINT32 status = vendor_qspi_callout_ctx->qspi_bread(nullptr, 0, handle->device_id, length_words, address, buffer);
+    if (status != 0) bus_error_counted(handle->device_id);
     if (status != 0)
         VELT_LOG_ALWAYS(handle->device_id, status, " velt_sys_burst_read FAILED with error code = %x\n for device_id %d",
                         status, handle->device_id);
@@ -98,6 +148,7 @@ void velt_sys_burst_read(velt_sys_handle_t handle, UINT32 address, UINT32 length
 void velt_sys_burst_write(velt_sys_handle_t handle, UINT32 address, UINT32 length_words, UINT32* buffer)
 {
     UINT32 status = vendor_qspi_callout_ctx->qspi_bwrite(nullptr, 0, handle->device_id, length_words, address, buffer);
+    if (status != 0) bus_error_counted(handle->device_id);
     if (status != 0)
         VELT_LOG_ALWAYS(handle->device_id, status, " velt_sys_burst_write FAILED with error code = %x\n for device_id %d",
                         status, handle->device_id);

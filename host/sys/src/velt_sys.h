@@ -29,8 +29,20 @@ struct velt_sys_timeval_t {
     UINT32 tv_usec;
 };
 inline UINT64 tv_to_microseconds(const velt_sys_timeval_t& tv) { return (UINT64)tv.tv_sec * 1000000u + tv.tv_usec; }
-/* Now, from the monotonic clock. */
+/* Now, from the monotonic clock (or the clock hook's). */
 velt_sys_timeval_t velt_sys_time_get();
+/* Sleeps (or lets the clock hook's time pass). */
+void velt_sys_usleep(UINT32 microseconds);
+/* A simulated clock for tests that wait out the library's time-outs without
+   spending them: now_us gives the time, sleep_us lets time pass. Null (or
+   null members) restores the monotonic clock and real sleeps. Not for use
+   while devices are in use on other threads. */
+struct velt_sys_clock_hooks_t {
+    UINT64 (*now_us)(void* context);
+    void (*sleep_us)(void* context, UINT32 microseconds);
+    void* context;
+};
+void velt_sys_clock_hooks_set(const velt_sys_clock_hooks_t* hooks);
 
 VELT_ERROR velt_sys_sdk_init(tavo_callout_api_st* callouts);
 

@@ -117,12 +117,25 @@ struct scripted_reply {
     UINT32 mode = 0, value = 0, value2 = 0;
     std::vector<UINT8> data; // the reply payload; its size is the header's data_size
     bool repeat = false;     // answers every request until the faults are cleared
+    // Hostile replies: when raw is set, the eight header words go out exactly
+    // as given (device id, sequence number, operation, result, mode, value,
+    // value2, data_size, whatever they say) and data fills the payload area,
+    // cut to the mailbox.
+    bool raw = false;
+    UINT32 header[8] = {};
+};
+
+/* What the Nth bus transaction of bus_fail_nth meets. */
+enum class bus_effect : UINT32 {
+    fail = 0,   // the transaction reports a bus error
+    silent = 1, // reported as done: a read returns all ones, a write is dropped
 };
 
 /* Faults a chip can be given. Counted reply faults act on the next N replies. */
 struct fault_config {
     std::vector<UINT32> bus_fail_addresses; // transactions touching these fail
     UINT32 bus_fail_nth = 0;                // the Nth bus transaction from now fails (1 = the next); 0 off
+    bus_effect bus_fail_effect = bus_effect::fail; // how it fails
     bool fw_hang = false;                   // the next request hangs the firmware until a reset
     UINT32 slow_reply_us = 0;               // extra time before every reply
     UINT32 wrong_sequence = 0;
@@ -131,6 +144,16 @@ struct fault_config {
     UINT32 oversized_reply = 0;
     UINT32 oversized_reply_bytes = 64; // added to the reply payload of an oversized reply
     UINT32 doorbell_kept = 0;          // reply written, status raised, doorbell left at 0
+    UINT32 short_reply = 0;            // the next N reply payloads come short_reply_bytes short
+    UINT32 short_reply_bytes = 5;
+    // Hostile replies from a seed: each of the next hostile_replies replies
+    // (every reply when 0 and a seed is set) has header words and payload
+    // bytes changed at random, reproducibly from hostile_seed.
+    UINT32 hostile_seed = 0;
+    UINT32 hostile_replies = 0;
+    // The hang, slow-reply and reply faults above wait until this many more
+    // requests have been served cleanly (to reach the Nth exchange of a start).
+    UINT32 reply_faults_after = 0;
     bool corrupt_image = false;        // the next firmware start finds its image corrupt
     std::vector<scripted_reply> scripted; // the next requests are answered with these, in order
 };

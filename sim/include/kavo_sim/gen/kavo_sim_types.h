@@ -40,7 +40,12 @@ typedef enum sim_command_type_t {
 KAVO_STATIC_ASSERT(sizeof(sim_command_type_t) == 4, "sim_command_type_t is 32 bits");
 
 /* Faults a virtual chip can be given (SIM_COMMAND_FAULT_SET: arg0 the fault,
-   payload two words a and b). Counted faults act on the next a replies. */
+   payload two words a and b). Counted faults act on the next a replies.
+   SIM_FAULT_BUS_FAIL_NTH: the a-th bus transaction from now fails; b = 1 makes it
+   fail silently (a read returns all ones, a write is dropped). SIM_FAULT_SHORT_REPLY:
+   the next a reply payloads lose b bytes (5 when b is 0). SIM_FAULT_HOSTILE: a seed,
+   b replies (0: every reply until cleared) with header words and payload bytes
+   changed at random. */
 #ifdef __cplusplus
 typedef enum sim_fault_t : int {
 #else
@@ -65,7 +70,9 @@ typedef enum sim_fault_t {
     SIM_FAULT_CORRUPT_DBG_LOG_INDEX = 16,
     SIM_FAULT_KNOB = 17,
     SIM_FAULT_ADVANCE_TIME = 18,
-    LAST_SIM_FAULT = 19,
+    SIM_FAULT_SHORT_REPLY = 19,
+    SIM_FAULT_HOSTILE = 20,
+    LAST_SIM_FAULT = 21,
 } sim_fault_t;
 KAVO_STATIC_ASSERT(sizeof(sim_fault_t) == 4, "sim_fault_t is 32 bits");
 
