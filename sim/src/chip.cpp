@@ -192,7 +192,7 @@ UINT32 chip_impl::decode_write(UINT32 address, UINT32 value)
         const UINT32 start = value & ~r.ocr_init_ctrl & ((1u << map::RAM_BANKS) - 1);
         for (UINT32 b = 0; b < map::RAM_BANKS; ++b)
             if (start & (1u << b))
-                std::fill_n(st.ram.begin() + b * (map::RAM_BANK_SIZE / 4), map::RAM_BANK_SIZE / 4, 0u);
+                st.ram.zero(b * (map::RAM_BANK_SIZE / 4), map::RAM_BANK_SIZE / 4);
         if (start) {
             r.ocr_init_busy = start;
             r.ocr_init_done_ns = st.now_ns() + UINT64(st.cfg.ram_init_us) * 1000;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 #include "kavo_sim/image.h"
@@ -148,7 +149,9 @@ bool firmware::start()
     const UINT32 boot_arg = chip.regs.app_scratch[map::BOOT_ARG_SCRATCH];
     start_ticks_ = t0;
     device = device_state{};
-    model = models{};
+    // Rebuilt in place: a temporary of the models would cost a copy of them.
+    std::destroy_at(&model);
+    std::construct_at(&model);
     verbosity = VELT_LOG_SEV_EVENT;
 
     chip.put(map::VERSION_WORDS, version_);
