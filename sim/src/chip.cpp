@@ -246,6 +246,7 @@ UINT32 chip_impl::decode_write(UINT32 address, UINT32 value)
 UINT32 chip_impl::reg_read(UINT32 address, UINT32* value)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    bus_time(0);
     deliver_due();
     ++counters.reads;
     UINT32 v = 0xFFFFFFFF;
@@ -260,6 +261,7 @@ UINT32 chip_impl::reg_read(UINT32 address, UINT32* value)
 UINT32 chip_impl::reg_write(UINT32 address, UINT32 value)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    bus_time(0);
     deliver_due();
     ++counters.writes;
     UINT32 s = bus_fault(address, 1);
@@ -271,6 +273,7 @@ UINT32 chip_impl::reg_write(UINT32 address, UINT32 value)
 UINT32 chip_impl::burst_read(UINT32 address, UINT32 words, UINT32* buffer)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    bus_time(words);
     deliver_due();
     ++counters.burst_reads;
     UINT32 s = bus_fault(address, words);
@@ -289,6 +292,7 @@ UINT32 chip_impl::burst_read(UINT32 address, UINT32 words, UINT32* buffer)
 UINT32 chip_impl::burst_write(UINT32 address, UINT32 words, const UINT32* buffer)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    bus_time(words);
     deliver_due();
     ++counters.burst_writes;
     UINT32 s = bus_fault(address, words);

@@ -102,7 +102,7 @@ struct chip_state {
     chip_ram ram;
     std::chrono::steady_clock::time_point epoch;
     world_knobs knobs;
-    UINT64 skipped_ns = 0; // time moved forward on request (SIM_FAULT_ADVANCE_TIME)
+    UINT64 skipped_ns = 0; // time moved forward on request (SIM_FAULT_ADVANCE_TIME) and by the bus's time
 
     static constexpr UINT64 TICKS_PER_US = 181;
 

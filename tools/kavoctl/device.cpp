@@ -77,6 +77,10 @@ int open_device(const settings& s)
     const qspi_callout_api_st* chip = nullptr;
     kavo_sim::chip_config cfg;
     cfg.revision_code = s.revb ? 1 : 0;
+    // The bus takes the chip's time: RAM initialisation and download cost
+    // simulated time, not the user's.
+    cfg.bus_transaction_ns = kavo_sim::QSPI_TRANSACTION_NS;
+    cfg.bus_word_ns = kavo_sim::QSPI_WORD_NS;
     // An image that exists but would never start is refused before the download.
     const std::string image = firmware_for_chip(s);
     const kavo_sim::image_info info = kavo_sim::image_inspect_file(image.c_str());

@@ -86,7 +86,18 @@ struct chip_config {
     // on-chip RAM initialisation, during which RAM_INIT_BUSY reads busy.
     UINT32 startup_us = 0;
     UINT32 ram_init_us = 100;
+    // Simulated time of the bus: every transaction moves the chip's clock on
+    // by bus_transaction_ns, a burst by bus_word_ns more per word, so that a
+    // RAM initialisation or an image download takes the chip's time instead
+    // of the host's (a poll of RAM_INIT_BUSY ends after as many reads as the
+    // bus needs). 0: the chip's clock follows the host's alone.
+    UINT32 bus_transaction_ns = 0;
+    UINT32 bus_word_ns = 0;
 };
+
+/* The bus times of a quad-SPI bus at 50 MHz, as kavoctl's in-process chip uses them. */
+constexpr UINT32 QSPI_TRANSACTION_NS = 500;
+constexpr UINT32 QSPI_WORD_NS = 160;
 
 constexpr UINT32 MAX_CHIPS = 32;
 
