@@ -26,7 +26,7 @@ UINT32 banks_of(UINT32 address, UINT32 words)
 
 } // namespace
 
-chip_impl::chip_impl(UINT32 device_id, const chip_config& cfg) : st(device_id, cfg), fw(st), events(JOURNAL_EVENTS)
+chip_impl::chip_impl(UINT32 device_id, const chip_config& cfg) : st(device_id, cfg), fw(st)
 {
     if (cfg.mode == exec_mode::threaded) worker_ = std::thread([this] { worker(); });
 }
@@ -45,8 +45,12 @@ chip_impl::~chip_impl()
 
 void chip_impl::record(const journal_event& e)
 {
-    events[next_event] = e;
-    if (++next_event == events.size()) {
+    // The ring grows to its size with use: a short-lived chip keeps a short journal.
+    if (next_event == events.size())
+        events.push_back(e);
+    else
+        events[next_event] = e;
+    if (++next_event == JOURNAL_EVENTS) {
         next_event = 0;
         events_wrapped = true;
     }

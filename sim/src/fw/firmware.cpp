@@ -98,7 +98,8 @@ void firmware::lay_out_log_block()
     chip.put(BLOCK + L::CONSOLE_COOKIE, 0);
     chip.put(BLOCK + L::STATS_COOKIE, 0);
     chip.put(BLOCK + L::DBG_LOG_COOKIE, 0);
-    std::memset(chip.bytes(BLOCK), 0, L::BLOCK_SIZE);
+    static_assert(BLOCK % 4 == 0 && L::BLOCK_SIZE % 4 == 0);
+    chip.ram.zero(BLOCK / 4, L::BLOCK_SIZE / 4); // pages nobody writes stay unbacked
 
     chip.put(BLOCK + L::CONSOLE_BUFFER_SIZE, L::CONSOLE_WORDS * 4);
     chip.put(BLOCK + L::CONSOLE_BUFFER_OFFSET, L::CONSOLE_BUFFER);
