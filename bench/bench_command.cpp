@@ -321,7 +321,7 @@ struct command_figures {
 };
 std::map<std::string, command_figures> table_figures; // by command, the last run's
 
-void BM_table(benchmark::State& state, const kavo_test::wire_case* c)
+void BM_table(benchmark::State& state, const kavo_test::wire_case* c, bool trace)
 {
     bring_up(1);
     std::vector<UINT8> reply(c->reply_size, 0x5A);
@@ -339,13 +339,19 @@ void BM_table(benchmark::State& state, const kavo_test::wire_case* c)
     run.reply = reply.data();
     run.data_size = UINT32(reply.size());
     run.expectations = false;
+    kavo_function_logging_set(trace);
+    kavo_status_logging_set(trace);
     const UINT64 bus0 = bus_transactions(0);
     const UINT64 alloc0 = allocations.load();
     const UINT64 device0 = device_ticks;
+    const UINT64 lines0 = lines_out.load();
     const auto t0 = std::chrono::steady_clock::now();
     for (auto _ : state)
         if (c->run(run) != VELT_SUCCESS) state.SkipWithError("command failed");
+    std::fflush(devnull);
     const double ns = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - t0).count();
+    kavo_function_logging_set(0);
+    kavo_status_logging_set(0);
     const double n = double(state.iterations());
     const double bus = double(bus_transactions(0) - bus0) / n, allocs = double(allocations.load() - alloc0) / n;
     const double device_ns = double(device_ticks - device0) / ticks_per_ns();
@@ -353,9 +359,11 @@ void BM_table(benchmark::State& state, const kavo_test::wire_case* c)
     state.counters["allocs_per_cmd"] = allocs;
     state.counters["library_us"] = (ns - device_ns) / n / 1000.0;
     state.counters["device_us"] = device_ns / n / 1000.0;
+    state.counters["total_us"] = ns / n / 1000.0;
+    state.counters["lines_per_cmd"] = double(lines_out.load() - lines0) / n;
     in_device = true;
     kavo_sim::chip_get(0)->faults(kavo_sim::fault_config{});
-    table_figures[c->name] = command_figures{c->family, bus, allocs};
+    if (!trace) table_figures[c->name] = command_figures{c->family, bus, allocs};
     in_device = false;
 }
 
@@ -365,7 +373,8 @@ int main(int argc, char** argv)
 {
     for (size_t i = 0; i < kavo_test::NUM_WIRE_CASES; ++i) {
         const kavo_test::wire_case* c = &kavo_test::WIRE_CASES[i];
-        benchmark::RegisterBenchmark((std::string("table/") + c->family + "/" + c->name).c_str(), BM_table, c);
+        benchmark::RegisterBenchmark((std::string("table/") + c->family + "/" + c->name).c_str(), BM_table, c, false);
+        benchmark::RegisterBenchmark((std::string("trace/") + c->family + "/" + c->name).c_str(), BM_table, c, true);
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
