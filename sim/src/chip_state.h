@@ -4,6 +4,7 @@
 #define KAVO_SIM_CHIP_STATE_H
 
 #include <sys/mman.h>
+#include <sys/prctl.h>
 
 #include <algorithm>
 #include <chrono>
@@ -58,6 +59,11 @@ class chip_ram {
         void* p = mmap(nullptr, bytes(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (p == MAP_FAILED) throw std::bad_alloc();
         data_ = static_cast<UINT32*>(p);
+#ifdef PR_SET_VMA_ANON_NAME
+        // Named where the system allows it, so that a memory map tells the
+        // chips' RAM from the host's memory.
+        prctl(PR_SET_VMA, PR_SET_VMA_ANON_NAME, p, bytes(), "kavo chip RAM");
+#endif
     }
     ~chip_ram() { munmap(data_, bytes()); }
     chip_ram(const chip_ram&) = delete;
