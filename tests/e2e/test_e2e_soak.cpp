@@ -121,6 +121,22 @@ usage measure()
     return u;
 }
 
+/* Resident memory is judged only without a memory tool: sanitizers and
+   valgrind hold freed blocks back on purpose (leaks are then theirs to find).
+   KAVO_SOAK_RSS_CHECK=0 turns the judgement off too. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool MEMORY_TOOL = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool MEMORY_TOOL = true;
+#else
+constexpr bool MEMORY_TOOL = false;
+#endif
+#else
+constexpr bool MEMORY_TOOL = false;
+#endif
+bool judge_memory() { return !MEMORY_TOOL && setting("KAVO_SOAK_RSS_CHECK", 1) != 0; }
+
 bool documented(VELT_ERROR rc)
 {
     static const std::string unknown = kavo_err_t_string(0x7FFFFFF0);
@@ -267,7 +283,8 @@ TEST_F(Soak, MixedCommandsOnManyDevicesAndThreadsWithBusFaults)
     EXPECT_EQ(after.fds, before.fds);
     // Where the chips' RAM cannot be told apart, it may grow by their log rings.
     const long allowance = after.chip_ram_named ? 0 : long(devices) * 160;
-    EXPECT_LT(after.host_rss_kib - before.host_rss_kib, 256 + allowance) << "resident memory stays flat";
+    if (judge_memory())
+        EXPECT_LT(after.host_rss_kib - before.host_rss_kib, 256 + allowance) << "resident memory stays flat";
 }
 
 TEST_F(Soak, InitUninitCyclesWithFailingInitsLeakNothing)
@@ -324,7 +341,9 @@ TEST_F(Soak, InitUninitCyclesWithFailingInitsLeakNothing)
     EXPECT_EQ(results[KAVO_ERR_FW_SPRAM_WRITE_FAIL], cycles / 8 + (cycles % 8 > 3));
     EXPECT_EQ(results[KAVO_ERR_INVALID_DEVICE_ID], cycles / 8 + (cycles % 8 > 5));
     EXPECT_EQ(after.fds, before.fds);
-    EXPECT_LT(after.host_rss_kib - before.host_rss_kib, after.chip_ram_named ? 256 : 416) << "resident memory stays flat";
+    if (judge_memory())
+        EXPECT_LT(after.host_rss_kib - before.host_rss_kib, after.chip_ram_named ? 256 : 416)
+            << "resident memory stays flat";
 }
 
 } // namespace
