@@ -283,8 +283,9 @@ TEST_F(Soak, MixedCommandsOnManyDevicesAndThreadsWithBusFaults)
     EXPECT_EQ(after.fds, before.fds);
     // Where the chips' RAM cannot be told apart, it may grow by their log rings.
     const long allowance = after.chip_ram_named ? 0 : long(devices) * 160;
-    if (judge_memory())
+    if (judge_memory()) {
         EXPECT_LT(after.host_rss_kib - before.host_rss_kib, 256 + allowance) << "resident memory stays flat";
+    }
 }
 
 TEST_F(Soak, InitUninitCyclesWithFailingInitsLeakNothing)
@@ -341,9 +342,10 @@ TEST_F(Soak, InitUninitCyclesWithFailingInitsLeakNothing)
     EXPECT_EQ(results[KAVO_ERR_FW_SPRAM_WRITE_FAIL], cycles / 8 + (cycles % 8 > 3));
     EXPECT_EQ(results[KAVO_ERR_INVALID_DEVICE_ID], cycles / 8 + (cycles % 8 > 5));
     EXPECT_EQ(after.fds, before.fds);
-    if (judge_memory())
+    if (judge_memory()) {
         EXPECT_LT(after.host_rss_kib - before.host_rss_kib, after.chip_ram_named ? 256 : 416)
             << "resident memory stays flat";
+    }
 }
 
 } // namespace
