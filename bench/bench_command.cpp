@@ -238,14 +238,16 @@ void BM_throughput(benchmark::State& state)
 {
     const UINT32 threads = (UINT32)state.range(0);
     bring_up(threads);
-    constexpr int per_thread = 200000;
+    // KAVO_BENCH_THROUGHPUT_COMMANDS: commands per thread and iteration (bench/report takes fewer).
+    const char* env = std::getenv("KAVO_BENCH_THROUGHPUT_COMMANDS");
+    const int per_thread = env && std::atoi(env) > 0 ? std::atoi(env) : 200000;
     kavo_sdk_init(&plain_callouts);
     double seconds = 0;
     for (auto _ : state) {
         const auto t0 = std::chrono::steady_clock::now();
         std::vector<std::thread> workers;
         for (UINT32 t = 0; t < threads; ++t)
-            workers.emplace_back([t] {
+            workers.emplace_back([t, per_thread] {
                 for (int i = 0; i < per_thread; ++i) command_with_payload(t);
             });
         for (auto& w : workers) w.join();
