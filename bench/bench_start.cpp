@@ -95,7 +95,6 @@ void BM_start(benchmark::State& state)
         const auto t1 = clock_type::now();
         kavo_sim::chip_config cfg;
         cfg.bus_transaction_ns = kavo_sim::QSPI_TRANSACTION_NS;
-        cfg.bus_word_ns = kavo_sim::QSPI_WORD_NS;
         if (kavo_sim::chip_create(0, cfg) != VELT_SUCCESS) state.SkipWithError("chip");
         const auto t2 = clock_type::now();
         kavo_sdk_init(&callouts);
