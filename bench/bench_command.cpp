@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <chrono>
 #include <cstdio>
+#include <sys/types.h>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -72,6 +73,21 @@ UINT32 timed_bwrite(void* c, UINT32 b, UINT32 d, UINT32 n, UINT32 a, UINT32* p)
 }
 qspi_callout_api_st timed_bus = {timed_read, timed_write, timed_bread, timed_bwrite};
 
+// Everything the library prints goes to a sink that counts its lines.
+std::atomic<UINT64> lines_out{0};
+ssize_t count_lines(void*, const char* data, size_t size)
+{
+    UINT64 n = 0;
+    for (size_t i = 0; i < size; ++i) n += data[i] == '\n';
+    lines_out.fetch_add(n, std::memory_order_relaxed);
+    return ssize_t(size);
+}
+FILE* line_counter()
+{
+    cookie_io_functions_t io = {nullptr, count_lines, nullptr, nullptr};
+    return fopencookie(nullptr, "w", io);
+}
+
 FILE* devnull = nullptr;
 int null_log(void*, FILE* file, const char* format, ...)
 {
@@ -103,7 +119,7 @@ void bring_up(UINT32 devices)
 {
     static bool sdk = false;
     if (!sdk) {
-        devnull = std::fopen("/dev/null", "w");
+        devnull = line_counter();
         device_bus = kavo_sim::callouts()->qspi_callout_api_ctx;
         plain_callouts.qspi_callout_api_ctx = device_bus;
         kavo_sdk_init(&callouts);
@@ -182,11 +198,14 @@ void BM_command(benchmark::State& state)
     const UINT64 bus0 = bus_transactions(0);
     const UINT64 alloc0 = allocations.load();
     const UINT64 device0 = device_ticks;
+    const UINT64 lines0 = lines_out.load();
     const auto t0 = std::chrono::steady_clock::now();
     for (auto _ : state)
         if (command(0) != VELT_SUCCESS) state.SkipWithError("command failed");
+    std::fflush(devnull);
     const double ns = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - t0).count();
     const double n = double(state.iterations());
+    state.counters["lines_per_cmd"] = double(lines_out.load() - lines0) / n;
     const double device_ns = double(device_ticks - device0) / ticks_per_ns();
     state.counters["bus_per_cmd"] = double(bus_transactions(0) - bus0) / n;
     state.counters["allocs_per_cmd"] = double(allocations.load() - alloc0) / n;
@@ -219,14 +238,16 @@ void BM_throughput(benchmark::State& state)
 {
     const UINT32 threads = (UINT32)state.range(0);
     bring_up(threads);
-    constexpr int per_thread = 200000;
+    // KAVO_BENCH_THROUGHPUT_COMMANDS: commands per thread and iteration (bench/report takes fewer).
+    const char* env = std::getenv("KAVO_BENCH_THROUGHPUT_COMMANDS");
+    const int per_thread = env && std::atoi(env) > 0 ? std::atoi(env) : 200000;
     kavo_sdk_init(&plain_callouts);
     double seconds = 0;
     for (auto _ : state) {
         const auto t0 = std::chrono::steady_clock::now();
         std::vector<std::thread> workers;
         for (UINT32 t = 0; t < threads; ++t)
-            workers.emplace_back([t] {
+            workers.emplace_back([t, per_thread] {
                 for (int i = 0; i < per_thread; ++i) command_with_payload(t);
             });
         for (auto& w : workers) w.join();
@@ -265,6 +286,34 @@ void BM_download(benchmark::State& state)
 }
 BENCHMARK(BM_download)->Name("firmware_download_3MiB")->Unit(benchmark::kMillisecond);
 
+// The firmware's debug logs read and decoded into lines: each round the
+// firmware writes a batch of entries (untimed), then one dump decodes them.
+void BM_debug_log_decode(benchmark::State& state)
+{
+    bring_up(1);
+    kavo_device* device = kavo_device_find(0);
+    FILE* sink = line_counter();
+    device->dump_firmware_info(sink, KAVO_FW_LOG_DUMP_DBG); // what start-up wrote
+    std::fflush(sink);
+    const int batch = int(state.range(0));
+    UINT64 lines = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (int i = 0; i < batch; ++i)
+            if (kavo_debug_cmd(0, "log a debug-log entry for the decoder", 0, nullptr) != VELT_SUCCESS)
+                state.SkipWithError("debug command failed");
+        const UINT64 before = lines_out.load();
+        state.ResumeTiming();
+        device->dump_firmware_info(sink, KAVO_FW_LOG_DUMP_DBG);
+        std::fflush(sink);
+        lines += lines_out.load() - before;
+    }
+    std::fclose(sink);
+    state.counters["entries_per_s"] = benchmark::Counter(double(lines), benchmark::Counter::kIsRate);
+    state.counters["entries_per_dump"] = double(lines) / double(state.iterations());
+}
+BENCHMARK(BM_debug_log_decode)->Name("debug_log_decode")->Arg(100)->Unit(benchmark::kMicrosecond);
+
 // Every regular command of the tables, its reply scripted to the payload the
 // command takes: bus transactions and heap allocations per command, trace and
 // statistics off. The figures per family are summed up after the run.
@@ -274,7 +323,7 @@ struct command_figures {
 };
 std::map<std::string, command_figures> table_figures; // by command, the last run's
 
-void BM_table(benchmark::State& state, const kavo_test::wire_case* c)
+void BM_table(benchmark::State& state, const kavo_test::wire_case* c, bool trace)
 {
     bring_up(1);
     std::vector<UINT8> reply(c->reply_size, 0x5A);
@@ -292,17 +341,31 @@ void BM_table(benchmark::State& state, const kavo_test::wire_case* c)
     run.reply = reply.data();
     run.data_size = UINT32(reply.size());
     run.expectations = false;
+    kavo_function_logging_set(trace);
+    kavo_status_logging_set(trace);
     const UINT64 bus0 = bus_transactions(0);
     const UINT64 alloc0 = allocations.load();
+    const UINT64 device0 = device_ticks;
+    const UINT64 lines0 = lines_out.load();
+    const auto t0 = std::chrono::steady_clock::now();
     for (auto _ : state)
         if (c->run(run) != VELT_SUCCESS) state.SkipWithError("command failed");
+    std::fflush(devnull);
+    const double ns = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - t0).count();
+    kavo_function_logging_set(0);
+    kavo_status_logging_set(0);
     const double n = double(state.iterations());
     const double bus = double(bus_transactions(0) - bus0) / n, allocs = double(allocations.load() - alloc0) / n;
+    const double device_ns = double(device_ticks - device0) / ticks_per_ns();
     state.counters["bus_per_cmd"] = bus;
     state.counters["allocs_per_cmd"] = allocs;
+    state.counters["library_us"] = (ns - device_ns) / n / 1000.0;
+    state.counters["device_us"] = device_ns / n / 1000.0;
+    state.counters["total_us"] = ns / n / 1000.0;
+    state.counters["lines_per_cmd"] = double(lines_out.load() - lines0) / n;
     in_device = true;
     kavo_sim::chip_get(0)->faults(kavo_sim::fault_config{});
-    table_figures[c->name] = command_figures{c->family, bus, allocs};
+    if (!trace) table_figures[c->name] = command_figures{c->family, bus, allocs};
     in_device = false;
 }
 
@@ -312,7 +375,8 @@ int main(int argc, char** argv)
 {
     for (size_t i = 0; i < kavo_test::NUM_WIRE_CASES; ++i) {
         const kavo_test::wire_case* c = &kavo_test::WIRE_CASES[i];
-        benchmark::RegisterBenchmark((std::string("table/") + c->family + "/" + c->name).c_str(), BM_table, c);
+        benchmark::RegisterBenchmark((std::string("table/") + c->family + "/" + c->name).c_str(), BM_table, c, false);
+        benchmark::RegisterBenchmark((std::string("trace/") + c->family + "/" + c->name).c_str(), BM_table, c, true);
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

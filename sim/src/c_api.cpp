@@ -32,7 +32,10 @@ VELT_ERROR kavo_sim_chip_create(UINT32 device_id, const kavo_sim_chip_options_t*
         cfg.revision_code = options->revision_code;
         cfg.mode = options->threaded ? kavo_sim::exec_mode::threaded : kavo_sim::exec_mode::synchronous;
         cfg.service_time_us = options->service_time_us;
-        cfg.clock_step_ns = options->clock_step_ns;
+        if (options->clock_step_ns != 0) {
+            cfg.host_time = false;
+            cfg.bus_transaction_ns = options->clock_step_ns;
+        }
     }
     return kavo_sim::chip_create(device_id, cfg);
 }

@@ -26,7 +26,7 @@ UINT32 banks_of(UINT32 address, UINT32 words)
 
 } // namespace
 
-chip_impl::chip_impl(UINT32 device_id, const chip_config& cfg) : st(device_id, cfg), fw(st), events(JOURNAL_EVENTS)
+chip_impl::chip_impl(UINT32 device_id, const chip_config& cfg) : st(device_id, cfg), fw(st)
 {
     if (cfg.mode == exec_mode::threaded) worker_ = std::thread([this] { worker(); });
 }
@@ -45,8 +45,12 @@ chip_impl::~chip_impl()
 
 void chip_impl::record(const journal_event& e)
 {
-    events[next_event] = e;
-    if (++next_event == events.size()) {
+    // The ring grows to its size with use: a short-lived chip keeps a short journal.
+    if (next_event == events.size())
+        events.push_back(e);
+    else
+        events[next_event] = e;
+    if (++next_event == JOURNAL_EVENTS) {
         next_event = 0;
         events_wrapped = true;
     }
@@ -61,7 +65,6 @@ void chip_impl::record_bus(event_kind kind, UINT32 address, UINT32 value, UINT32
     e.status = status;
     record(e);
     if (status != map::BUS_OK) ++counters.bus_errors;
-    st.skipped_ns += st.cfg.clock_step_ns;
 }
 
 UINT32 chip_impl::bus_fault(UINT32 address, UINT32 words)
@@ -194,7 +197,7 @@ UINT32 chip_impl::decode_write(UINT32 address, UINT32 value)
         const UINT32 start = value & ~r.ocr_init_ctrl & ((1u << map::RAM_BANKS) - 1);
         for (UINT32 b = 0; b < map::RAM_BANKS; ++b)
             if (start & (1u << b))
-                std::fill_n(st.ram.begin() + b * (map::RAM_BANK_SIZE / 4), map::RAM_BANK_SIZE / 4, 0u);
+                st.ram.zero(b * (map::RAM_BANK_SIZE / 4), map::RAM_BANK_SIZE / 4);
         if (start) {
             r.ocr_init_busy = start;
             r.ocr_init_done_ns = st.now_ns() + UINT64(st.cfg.ram_init_us) * 1000;
@@ -248,6 +251,7 @@ UINT32 chip_impl::decode_write(UINT32 address, UINT32 value)
 UINT32 chip_impl::reg_read(UINT32 address, UINT32* value)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    bus_time(0);
     deliver_due();
     ++counters.reads;
     UINT32 v = 0xFFFFFFFF;
@@ -263,6 +267,7 @@ UINT32 chip_impl::reg_read(UINT32 address, UINT32* value)
 UINT32 chip_impl::reg_write(UINT32 address, UINT32 value)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    bus_time(0);
     deliver_due();
     ++counters.writes;
     UINT32 s = bus_fault(address, 1);
@@ -275,6 +280,7 @@ UINT32 chip_impl::reg_write(UINT32 address, UINT32 value)
 UINT32 chip_impl::burst_read(UINT32 address, UINT32 words, UINT32* buffer)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    bus_time(words);
     deliver_due();
     ++counters.burst_reads;
     UINT32 s = bus_fault(address, words);
@@ -296,6 +302,7 @@ UINT32 chip_impl::burst_read(UINT32 address, UINT32 words, UINT32* buffer)
 UINT32 chip_impl::burst_write(UINT32 address, UINT32 words, const UINT32* buffer)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    bus_time(words);
     deliver_due();
     ++counters.burst_writes;
     UINT32 s = bus_fault(address, words);

@@ -40,6 +40,8 @@ class chip_impl {
 
     // bus_fault's answer for a transaction that fails without saying so.
     static constexpr UINT32 BUS_SILENT = 0xFFFFFFFEu;
+    /* The bus's own time, on the chip's clock (chip_config's bus times). */
+    void bus_time(UINT32 words) { st.skipped_ns += st.cfg.bus_transaction_ns + UINT64(words) * st.cfg.bus_word_ns; }
     UINT32 bus_fault(UINT32 address, UINT32 words);
     UINT32 ram_check(UINT32 address, UINT32 words) const;
     UINT32 decode_read(UINT32 address, UINT32& value);

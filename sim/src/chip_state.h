@@ -3,8 +3,13 @@
 #ifndef KAVO_SIM_CHIP_STATE_H
 #define KAVO_SIM_CHIP_STATE_H
 
+#include <sys/mman.h>
+#include <sys/prctl.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <unordered_map>
 #include <vector>
 
@@ -44,26 +49,73 @@ struct world_knobs {
     std::unordered_map<UINT32, UINT32> values;
 };
 
+/* The on-chip RAM, mapped from the system's zero pages: a new chip and a
+   cleared bank cost nothing until written, so that 32 chips and a bank clear
+   at every cold start stay cheap in time and resident memory. */
+class chip_ram {
+  public:
+    explicit chip_ram(size_t words) : words_(words)
+    {
+        void* p = mmap(nullptr, bytes(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED) throw std::bad_alloc();
+        data_ = static_cast<UINT32*>(p);
+#ifdef PR_SET_VMA_ANON_NAME
+        // Named where the system allows it, so that a memory map tells the
+        // chips' RAM from the host's memory.
+        prctl(PR_SET_VMA, PR_SET_VMA_ANON_NAME, p, bytes(), "kavo chip RAM");
+#endif
+    }
+    ~chip_ram() { munmap(data_, bytes()); }
+    chip_ram(const chip_ram&) = delete;
+    chip_ram& operator=(const chip_ram&) = delete;
+
+    UINT32* data() { return data_; }
+    const UINT32* data() const { return data_; }
+    size_t size() const { return words_; }
+    UINT32* begin() { return data_; }
+    UINT32& operator[](size_t i) { return data_[i]; }
+    const UINT32& operator[](size_t i) const { return data_[i]; }
+
+    /* Words [first, first + count) read 0 again: whole pages go back to the
+       system, the ragged ends are cleared in place. */
+    void zero(size_t first, size_t count)
+    {
+        constexpr size_t PAGE_WORDS = 4096 / 4;
+        const size_t end = std::min(first + count, words_);
+        const size_t lo = std::min((first + PAGE_WORDS - 1) / PAGE_WORDS * PAGE_WORDS, end);
+        const size_t hi = std::max(lo, end / PAGE_WORDS * PAGE_WORDS);
+        if (hi > lo && madvise(data_ + lo, (hi - lo) * 4, MADV_DONTNEED) != 0)
+            std::fill(data_ + lo, data_ + hi, 0u);
+        std::fill(data_ + first, data_ + lo, 0u);
+        std::fill(data_ + hi, data_ + end, 0u);
+    }
+
+  private:
+    size_t bytes() const { return words_ * 4; }
+    size_t words_;
+    UINT32* data_ = nullptr;
+};
+
 struct chip_state {
     chip_state(UINT32 id, const chip_config& c)
-        : device_id(id), cfg(c), ram(map::RAM_SIZE / 4, 0), epoch(std::chrono::steady_clock::now())
+        : device_id(id), cfg(c), ram(map::RAM_SIZE / 4), epoch(std::chrono::steady_clock::now())
     {
     }
 
     UINT32 device_id;
     chip_config cfg;
     chip_registers regs;
-    std::vector<UINT32> ram;
+    chip_ram ram;
     std::chrono::steady_clock::time_point epoch;
     world_knobs knobs;
-    UINT64 skipped_ns = 0; // time moved forward on request (SIM_FAULT_ADVANCE_TIME) and by stepped bus transactions
+    UINT64 skipped_ns = 0; // time moved forward on request (SIM_FAULT_ADVANCE_TIME) and by the bus's time
 
     static constexpr UINT64 TICKS_PER_US = 181;
 
     /* Nanoseconds since power-up. */
     UINT64 now_ns() const
     {
-        if (cfg.clock_step_ns != 0) return skipped_ns;
+        if (!cfg.host_time) return skipped_ns;
         const auto ns =
             std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - epoch).count();
         return UINT64(ns) + skipped_ns;

@@ -14,15 +14,21 @@
 namespace kavo_sim {
 namespace {
 
-std::array<UINT32, 256> make_crc_table()
+/* Tables of the reflected CRC-32 (polynomial 0xEDB88320) for eight bytes a
+   step: table k gives the CRC of a byte followed by k zero bytes. */
+using crc_tables = std::array<std::array<UINT32, 256>, 8>;
+crc_tables make_crc_tables()
 {
-    std::array<UINT32, 256> t{};
+    crc_tables t{};
     for (UINT32 i = 0; i < 256; ++i) {
         UINT32 c = i;
         for (int k = 0; k < 8; ++k)
             c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-        t[i] = c;
+        t[0][i] = c;
     }
+    for (UINT32 i = 0; i < 256; ++i)
+        for (size_t k = 1; k < 8; ++k)
+            t[k][i] = (t[k - 1][i] >> 8) ^ t[0][t[k - 1][i] & 0xFF];
     return t;
 }
 
@@ -46,11 +52,19 @@ const char* rev_name(UINT32 rev)
 
 UINT32 crc32(const void* data, size_t length, UINT32 crc)
 {
-    static const std::array<UINT32, 256> table = make_crc_table();
+    static const crc_tables t = make_crc_tables();
     const auto* p = static_cast<const UINT8*>(data);
     crc = ~crc;
-    for (size_t i = 0; i < length; ++i)
-        crc = table[(crc ^ p[i]) & 0xFF] ^ (crc >> 8);
+    for (; length >= 8; length -= 8, p += 8) {
+        UINT32 lo, hi;
+        std::memcpy(&lo, p, 4);
+        std::memcpy(&hi, p + 4, 4);
+        lo ^= crc;
+        crc = t[7][lo & 0xFF] ^ t[6][(lo >> 8) & 0xFF] ^ t[5][(lo >> 16) & 0xFF] ^ t[4][lo >> 24] ^
+              t[3][hi & 0xFF] ^ t[2][(hi >> 8) & 0xFF] ^ t[1][(hi >> 16) & 0xFF] ^ t[0][hi >> 24];
+    }
+    for (; length > 0; --length, ++p)
+        crc = t[0][(crc ^ *p) & 0xFF] ^ (crc >> 8);
     return ~crc;
 }
 

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "kavo_sim/bus_client.h"
 #include "kavo_sim/kavo_sim.h"
@@ -36,7 +37,8 @@ class SimChip : public ::testing::Test {
     void SetUp() override
     {
         kavo_sim::chip_config cfg{0x6100, 0, THREADED, 0};
-        cfg.clock_step_ns = 1;
+        cfg.bus_transaction_ns = 1;
+        cfg.host_time = false;
         ASSERT_EQ(kavo_sim::chip_create(0, cfg), VELT_SUCCESS);
     }
     void TearDown() override { kavo_sim::chip_destroy_all(); }
@@ -144,7 +146,8 @@ TEST_F(SimChip, RamInitClearsTheRisingBanksAndIsBusyAWhile)
 TEST(SimChipClock, ASteppedClockMovesWithBusTransactionsAndRequestsOnly)
 {
     kavo_sim::chip_config cfg;
-    cfg.clock_step_ns = 10000;
+    cfg.bus_transaction_ns = 10000;
+    cfg.host_time = false;
     ASSERT_EQ(kavo_sim::chip_create(1, cfg), VELT_SUCCESS);
     bus_client b{kavo_sim::callouts(), 1};
     b.write(0xF10018, 0x1); // RAM_INIT_EN: bank 0, busy for 100 us of the chip's clock
@@ -156,6 +159,30 @@ TEST(SimChipClock, ASteppedClockMovesWithBusTransactionsAndRequestsOnly)
     b.write(0xF10018, 0x3);
     kavo_sim::chip_get(1)->advance_time(100);
     EXPECT_EQ(b.rd(0xF10020), 0u) << "advance_time moves a stepped clock";
+    kavo_sim::chip_destroy(1);
+}
+
+TEST(SimChipBusTime, RamInitEndsAfterTheBusHasTakenItsTimeAndTheClearedBankReadsZero)
+{
+    // A 1-second init on a bus whose reads take 1 ms of the chip's time each.
+    kavo_sim::chip_config cfg;
+    cfg.ram_init_us = 1000000;
+    cfg.bus_transaction_ns = 1000000;
+    ASSERT_EQ(kavo_sim::chip_create(1, cfg), VELT_SUCCESS);
+    bus_client bus{kavo_sim::callouts(), 1};
+    const UINT32 words[3] = {1, 2, 3};
+    bus.bwrite(0x100000 - 4, words, 3); // the last word of bank 0 and two of bank 1
+    bus.bwrite(0x1FF000, words, 3);     // bank 1's last page
+    bus.write(0xF10018, 0x2);           // RAM_INIT_EN: bank 1
+    UINT32 reads = 1;
+    EXPECT_EQ(bus.rd(0xF10020), 0x2u);
+    while (bus.rd(0xF10020) != 0 && reads < 2000) ++reads;
+    EXPECT_LE(reads, 1000u) << "the bus's time ends the init";
+    EXPECT_EQ(bus.rd(0xFFFFC), 1u) << "bank 0 untouched";
+    for (UINT32 at : {0x100000u, 0x100004u, 0x1FF000u, 0x1FF008u, 0x180000u})
+        EXPECT_EQ(bus.rd(at), 0u) << std::hex << at;
+    bus.bwrite(0x100000, words, 3); // a cleared bank takes writes again
+    EXPECT_EQ(bus.rd(0x100008), 3u);
     kavo_sim::chip_destroy(1);
 }
 
@@ -322,6 +349,19 @@ TEST_F(SimChip, RestartRequestStartsOverAfterReplying)
 TEST(SimImage, InspectParseAndChecksum)
 {
     EXPECT_EQ(kavo_sim::crc32("123456789", 9), 0xCBF43926u);
+    // Every length and alignment against the bit-at-a-time definition, and in pieces.
+    std::vector<UINT8> bytes(67);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = UINT8(i * 37 + 11);
+    for (size_t from = 0; from < 8; ++from)
+        for (size_t n = 0; from + n <= bytes.size(); ++n) {
+            UINT32 c = ~0u;
+            for (size_t i = from; i < from + n; ++i) {
+                c ^= bytes[i];
+                for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+            }
+            ASSERT_EQ(kavo_sim::crc32(bytes.data() + from, n), ~c) << from << "+" << n;
+            ASSERT_EQ(kavo_sim::crc32(bytes.data() + from + n / 2, n - n / 2, kavo_sim::crc32(bytes.data() + from, n / 2)), ~c);
+        }
     const auto good = kavo_sim::image_build({});
     EXPECT_EQ(kavo_sim::image_inspect(good).problem, "");
     auto body = good, lying = good;

@@ -109,6 +109,11 @@ int open_device(const settings& s)
     const qspi_callout_api_st* chip = nullptr;
     kavo_sim::chip_config cfg;
     cfg.revision_code = s.revb ? 1 : 0;
+    // Each bus transaction takes the chip's time, so that the RAM
+    // initialisation ends after the polls the bus needs, not after the user's
+    // time. Burst words are left free: a script's commands then leave the
+    // chip's other timers (link training) where the user's time puts them.
+    cfg.bus_transaction_ns = kavo_sim::QSPI_TRANSACTION_NS;
     // An image that exists but would never start is refused before the download.
     const std::string image = firmware_for_chip(s);
     const kavo_sim::image_info info = kavo_sim::image_inspect_file(image.c_str());

@@ -1,4 +1,5 @@
 // kavoctl: drives a kavo device through libkavo; the virtual device by default.
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -6,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <type_traits>
 
 #include <CLI/CLI.hpp>
 #include <editline/readline.h>
@@ -24,6 +26,34 @@ int run_verb(const settings& s, const std::string& name, const args_t& args)
     return bus_verdict(v->name, v->run(s, args));
 }
 
+/* The line editor of the interactive shell, loaded when a shell starts on a
+   terminal: every other run is spared its loading. Null members when it
+   cannot be loaded; the shell then reads plain lines. */
+struct line_editor {
+    decltype(&::readline) read = nullptr;
+    decltype(&::add_history) history_add = nullptr;
+    decltype(&::rl_completion_matches) completion_matches = nullptr;
+    char** line_buffer = nullptr;
+    int* point = nullptr;
+    int* completion_over = nullptr;
+    rl_completion_func_t** completion_function = nullptr;
+
+    bool load()
+    {
+        void* lib = dlopen(KAVOCTL_LINE_EDITOR, RTLD_NOW | RTLD_LOCAL);
+        if (lib == nullptr) return false;
+        auto find = [lib](auto& member, const char* name) {
+            member = reinterpret_cast<std::remove_reference_t<decltype(member)>>(dlsym(lib, name));
+            return member != nullptr;
+        };
+        return find(read, "readline") && find(history_add, "add_history") &&
+               find(completion_matches, "rl_completion_matches") && find(line_buffer, "rl_line_buffer") &&
+               find(point, "rl_point") && find(completion_over, "rl_attempted_completion_over") &&
+               find(completion_function, "rl_attempted_completion_function");
+    }
+};
+line_editor editor;
+
 /* Completion of the shell: verbs first, command names after call and help. */
 char* complete_word(const char* text, int state)
 {
@@ -33,7 +63,7 @@ char* complete_word(const char* text, int state)
         matches.clear();
         next = 0;
         const std::string prefix = text;
-        const std::string line(rl_line_buffer, size_t(rl_point));
+        const std::string line(*editor.line_buffer, size_t(*editor.point));
         const bool first = line.find_first_not_of(' ') == std::string::npos ||
                            line.find(' ', line.find_first_not_of(' ')) == std::string::npos;
         auto offer = [&](const char* name) {
@@ -52,14 +82,14 @@ char* complete_word(const char* text, int state)
 
 char** complete(const char* text, int, int)
 {
-    rl_attempted_completion_over = 1;
-    return rl_completion_matches(text, complete_word);
+    *editor.completion_over = 1;
+    return editor.completion_matches(text, complete_word);
 }
 
 /* shell: commands from standard input, with history and completion on a terminal. */
 int run_shell(const settings& s)
 {
-    if (isatty(0) == 0) {
+    if (isatty(0) == 0 || !editor.load()) {
         int status = 0;
         for (std::string line; std::getline(std::cin, line);) {
             const int one = run_line(s, line);
@@ -68,14 +98,14 @@ int run_shell(const settings& s)
         }
         return status;
     }
-    rl_attempted_completion_function = complete;
+    *editor.completion_function = complete;
     int status = 0;
     for (;;) {
-        char* text = readline("kavo> ");
+        char* text = editor.read("kavo> ");
         if (text == nullptr) break;
         const std::string line = text;
         std::free(text);
-        if (line.find_first_not_of(' ') != std::string::npos) add_history(line.c_str());
+        if (line.find_first_not_of(' ') != std::string::npos) editor.history_add(line.c_str());
         const int one = run_line(s, line);
         if (one < 0) break;
         status = one;

@@ -89,23 +89,33 @@ struct chip_config {
     // on-chip RAM initialisation, during which RAM_INIT_BUSY reads busy.
     UINT32 startup_us = 0;
     UINT32 ram_init_us = 100;
-    // 0: the chip's clock runs in real time. Otherwise the clock stands still
-    // and each bus transaction moves it on by this many nanoseconds, so that
-    // what a test sees does not depend on how fast the host runs; the host's
-    // polls still end because its reads move the clock.
-    UINT32 clock_step_ns = 0;
+    // Simulated time of the bus: every transaction moves the chip's clock on
+    // by bus_transaction_ns, a burst by bus_word_ns more per word, so that a
+    // RAM initialisation or an image download takes the chip's time instead
+    // of the host's (a poll of RAM_INIT_BUSY ends after as many reads as the
+    // bus needs). 0: the chip's clock follows the host's alone.
+    UINT32 bus_transaction_ns = 0;
+    UINT32 bus_word_ns = 0;
+    // false: the chip's clock stands still but for the bus's time and
+    // advance_time, so that what a test sees of the chip's timers does not
+    // depend on how fast the host runs (its polls still end: reads take time).
+    bool host_time = true;
 
-    /* A chip on a stepped clock of 1 us per bus transaction: what a test sees
-       of the chip's timers depends on its requests and advance_time only. */
+    /* A chip whose clock moves 1 us per bus transaction and on advance_time only. */
     static chip_config stepped(UINT32 device_code = 0x6100, UINT32 revision_code = 0)
     {
         chip_config c;
         c.device_code = device_code;
         c.revision_code = revision_code;
-        c.clock_step_ns = 1000;
+        c.bus_transaction_ns = 1000;
+        c.host_time = false;
         return c;
     }
 };
+
+/* The bus times of a quad-SPI bus at 50 MHz, as kavoctl's in-process chip uses them. */
+constexpr UINT32 QSPI_TRANSACTION_NS = 500;
+constexpr UINT32 QSPI_WORD_NS = 160;
 
 constexpr UINT32 MAX_CHIPS = 32;
 

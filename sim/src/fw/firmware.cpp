@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 #include "kavo_sim/image.h"
@@ -97,7 +98,8 @@ void firmware::lay_out_log_block()
     chip.put(BLOCK + L::CONSOLE_COOKIE, 0);
     chip.put(BLOCK + L::STATS_COOKIE, 0);
     chip.put(BLOCK + L::DBG_LOG_COOKIE, 0);
-    std::memset(chip.bytes(BLOCK), 0, L::BLOCK_SIZE);
+    static_assert(BLOCK % 4 == 0 && L::BLOCK_SIZE % 4 == 0);
+    chip.ram.zero(BLOCK / 4, L::BLOCK_SIZE / 4); // pages nobody writes stay unbacked
 
     chip.put(BLOCK + L::CONSOLE_BUFFER_SIZE, L::CONSOLE_WORDS * 4);
     chip.put(BLOCK + L::CONSOLE_BUFFER_OFFSET, L::CONSOLE_BUFFER);
@@ -148,7 +150,9 @@ bool firmware::start()
     const UINT32 boot_arg = chip.regs.app_scratch[map::BOOT_ARG_SCRATCH];
     start_ticks_ = t0;
     device = device_state{};
-    model = models{};
+    // Rebuilt in place: a temporary of the models would cost a copy of them.
+    std::destroy_at(&model);
+    std::construct_at(&model);
     verbosity = VELT_LOG_SEV_EVENT;
 
     chip.put(map::VERSION_WORDS, version_);

@@ -22,7 +22,11 @@ constexpr UINT32 SA_FLAGS = 0x3FFF;
 constexpr UINT32 UPDATE_CMDS = 0x3F;
 constexpr UINT32 EVENTS = KAVO_MACSEC_NOTIFICATION_PN_THRESHOLD | KAVO_MACSEC_NOTIFICATION_SA_EXPIRED;
 
-macsec_model& ms(firmware& fw) { return fw.model.macsec; }
+macsec_model& ms(firmware& fw)
+{
+    fw.model.macsec.pools();
+    return fw.model.macsec;
+}
 
 /* The request's record, exactly its size; false (and the reply refused) otherwise. */
 template <class T> bool take(const request& req, reply& rep, T& out)

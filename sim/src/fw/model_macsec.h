@@ -57,10 +57,18 @@ struct macsec_frame_result {
 };
 
 struct macsec_model {
-    // The pools live on the heap: the firmware resets its models by assignment.
-    std::vector<macsec_vport> vports = std::vector<macsec_vport>(KAVO_MACSEC_NUM_VPORTS * MACSEC_DIRECTIONS);
-    std::vector<macsec_rule> rules = std::vector<macsec_rule>(KAVO_MACSEC_NUM_RULES);
-    std::vector<macsec_sa> sas = std::vector<macsec_sa>(KAVO_MACSEC_NUM_SAS * MACSEC_DIRECTIONS);
+    // The pools live on the heap and are made on the first MACsec request
+    // (pools()): a firmware start that never sees one does not pay for them.
+    std::vector<macsec_vport> vports;
+    std::vector<macsec_rule> rules;
+    std::vector<macsec_sa> sas;
+    void pools()
+    {
+        if (!vports.empty()) return;
+        vports.resize(KAVO_MACSEC_NUM_VPORTS * MACSEC_DIRECTIONS);
+        rules.resize(KAVO_MACSEC_NUM_RULES);
+        sas.resize(KAVO_MACSEC_NUM_SAS * MACSEC_DIRECTIONS);
+    }
     kavo_macsec_channel_config_t channels[KAVO_NUM_CHANNELS][MACSEC_DIRECTIONS];
     kavo_macsec_channel_global_config_t global[MACSEC_DIRECTIONS];
     kavo_stats_macsec_channel_t channel_stats[KAVO_NUM_CHANNELS];
