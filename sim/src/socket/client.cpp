@@ -60,7 +60,13 @@ struct connection {
         ::close(fd);
         fd = -1;
     }
-    ~connection() { close_locked(); }
+    /* At the process's exit: hangs up as socket_disconnect does, unless another
+       thread is in the middle of an exchange. */
+    ~connection()
+    {
+        std::unique_lock<std::mutex> lock(mutex, std::try_to_lock);
+        if (lock.owns_lock()) close_locked();
+    }
     /* One exchange; the bus status. A connection that broke, or that carried a
        reply that is not this request's, is closed and reopened by the next
        call, not retried here: the request may have reached the chip already. */

@@ -258,6 +258,12 @@ session::session(UINT32 client) : client_(client), in_(MAX_MESSAGE_WORDS), reply
 
 session::~session() { release_chips(client_); }
 
+void session::reset()
+{
+    have_ = 0;
+    release_chips(client_);
+}
+
 UINT8* session::space(size_t& room)
 {
     room = MAX_MESSAGE - have_;

@@ -46,7 +46,7 @@ bool send_all(int fd, const void* data, size_t n)
 int connect_to(const char* path)
 {
     sockaddr_un addr{};
-    if (!path || std::strlen(path) >= sizeof(addr.sun_path)) return -1;
+    if (!path || !*path || std::strlen(path) >= sizeof(addr.sun_path)) return -1;
     addr.sun_family = AF_UNIX;
     std::strcpy(addr.sun_path, path);
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -75,6 +75,9 @@ class session {
        those before; stops at the first that closes the connection. false when
        a reply could not be sent (the peer is gone). */
     bool received(size_t n, send_fn send, void* ctx, verdict& out);
+    /* Forgets a message begun and frees the chips this client owned, as if
+       the connection had ended and a new one had begun (the buffers stay). */
+    void reset();
     /* Bytes of a message begun but not complete. */
     size_t pending() const { return have_; }
     UINT32 client() const { return client_; }
