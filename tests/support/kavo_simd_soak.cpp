@@ -34,6 +34,20 @@ long fd_count(pid_t pid)
     return n;
 }
 
+/* The daemon's descriptors once connections that ended are closed: the count
+   after it has stayed the same for 300 ms (at most 10 s). */
+long settled_fd_count(pid_t pid)
+{
+    long last = fd_count(pid);
+    for (int same = 0, i = 0; same < 30 && i < 1000; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const long now = fd_count(pid);
+        same = now == last ? same + 1 : 0;
+        last = now;
+    }
+    return last;
+}
+
 long rss_kib(pid_t pid)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
@@ -149,11 +163,11 @@ simd_soak_result run_simd_soak(const simd_soak_config& cfg)
     // Warm-up: every chip booted once, the daemon's threads and buffers made.
     std::vector<client> clients;
     for (UINT32 id = 0; id < cfg.clients; ++id)
-        clients.push_back(spawn(path, id, 200, rng()));
+        clients.push_back(spawn(path, id, cfg.warmup_commands, rng()));
     client_report r;
     for (client& c : clients)
         if (!finish(c, r, res.error)) break;
-    res.fds_start = fd_count(daemon);
+    res.fds_start = settled_fd_count(daemon);
     res.rss_kib_start = rss_kib(daemon);
 
     const auto t0 = steady::now();
@@ -185,9 +199,7 @@ simd_soak_result run_simd_soak(const simd_soak_config& cfg)
     res.seconds = std::chrono::duration<double>(steady::now() - t0).count();
 
     // The last connections close as their processes exit; let the daemon see it.
-    for (int i = 0; i < 100 && fd_count(daemon) > res.fds_start; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    res.fds_end = fd_count(daemon);
+    res.fds_end = settled_fd_count(daemon);
     res.rss_kib_end = rss_kib(daemon);
     res.daemon_alive = ::waitpid(daemon, nullptr, WNOHANG) == 0 &&
                        kavo_sim::socket_chip_info(path.c_str(), 0, &info) == VELT_SUCCESS;

@@ -19,6 +19,9 @@ struct simd_soak_config {
     UINT32 kills = 3;          // clients killed (SIGKILL) at random moments and replaced
     UINT32 kill_every_ms = 30; // mean time between kills
     UINT32 seed = 1;
+    // Before the first sample: enough for every chip's journal (4096 bus
+    // transactions) and the daemon's heap to reach their size.
+    UINT64 warmup_commands = 600;
 };
 
 struct simd_soak_result {

@@ -285,6 +285,24 @@ TEST_F(SimSocket, AClientThatDiesMidMessageLeavesItsChipToTheNextOwner)
     EXPECT_EQ(value, 0x12345678u) << "nothing of the half message reached it";
 }
 
+TEST_F(SimSocket, AChipPassesOnAtOnceWhenItsOwnerHasHungUp)
+{
+    ASSERT_EQ(kavo_sim::chip_create(2), VELT_SUCCESS);
+    // The owner asks for big replies and reads none, so its thread is stuck in
+    // a send and cannot see the hang-up that follows.
+    const int owner = raw_connection();
+    const auto big = message(SIM_COMMAND_BURST_READ, 2, 0, SIM_MESSAGE_MAX_PAYLOAD_WORDS);
+    for (int i = 0; i < 64 && ::send(owner, big.data(), big.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0; ++i)
+        ::usleep(1000);
+    const int next = raw_connection();
+    const auto read = message(SIM_COMMAND_REG_READ, 2, 0xF00380, 0);
+    EXPECT_EQ(ask(next, read).status, UINT32(KAVO_ERR_DEVICE_ID_IN_USE)) << "owned while its owner is there";
+    ::shutdown(owner, SHUT_WR);
+    EXPECT_EQ(ask(next, read).status, 0u) << "at the first request after the hang-up";
+    ::close(owner);
+    ::close(next);
+}
+
 TEST_F(SimSocket, AHangUpIsSeenBeforeTheNextConnectionAsks)
 {
     ASSERT_EQ(kavo_sim::chip_create(4), VELT_SUCCESS);

@@ -35,8 +35,12 @@ namespace {
    chips share nothing. */
 struct alignas(64) chip_slot {
     std::shared_mutex life;
-    std::atomic<UINT32> owner{0};
+    std::atomic<UINT64> owner{0}; // client id << 32 | its socket + 1; 0 when free
 };
+
+constexpr UINT32 owner_id(UINT64 word) { return UINT32(word >> 32); }
+constexpr int owner_fd(UINT64 word) { return int(UINT32(word)) - 1; }
+constexpr UINT64 owner_word(UINT32 client, int fd) { return UINT64(client) << 32 | UINT32(fd + 1); }
 chip_slot slots[SIM_MAX_CHIPS];
 
 const char* command_name(UINT32 command)
@@ -77,15 +81,27 @@ bool is_bus_command(UINT32 command)
            command == SIM_COMMAND_BURST_WRITE;
 }
 
-/* False when another client owns the chip. The owner's own transactions
-   only read the word. */
-bool claim(UINT32 device_id, UINT32 client)
+/* True when the peer of socket fd has hung up (closed, died, or shut its
+   sending side), whether or not its own thread has read that yet. */
+bool peer_gone(int fd)
+{
+    pollfd p{fd, POLLRDHUP, 0};
+    return fd >= 0 && ::poll(&p, 1, 0) == 1 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR));
+}
+
+/* False when another client owns the chip. The owner's own transactions only
+   read the word. A chip whose owner has hung up passes on at once: its
+   connection's thread frees it too, but perhaps only after the next process
+   has asked (a killed client, a machine under load). */
+bool claim(UINT32 device_id, UINT32 client, int fd)
 {
     if (client == 0 || device_id >= SIM_MAX_CHIPS) return true;
-    std::atomic<UINT32>& owner = slots[device_id].owner;
-    if (owner.load(std::memory_order_acquire) == client) return true;
-    UINT32 expected = 0;
-    return owner.compare_exchange_strong(expected, client) || expected == client;
+    std::atomic<UINT64>& owner = slots[device_id].owner;
+    UINT64 current = owner.load(std::memory_order_acquire);
+    if (owner_id(current) == client) return true;
+    if (current != 0 && !peer_gone(owner_fd(current))) return false;
+    // Free, or its owner gone: whoever changes the word first has it.
+    return owner.compare_exchange_strong(current, owner_word(client, fd)) || owner_id(current) == client;
 }
 
 void malformed(verdict& out, const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -100,7 +116,7 @@ void malformed(verdict& out, const char* format, ...)
 
 /* Serves a well-framed request; the reply's payload words are written after
    its header in `reply`. */
-UINT32 serve(const sim_message_header_t& req, const UINT32* payload, UINT32 words, UINT32 client,
+UINT32 serve(const sim_message_header_t& req, const UINT32* payload, UINT32 words, UINT32 client, int client_fd,
              sim_message_header_t& rep, UINT32* reply_payload, verdict& out)
 {
     const int expect = expected_words(req.command);
@@ -160,7 +176,7 @@ UINT32 serve(const sim_message_header_t& req, const UINT32* payload, UINT32 word
     }
 
     // The rest use a chip that exists: it stays while they do.
-    if (is_bus_command(req.command) && !claim(req.device_id, client)) {
+    if (is_bus_command(req.command) && !claim(req.device_id, client, client_fd)) {
         rep.status = KAVO_ERR_DEVICE_ID_IN_USE;
         return 0;
     }
@@ -208,7 +224,7 @@ size_t finish_reply(sim_message_header_t& rep, UINT32 payload_words, UINT32* rep
 
 } // namespace
 
-size_t handle_message(const UINT32* msg, size_t size, UINT32 client, UINT32* reply, verdict& out)
+size_t handle_message(const UINT32* msg, size_t size, UINT32 client, UINT32* reply, verdict& out, int client_fd)
 {
     sim_message_header_t rep;
     UINT32 words = 0;
@@ -221,7 +237,7 @@ size_t handle_message(const UINT32* msg, size_t size, UINT32 client, UINT32* rep
         if (req.length != size)
             malformed(out, "length word %u in a message of %zu bytes", req.length, size);
         else
-            words = serve(req, msg + HEADER_WORDS, UINT32((size - sizeof(req)) / 4), client, rep,
+            words = serve(req, msg + HEADER_WORDS, UINT32((size - sizeof(req)) / 4), client, client_fd, rep,
                           reply + HEADER_WORDS, out);
     }
     if (out.close) {
@@ -235,8 +251,8 @@ void release_chips(UINT32 client)
 {
     if (client == 0) return;
     for (chip_slot& s : slots) {
-        UINT32 mine = client;
-        s.owner.compare_exchange_strong(mine, 0);
+        UINT64 word = s.owner.load();
+        if (owner_id(word) == client) s.owner.compare_exchange_strong(word, 0);
     }
 }
 
@@ -254,7 +270,7 @@ page_words::page_words(size_t words)
 
 page_words::~page_words() { ::munmap(map_, map_size_); }
 
-session::session(UINT32 client) : client_(client), in_(MAX_MESSAGE_WORDS), reply_(MAX_MESSAGE_WORDS) {}
+session::session(UINT32 client, int fd) : client_(client), fd_(fd), in_(MAX_MESSAGE_WORDS), reply_(MAX_MESSAGE_WORDS) {}
 
 session::~session() { release_chips(client_); }
 
@@ -290,7 +306,7 @@ bool session::received(size_t n, send_fn send, void* ctx, verdict& out)
         }
         if (have_ - used < length) break;
         // Messages are whole words, so each starts on a word.
-        const size_t size = handle_message(in_.get() + used / 4, length, client_, reply_.get(), out);
+        const size_t size = handle_message(in_.get() + used / 4, length, client_, reply_.get(), out, fd_);
         used += length;
         if (!send(ctx, reply_.get(), size)) {
             have_ = 0;
@@ -376,7 +392,7 @@ struct socket_server::impl {
     void serve(connection& c)
     {
         {
-            sock::session s(c.id);
+            sock::session s(c.id, c.fd);
             sock::verdict v;
             for (;;) {
                 size_t room;

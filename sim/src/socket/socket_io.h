@@ -34,8 +34,11 @@ struct verdict {
    client `client` (0: not tracked as a chip's owner) and writes its reply,
    header and payload, to `reply` (room for MAX_MESSAGE_WORDS). Returns the
    reply's size in bytes. A malformed message changes nothing, is answered with
-   VELT_ERR_INVALID_ARGS and sets out.close with the reason. */
-size_t handle_message(const UINT32* msg, size_t size, UINT32 client, UINT32* reply, verdict& out);
+   VELT_ERR_INVALID_ARGS and sets out.close with the reason. client_fd is the
+   client's socket (-1: none): a chip whose owner's peer has hung up, though
+   the owner's thread has not seen it yet, passes to the next client. */
+size_t handle_message(const UINT32* msg, size_t size, UINT32 client, UINT32* reply, verdict& out,
+                      int client_fd = -1);
 
 /* Frees every chip `client` owns. */
 void release_chips(UINT32 client);
@@ -64,7 +67,7 @@ class session {
   public:
     using send_fn = bool (*)(void* ctx, const void* data, size_t size);
 
-    explicit session(UINT32 client);
+    explicit session(UINT32 client, int fd = -1);
     ~session(); // frees the chips this connection owned
     session(const session&) = delete;
     session& operator=(const session&) = delete;
@@ -84,6 +87,7 @@ class session {
 
   private:
     UINT32 client_;
+    int fd_;
     page_words in_, reply_;
     size_t have_ = 0; // bytes in in_
 };
