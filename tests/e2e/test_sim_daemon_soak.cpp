@@ -22,9 +22,12 @@ TEST(SimDaemonSoak, KilledClientsHarmNeitherTheDaemonNorTheOthers)
     EXPECT_EQ(r.failures, 0u);
     EXPECT_EQ(r.mismatches, 0u);
     EXPECT_EQ(r.fds_end, r.fds_start);
-    // Connection threads and their buffers come and go; nothing accumulates
-    // (under a sanitizer the daemon's own memory is the sanitizer's to keep).
+    // Connection threads and their buffers come and go; nothing accumulates.
+    // A killed client's connection may still be open when its replacement
+    // connects, so a thread stack or two more than at the start may have been
+    // touched: the bound is the daemon's memory for a few connections, not for
+    // commands (under a sanitizer the memory is the sanitizer's to keep).
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LE(r.rss_kib_end, r.rss_kib_start + 2048) << "resident KiB, start " << r.rss_kib_start;
+    EXPECT_LE(r.rss_kib_end, r.rss_kib_start + 4096) << "resident KiB, start " << r.rss_kib_start;
 #endif
 }
