@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Writes the seed inputs of the fuzz targets into fuzz/corpus/<target>/:
-well-formed log-buffer blocks that the fuzzer then bends out of shape.
+well-formed log-buffer blocks and kavo-simd conversations that the fuzzer then
+bends out of shape.
 
   python3 fuzz/make_seeds.py
 """
@@ -88,6 +89,47 @@ def reply_seeds():
     yield "seeded", bytes([3, 1]) + words(12345)
 
 
+# kavo-simd's protocol: a 24-byte header (length, command, device id, status,
+# arg0, arg1), then the payload words.
+HELLO, REG_READ, REG_WRITE, BURST_READ, BURST_WRITE, CHIP_CREATE, CHIP_DESTROY, CHIP_INFO, FAULT_SET, REPLY, \
+    SHUTDOWN = range(11)
+DEVICE_ID_REG = 0xF00380
+
+
+def message(command, device, arg0=0, arg1=0, payload=(), status=0):
+    return words(24 + 4 * len(payload), command, device, status, arg0, arg1, *payload)
+
+
+def simd_server_seeds():
+    """[chunk][owner] then a client's byte stream."""
+    bus = message(HELLO, 0) + message(REG_READ, 0, DEVICE_ID_REG) + message(REG_WRITE, 0, 0xF00320, 5) + \
+        message(BURST_WRITE, 0, 0x1000, 4, (1, 2, 3, 4)) + message(BURST_READ, 0, 0x1000, 4) + \
+        message(CHIP_INFO, 0) + message(FAULT_SET, 0, 2, 0, (1, 0)) + message(REG_READ, 0, DEVICE_ID_REG)
+    yield "bus", bytes([0, 0]) + bus
+    yield "busy_in_pieces", bytes([5, 1]) + message(REG_READ, 1, DEVICE_ID_REG) + \
+        message(BURST_WRITE, 1, 0x2000, 2, (7, 8)) + message(CHIP_INFO, 1)
+    # (a chip destroyed and made again costs more than a whole input: none here)
+    yield "chips", bytes([0, 0]) + message(CHIP_CREATE, 5, 0, 0, (0x6100, 1, 0, 0)) + message(REG_READ, 5, DEVICE_ID_REG) + \
+        message(CHIP_DESTROY, 9) + message(SHUTDOWN, 0)
+    yield "malformed", bytes([3, 0]) + message(REG_READ, 0, DEVICE_ID_REG) + words(7, 1, 0, 0, 0, 0)
+
+
+def simd_client_seeds():
+    """[mode][n][n operations] then the daemon's byte stream."""
+    def reply(device, arg0=0, payload=(), status=0):
+        return message(REPLY, device, arg0, 0, payload, status)
+    # Callouts on chip 3: read, write, burst read of 4 words (op 2 + 4 * 3), burst write of 1.
+    ops = bytes([0, 1, 2 + 4 * 3, 3])
+    yield "callouts", bytes([1, len(ops)]) + ops + reply(3, 0x06100000) + reply(3) + \
+        reply(3, 0, (9, 8, 7, 6)) + reply(3)
+    yield "callouts_refused", bytes([1, len(ops)]) + ops + reply(3, 0, (), 0xB5000002) + reply(3, 0, (), 0x48) + \
+        reply(3, 0, (), 0xB5000003) + reply(3)
+    # One-shot commands on device 0: HELLO, CHIP_INFO (10 words), FAULT_SET, CHIP_CREATE.
+    ops = bytes([0, 1, 2, 3])
+    yield "commands", bytes([0, len(ops)]) + ops + message(REPLY, 0, 1, 32) + reply(0, 0, tuple(range(10))) + \
+        reply(0) + reply(0, 0, (), 0x49)
+
+
 def write(target, seeds):
     folder = os.path.join(HERE, "corpus", target)
     os.makedirs(folder, exist_ok=True)
@@ -100,3 +142,5 @@ if __name__ == "__main__":
     write("fuzz_console_reader", console_seeds())
     write("fuzz_fw_log", fw_log_seeds())
     write("fuzz_reply", reply_seeds())
+    write("fuzz_simd_server", simd_server_seeds())
+    write("fuzz_simd_client", simd_client_seeds())

@@ -1,6 +1,7 @@
 // kavo-simd: serves virtual kavo chips over a Unix domain socket, so that the
 // chips outlive the processes that drive them.
 #include <csignal>
+#include <malloc.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -56,6 +57,12 @@ int main(int argc, char** argv)
         if (!ok) return usage();
     }
     if (!path) return usage();
+
+    // Connections come and go with threads of their own, and a chip's
+    // firmware is rebuilt on whichever thread restarts it: one heap for all
+    // keeps freed memory in use instead of spread over per-thread arenas
+    // (nothing is allocated per message).
+    mallopt(M_ARENA_MAX, 1);
 
     kavo_sim::socket_server server;
     if (server.listen(path) != VELT_SUCCESS) {

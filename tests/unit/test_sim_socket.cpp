@@ -3,8 +3,10 @@
 // and a server that survives its clients' mistakes.
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <string>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -43,7 +45,50 @@ class SimSocket : public ::testing::Test {
     void SetUp() override
     {
         ASSERT_EQ(server.listen(path.c_str()), VELT_SUCCESS);
+        server.log_to([this](const char* line) {
+            std::lock_guard<std::mutex> lock(log_mutex);
+            log.push_back(line);
+        });
         server.start_thread();
+    }
+    /* Waits up to 2 s for a log line that contains `part`. */
+    bool logged(const std::string& part)
+    {
+        for (int i = 0; i < 200; ++i) {
+            {
+                std::lock_guard<std::mutex> lock(log_mutex);
+                for (const auto& l : log)
+                    if (l.find(part) != std::string::npos) return true;
+            }
+            ::usleep(10000);
+        }
+        return false;
+    }
+    /* A connection of its own, as another process would have; a server that
+       stops answering fails the test, never hangs it. */
+    int raw_connection()
+    {
+        const sockaddr_un addr = address_of(path);
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
+        const timeval limit{10, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+        return fd;
+    }
+    /* Sends a message and reads the header of its reply (status 0xDEAD when none came). */
+    static sim_message_header_t ask(int fd, const std::vector<UINT8>& m)
+    {
+        sim_message_header_t h{};
+        h.status = 0xDEAD;
+        if (::send(fd, m.data(), m.size(), MSG_NOSIGNAL) == ssize_t(m.size()))
+            ::recv(fd, &h, sizeof(h), MSG_WAITALL);
+        return h;
+    }
+    static bool closed_by_peer(int fd)
+    {
+        char byte;
+        return ::recv(fd, &byte, 1, 0) == 0;
     }
     void TearDown() override
     {
@@ -55,6 +100,8 @@ class SimSocket : public ::testing::Test {
     }
     const std::string path = "/tmp/kavo_sim_test_" + std::to_string(::getpid()) + ".sock";
     kavo_sim::socket_server server;
+    std::mutex log_mutex;
+    std::vector<std::string> log;
 };
 
 TEST_F(SimSocket, ChipsFaultsAndLargeBurstsTravel)
@@ -92,36 +139,55 @@ TEST_F(SimSocket, MalformedMessagesAreRefusedWithoutHarm)
     kavo_sim::chip* chip = kavo_sim::chip_get(6);
     chip->reg_write(0xF00320, 0x1111);
     chip->journal_reset();
+    // Malformed messages close their connection; well-formed ones that ask for
+    // something impossible are only refused.
     struct {
         const char* what;
         std::vector<UINT8> msg;
         UINT32 status;
+        const char* closes; // part of the reason, or null
     } cases[] = {
-        {"shorter than a header", std::vector<UINT8>(20, 0), VELT_ERR_INVALID_ARGS},
-        {"length word too big", message(SIM_COMMAND_REG_WRITE, 6, 0xF00320, 1, {}, 4), VELT_ERR_INVALID_ARGS},
-        {"length word too small", message(SIM_COMMAND_REG_WRITE, 6, 0xF00320, 1, {7}, -4), VELT_ERR_INVALID_ARGS},
-        {"write with a payload", message(SIM_COMMAND_REG_WRITE, 6, 0xF00320, 2, {7}), VELT_ERR_INVALID_ARGS},
-        {"read with a payload", message(SIM_COMMAND_REG_READ, 6, 0xF00320, 0, {1, 2}), VELT_ERR_INVALID_ARGS},
-        {"burst write short", message(SIM_COMMAND_BURST_WRITE, 6, 0, 3, {1, 2}), VELT_ERR_INVALID_ARGS},
-        {"burst read too long", message(SIM_COMMAND_BURST_READ, 6, 0, 0x7FFFFFFF), VELT_ERR_INVALID_ARGS},
-        {"a reply sent as request", message(SIM_COMMAND_REPLY, 6, 0, 0), VELT_ERR_INVALID_ARGS},
-        {"unknown command", message(99, 6, 0, 0), VELT_ERR_INVALID_ARGS},
-        {"end marker", message(LAST_SIM_COMMAND_TYPE, 6, 0, 0), VELT_ERR_INVALID_ARGS},
-        {"chip config short", message(SIM_COMMAND_CHIP_CREATE, 7, 0, 0, {0x6100, 0}), VELT_ERR_INVALID_ARGS},
-        {"chip mode unknown", message(SIM_COMMAND_CHIP_CREATE, 7, 0, 0, {0x6100, 0, 2, 0}), VELT_ERR_INVALID_ARGS},
+        {"shorter than a header", std::vector<UINT8>(20, 0), VELT_ERR_INVALID_ARGS, "a message of 20 bytes"},
+        {"length word too big", message(SIM_COMMAND_REG_WRITE, 6, 0xF00320, 1, {}, 4), VELT_ERR_INVALID_ARGS,
+         "length word 28"},
+        {"length word too small", message(SIM_COMMAND_REG_WRITE, 6, 0xF00320, 1, {7}, -4), VELT_ERR_INVALID_ARGS,
+         "length word 24"},
+        {"write with a payload", message(SIM_COMMAND_REG_WRITE, 6, 0xF00320, 2, {7}), VELT_ERR_INVALID_ARGS,
+         "REG_WRITE with 1 payload words, 0 expected"},
+        {"read with a payload", message(SIM_COMMAND_REG_READ, 6, 0xF00320, 0, {1, 2}), VELT_ERR_INVALID_ARGS,
+         "REG_READ with 2"},
+        {"burst write short", message(SIM_COMMAND_BURST_WRITE, 6, 0, 3, {1, 2}), VELT_ERR_INVALID_ARGS,
+         "BURST_WRITE with 2 payload words, 3 expected"},
+        {"burst read too long", message(SIM_COMMAND_BURST_READ, 6, 0, 0x7FFFFFFF), VELT_ERR_INVALID_ARGS,
+         "BURST_READ of 2147483647 words"},
+        {"a reply sent as request", message(SIM_COMMAND_REPLY, 6, 0, 0), VELT_ERR_INVALID_ARGS, "(REPLY) is no request"},
+        {"unknown command", message(99, 6, 0, 0), VELT_ERR_INVALID_ARGS, "command 99"},
+        {"end marker", message(LAST_SIM_COMMAND_TYPE, 6, 0, 0), VELT_ERR_INVALID_ARGS, "is no request"},
+        {"chip config short", message(SIM_COMMAND_CHIP_CREATE, 7, 0, 0, {0x6100, 0}), VELT_ERR_INVALID_ARGS,
+         "CHIP_CREATE with 2"},
         {"fault without arguments", message(SIM_COMMAND_FAULT_SET, 6, SIM_FAULT_FW_HANG, 0, {1}),
-         VELT_ERR_INVALID_ARGS},
-        {"well-formed, absent chip", message(SIM_COMMAND_REG_READ, 9, 0xF00380, 0), kavo_sim::map::BUS_ERR_NO_CHIP},
+         VELT_ERR_INVALID_ARGS, "FAULT_SET with 1"},
+        {"chip mode unknown", message(SIM_COMMAND_CHIP_CREATE, 7, 0, 0, {0x6100, 0, 2, 0}), VELT_ERR_INVALID_ARGS,
+         nullptr},
+        {"fault unknown", message(SIM_COMMAND_FAULT_SET, 6, 77, 0, {0, 0}), VELT_ERR_INVALID_ARGS, nullptr},
+        {"well-formed, absent chip", message(SIM_COMMAND_REG_READ, 9, 0xF00380, 0), kavo_sim::map::BUS_ERR_NO_CHIP,
+         nullptr},
+        {"chip info, absent chip", message(SIM_COMMAND_CHIP_INFO, 40, 0, 0), KAVO_ERR_INVALID_DEVICE_ID, nullptr},
     };
     for (auto& c : cases) {
         std::vector<UINT8> reply;
-        EXPECT_FALSE(kavo_sim::socket_handle_message(c.msg.data(), c.msg.size(), reply)) << c.what;
+        std::string reason = "unset";
+        EXPECT_FALSE(kavo_sim::socket_handle_message(c.msg.data(), c.msg.size(), reply, 0, &reason)) << c.what;
         sim_message_header_t h;
-        ASSERT_GE(reply.size(), sizeof(h)) << c.what;
+        ASSERT_EQ(reply.size(), sizeof(h)) << c.what << ": a refusal carries no payload";
         std::memcpy(&h, reply.data(), sizeof(h));
         EXPECT_EQ(h.length, reply.size()) << c.what;
         EXPECT_EQ(h.command, SIM_COMMAND_REPLY) << c.what;
         EXPECT_EQ(h.status, c.status) << c.what;
+        if (c.closes)
+            EXPECT_NE(reason.find(c.closes), std::string::npos) << c.what << ": " << reason;
+        else
+            EXPECT_EQ(reason, "") << c.what;
     }
     EXPECT_EQ(chip->ram_peek(0), 0u);
     UINT32 v = 0;
@@ -132,39 +198,146 @@ TEST_F(SimSocket, MalformedMessagesAreRefusedWithoutHarm)
     EXPECT_EQ(chip->counters().writes, 0u);
 }
 
-TEST_F(SimSocket, BrokenFramingHangsUpOnlyThatClient)
+TEST_F(SimSocket, AMalformedMessageClosesOnlyItsConnectionWithALoggedReason)
 {
     ASSERT_EQ(kavo_sim::chip_create(6), VELT_SUCCESS);
-    const sockaddr_un addr = address_of(path);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
-    const timeval limit{10, 0}; // a server that stops answering fails the test, never hangs it
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    auto exchange = [&](const void* data, size_t size, sim_message_header_t& h) {
-        ASSERT_EQ(::send(fd, data, size, 0), ssize_t(size));
-        ASSERT_EQ(::recv(fd, &h, sizeof(h), MSG_WAITALL), ssize_t(sizeof(h)));
+    ASSERT_EQ(kavo_sim::chip_create(7), VELT_SUCCESS);
+    bus_client other(kavo_sim::socket_callouts(path.c_str()), 7);
+    const auto read = message(SIM_COMMAND_REG_READ, 6, 0xF00380, 0);
+    const UINT32 unframed[6] = {7, 1, 6, 0, 0, 0};
+    const std::vector<UINT8> garbage(reinterpret_cast<const UINT8*>(unframed),
+                                     reinterpret_cast<const UINT8*>(unframed) + sizeof(unframed));
+    struct {
+        std::vector<UINT8> msg;
+        const char* reason;
+    } cases[] = {
+        {garbage, "closed: length word 7: shorter than a header"},
+        {message(42, 6, 0, 0), "closed: command 42 (?) is no request"},
+        {message(SIM_COMMAND_REG_READ, 6, 0xF00380, 0, {1}), "closed: REG_READ with 1 payload words, 0 expected"},
+        {message(SIM_COMMAND_BURST_READ, 6, 0, 0x10001), "closed: BURST_READ of 65537 words"},
     };
-    sim_message_header_t h;
-    const auto unknown = message(42, 6, 0, 0), read = message(SIM_COMMAND_REG_READ, 6, 0xF00380, 0);
-    exchange(unknown.data(), unknown.size(), h);
-    EXPECT_EQ(h.status, UINT32(VELT_ERR_INVALID_ARGS)) << "refused, but the framing is intact";
-    exchange(read.data(), read.size(), h);
-    EXPECT_EQ(h.status, 0u);
-    EXPECT_EQ(h.arg0, 0x06100000u);
-    // A length word that cannot be framed: refused, then hung up.
-    const UINT32 garbage[6] = {7, 1, 6, 0, 0, 0};
-    exchange(garbage, sizeof(garbage), h);
-    EXPECT_EQ(h.status, UINT32(VELT_ERR_INVALID_ARGS));
-    char byte;
-    EXPECT_EQ(::recv(fd, &byte, 1, 0), 0) << "closed";
-    ::close(fd);
-    // A client that leaves half a message behind harms nobody.
-    const int half = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(::connect(half, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
+    for (auto& c : cases) {
+        const int fd = raw_connection();
+        sim_message_header_t h = ask(fd, read);
+        EXPECT_EQ(h.status, 0u) << c.reason;
+        EXPECT_EQ(h.arg0, 0x06100000u);
+        h = ask(fd, c.msg);
+        EXPECT_EQ(h.status, UINT32(VELT_ERR_INVALID_ARGS)) << c.reason << ": answered, then";
+        EXPECT_TRUE(closed_by_peer(fd)) << c.reason;
+        EXPECT_TRUE(logged(c.reason)) << c.reason;
+        ::close(fd);
+        EXPECT_EQ(other.rd(0xF00380), 0x06100000u) << "another client is served throughout";
+    }
+}
+
+TEST_F(SimSocket, StalledClientsDelayNobodyAndStopDoesNotWaitForThem)
+{
+    ASSERT_EQ(kavo_sim::chip_create(1), VELT_SUCCESS);
+    ASSERT_EQ(kavo_sim::chip_create(2), VELT_SUCCESS);
+    ASSERT_EQ(kavo_sim::chip_create(3), VELT_SUCCESS);
+    // Half a message, then nothing.
+    const int half = raw_connection();
+    const auto read = message(SIM_COMMAND_REG_READ, 1, 0xF00380, 0);
     ASSERT_EQ(::send(half, read.data(), 10, 0), 10);
+    // Requests for big replies that it never reads: the daemon's send to it
+    // blocks once its socket is full.
+    const int deaf = raw_connection();
+    const auto big = message(SIM_COMMAND_BURST_READ, 2, 0, SIM_MESSAGE_MAX_PAYLOAD_WORDS);
+    int sent = 0;
+    for (; sent < 64 && ::send(deaf, big.data(), big.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == ssize_t(big.size()); ++sent)
+        ::usleep(1000);
+    EXPECT_GE(sent, 2);
+    // A client between the two is served as ever.
+    bus_client bus(kavo_sim::socket_callouts(path.c_str()), 3);
+    for (int i = 0; i < 200; ++i)
+        ASSERT_EQ(bus.rd(0xF00380), 0x06100000u) << i;
+    std::vector<UINT32> back(SIM_MESSAGE_MAX_PAYLOAD_WORDS);
+    EXPECT_EQ(bus.bread(0, back.data(), UINT32(back.size())), 0u);
+    // Stopping wakes the connection blocked in its send and the one waiting for
+    // the rest of a message (TearDown joins the server).
+    kavo_sim::socket_disconnect();
+    server.stop();
+    server.join();
+    EXPECT_TRUE(closed_by_peer(half));
     ::close(half);
-    ASSERT_NE(kavo_sim::socket_callouts(path.c_str()), nullptr);
-    EXPECT_EQ(bus_client(kavo_sim::socket_callouts(path.c_str()), 6).rd(0xF00380), 0x06100000u);
+    ::close(deaf);
+}
+
+TEST_F(SimSocket, AClientThatDiesMidMessageLeavesItsChipToTheNextOwner)
+{
+    ASSERT_EQ(kavo_sim::chip_create(5), VELT_SUCCESS);
+    kavo_sim::chip_get(5)->ram_poke(0x1000, 0x12345678);
+    const int dying = raw_connection();
+    EXPECT_EQ(ask(dying, message(SIM_COMMAND_REG_READ, 5, 0xF00380, 0)).status, 0u) << "it owns the chip";
+    // A burst write of 100 words, of which 10 arrive.
+    std::vector<UINT32> words(100, 0xEEEEEEEE);
+    const auto write = message(SIM_COMMAND_BURST_WRITE, 5, 0x1000, 100, words);
+    ASSERT_EQ(::send(dying, write.data(), 24 + 40, 0), 64);
+    ::close(dying);
+    EXPECT_TRUE(logged("hung up 64 bytes into a message"));
+    tavo_callout_api_st* next = kavo_sim::socket_callouts(path.c_str());
+    ASSERT_NE(next, nullptr);
+    UINT32 value = 0, status = 1;
+    for (int i = 0; i < 100 && (status = next->qspi_callout_api_ctx->qspi_read(nullptr, 0, 5, 0x1000, &value)) != 0;
+         ++i)
+        ::usleep(10000);
+    EXPECT_EQ(status, 0u) << "the next owner gets the chip";
+    EXPECT_EQ(value, 0x12345678u) << "nothing of the half message reached it";
+}
+
+TEST_F(SimSocket, AChipPassesOnAtOnceWhenItsOwnerHasHungUp)
+{
+    ASSERT_EQ(kavo_sim::chip_create(2), VELT_SUCCESS);
+    // The owner asks for big replies and reads none, so its thread is stuck in
+    // a send and cannot see the hang-up that follows.
+    const int owner = raw_connection();
+    const auto big = message(SIM_COMMAND_BURST_READ, 2, 0, SIM_MESSAGE_MAX_PAYLOAD_WORDS);
+    for (int i = 0; i < 64 && ::send(owner, big.data(), big.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0; ++i)
+        ::usleep(1000);
+    const int next = raw_connection();
+    const auto read = message(SIM_COMMAND_REG_READ, 2, 0xF00380, 0);
+    EXPECT_EQ(ask(next, read).status, UINT32(KAVO_ERR_DEVICE_ID_IN_USE)) << "owned while its owner is there";
+    ::shutdown(owner, SHUT_WR);
+    EXPECT_EQ(ask(next, read).status, 0u) << "at the first request after the hang-up";
+    ::close(owner);
+    ::close(next);
+}
+
+TEST_F(SimSocket, AHangUpIsSeenBeforeTheNextConnectionAsks)
+{
+    ASSERT_EQ(kavo_sim::chip_create(4), VELT_SUCCESS);
+    // Every new connection is another owner: the daemon has freed the chip by
+    // the time the previous one's disconnect returns.
+    for (int i = 0; i < 20; ++i) {
+        bus_client bus(kavo_sim::socket_callouts(path.c_str()), 4);
+        UINT32 v = 0;
+        ASSERT_EQ(bus.read(0xF00380, v), 0u) << "connection " << i;
+    }
+}
+
+TEST_F(SimSocket, ConnectionsBeyondTheLimitAreRefused)
+{
+    std::vector<int> fds;
+    const auto hello = message(SIM_COMMAND_HELLO, 0, 0, 0);
+    for (int i = 0; i < 128; ++i) {
+        fds.push_back(raw_connection());
+        ASSERT_EQ(ask(fds.back(), hello).arg0, UINT32(SIM_PROTOCOL_VERSION)) << i;
+    }
+    const int refused = raw_connection();
+    EXPECT_TRUE(closed_by_peer(refused));
+    EXPECT_TRUE(logged("refused a connection: 128 clients connected already"));
+    ::close(refused);
+    ::close(fds.back());
+    fds.pop_back();
+    bool served = false;
+    for (int i = 0; i < 100 && !served; ++i) { // once the server has seen the close
+        const int fd = raw_connection();
+        served = ask(fd, hello).arg0 == UINT32(SIM_PROTOCOL_VERSION);
+        ::close(fd);
+    }
+    EXPECT_TRUE(served);
+    for (int fd : fds)
+        ::close(fd);
 }
 
 TEST_F(SimSocket, ListenRefusesAPathInUseButNotAStaleOne)

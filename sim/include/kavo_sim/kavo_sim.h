@@ -68,6 +68,7 @@ KAVO_SIM_API const char* kavo_sim_firmware_dir(void);
 #if defined(__cplusplus) && __has_include("kavo_sim/chip_map.h")
 #define KAVO_SIM_CXX_API 1
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -283,14 +284,21 @@ VELT_ERROR socket_shutdown(const char* socket_path);
    faults and chip information stay open to all. client 0 is not tracked.
 
    Handles one message of size bytes as kavo-simd does and builds the reply
-   message (header and payload). A message whose length word disagrees with
-   size, or that is malformed otherwise, is answered with status
-   VELT_ERR_INVALID_ARGS and changes nothing. Returns true for SHUTDOWN. */
-bool socket_handle_message(const UINT8* data, size_t size, std::vector<UINT8>& reply, UINT32 client = 0);
+   message (header and payload). A malformed message (a length word that
+   disagrees with size, a command that is no request, a payload of the wrong
+   size for its command, a burst over the largest message) changes nothing, is
+   answered with status VELT_ERR_INVALID_ARGS, and sets *close_reason to why
+   kavo-simd closes that connection (empty otherwise). Returns true for
+   SHUTDOWN. */
+bool socket_handle_message(const UINT8* data, size_t size, std::vector<UINT8>& reply, UINT32 client = 0,
+                           std::string* close_reason = nullptr);
 
-/* Serves the chips of this process on a Unix domain socket. run() serves until
-   stop() (any thread or a signal handler), a SHUTDOWN message, or a fatal
-   socket error. */
+/* Serves the chips of this process on a Unix domain socket: one thread accepts,
+   each connection is served by a thread of its own. run() serves until stop()
+   (any thread or a signal handler), a SHUTDOWN message, or a fatal socket
+   error. A connection that sends a malformed message gets its reply and is
+   closed; the reason goes to the log (standard error, "kavo-simd: ..." lines,
+   unless log_to chose another sink; an empty sink silences it). */
 class socket_server {
   public:
     socket_server();
@@ -299,6 +307,7 @@ class socket_server {
     socket_server& operator=(const socket_server&) = delete;
 
     VELT_ERROR listen(const char* socket_path); // binds; VELT_ERR_FAIL if it cannot
+    void log_to(std::function<void(const char*)> sink);
     void run();
     void stop();         // async-signal-safe
     void start_thread(); // run() on a thread of its own, for tests

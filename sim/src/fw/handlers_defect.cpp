@@ -131,18 +131,22 @@ void defect_model::summarise(object& obj)
 
 bool defect_model::settle(object& obj)
 {
+    // One pass that also summarises (this runs for every object on every request).
     bool latched_enabled = false;
+    UINT8 summary = obj.present ? BIT_VALID : 0;
     for (size_t k = 1; k < obj.bytes.size(); ++k) {
         UINT8& b = obj.bytes[k];
-        if (!(b & BIT_VALID)) continue;
-        const bool v = obj.state[k] || obj.forced[k];
-        if (v && !(b & BIT_V)) {
-            b |= BIT_I;
-            latched_enabled = latched_enabled || (b & BIT_E);
+        if (b & BIT_VALID) {
+            const bool v = obj.state[k] || obj.forced[k];
+            if (v && !(b & BIT_V)) {
+                b |= BIT_I;
+                latched_enabled = latched_enabled || (b & BIT_E);
+            }
+            b = v ? (b | BIT_V) : (b & ~BIT_V);
         }
-        b = v ? (b | BIT_V) : (b & ~BIT_V);
+        summary |= b & (BIT_I | BIT_V | BIT_E);
     }
-    summarise(obj);
+    obj.bytes[0] = summary;
     return latched_enabled;
 }
 
@@ -185,7 +189,8 @@ bool defect_model::update(const chip_view& chip)
     for (UINT32 c = 0; c < KAVO_NUM_CHANNELS; ++c) {
         object& obj = objects_[KAVO_DEFECT_TYPE_ENET_PORT][c];
         const bool present = chip.enet_port(c);
-        if (present != obj.present) {
+        const bool changed = present != obj.present;
+        if (changed) {
             // A port provisioned anew starts with nothing latched or enabled.
             reset(KAVO_DEFECT_TYPE_ENET_PORT, obj);
             obj.present = present;
@@ -193,7 +198,9 @@ bool defect_model::update(const chip_view& chip)
         if (present) {
             derive_enet(chip, c, obj);
             latched_enabled = settle(obj) || latched_enabled;
-        } else {
+        } else if (changed) {
+            // Nothing else touches an absent port's record: its summary only
+            // changes with its presence (this runs on every request).
             summarise(obj);
         }
     }
