@@ -87,10 +87,12 @@ TEST_F(device_test, DefectTraceFragments)
     ASSERT_EQ(bring_up(0), VELT_SUCCESS);
     kavo_defect_dcsu_t dcsu;
     kavo_defect_ilkn_intf_t intf;
+    kavo_defect_serdes_t serdes;
+    kavo_defect_anlt_chnl_t anlt;
     kavo_function_logging_set(1);
     struct {
         std::function<void()> call;
-        const char* text;
+        std::string text;
     } cases[] = {
         {[] { kavo_defect_chnl_v_set(0, 7, KAVO_DEFECT_TYPE_DCSU, 1, 1); },
          "Function=kavo_defect_chnl_v_set(0x0, chnl_id=0x7, defect_type=9, ive_offset=1, enable=1)\n"},
@@ -100,11 +102,20 @@ TEST_F(device_test, DefectTraceFragments)
          "Function=kavo_dcsu_defect_enable_set(0x0, dcsu_inst=0x3)\n"},
         {[&] { kavo_ilkn_intf_defect_enable_set(0, &intf); },
          "Function=kavo_ilkn_intf_defect_enable_set(0x0, ilkn_intf=0)\n"},
+        {[&] { kavo_serdes_port_defect_enable_set(0, 12, &serdes); },
+         "Function=kavo_serdes_port_defect_enable_set(0x0, serdes_port_id=0xc)\n"},
+        {[&] { kavo_anlt_defect_enable_set(0, 5, &anlt); }, "Function=kavo_anlt_defect_enable_set(0x0, chnl_id=0x5)\n"},
+        {[] { kavo_defect_e_set(0, KAVO_DEFECT_TYPE_TLIC, 2, 1); },
+         "Function=kavo_defect_e_set(0x0, defect_type=" + std::to_string(KAVO_DEFECT_TYPE_TLIC) +
+             ", ive_offset=2, enable=1)\n"},
+        {[] { kavo_defect_v_set(0, KAVO_DEFECT_TYPE_TLIC, 3, 0); },
+         "Function=kavo_defect_v_set(0x0, defect_type=" + std::to_string(KAVO_DEFECT_TYPE_TLIC) +
+             ", ive_offset=3, enable=0)\n"},
     };
     for (auto& c : cases) {
         take();
         c.call();
-        EXPECT_TRUE(has(take(), c.text)) << c.text;
+        EXPECT_TRUE(has(take(), c.text.c_str())) << c.text;
     }
     // Record reads poll: traced only while status tracing is on.
     take();

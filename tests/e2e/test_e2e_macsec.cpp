@@ -530,29 +530,41 @@ TEST_F(macsec, TraceShowsTheMemberThatApplies)
     UINT32 id = 0;
     const char* EG = "\nkavo_macsec_egress_sa_flow_control_t:";
     const char* IG = "\nkavo_macsec_ingress_sa_flow_control_t:";
+    // Each trace opens with the command and its scalar argument, then the
+    // record, then the member the variant selects.
     struct trace_case {
         const char* what;
         std::function<void()> call;
+        const char* head;
         const char* shown;
         const char* hidden;
     } const cases[] = {
-        {"sa_add on vport 767", [&] { kavo_macsec_sa_add(0, 767, &sa_cfg_rec, &id); }, EG, IG},
-        {"sa_add on vport 768", [&] { kavo_macsec_sa_add(0, 768, &sa_cfg_rec, &id); }, IG, EG},
-        {"sa_update of SA 1535", [&] { kavo_macsec_sa_update(0, 1535, &upd); }, EG, IG},
-        {"sa_update of SA 1536", [&] { kavo_macsec_sa_update(0, 1536, &upd); }, IG, EG},
-        {"rule_add OTHER", [&] { rule_cfg.packet_type = KAVO_MACSEC_PACKET_TYPE_OTHER; kavo_macsec_rule_add(0, 0, &rule_cfg, &id); },
-         "\nkavo_macsec_rule_config_others_t:", "_pbb_t"},
-        {"rule_add PBB", [&] { rule_cfg.packet_type = KAVO_MACSEC_PACKET_TYPE_PBB; kavo_macsec_rule_add(0, 0, &rule_cfg, &id); },
-         "\nkavo_macsec_rule_config_pbb_t:", "_mpls_t"},
-        {"rule_add MPLS", [&] { rule_cfg.packet_type = KAVO_MACSEC_PACKET_TYPE_MPLS; kavo_macsec_rule_add(0, 0, &rule_cfg, &id); },
-         "\nkavo_macsec_rule_config_mpls_t:", "_others_t"},
+        {"sa_add on vport 767", [&] { kavo_macsec_sa_add(0, 767, &sa_cfg_rec, &id); },
+         "Function=kavo_macsec_sa_add(0x0, vport_id = 767,\nkavo_macsec_sa_config_t:", EG, IG},
+        {"sa_add on vport 768", [&] { kavo_macsec_sa_add(0, 768, &sa_cfg_rec, &id); },
+         "Function=kavo_macsec_sa_add(0x0, vport_id = 768,\nkavo_macsec_sa_config_t:", IG, EG},
+        {"sa_chain on SA 1535", [&] { kavo_macsec_sa_chain(0, 1535, &sa_cfg_rec, &id); },
+         "Function=kavo_macsec_sa_chain(0x0, active_sa_id = 1535,\nkavo_macsec_sa_config_t:", EG, IG},
+        {"sa_chain on SA 1536", [&] { kavo_macsec_sa_chain(0, 1536, &sa_cfg_rec, &id); },
+         "Function=kavo_macsec_sa_chain(0x0, active_sa_id = 1536,\nkavo_macsec_sa_config_t:", IG, EG},
+        {"sa_update of SA 1535", [&] { kavo_macsec_sa_update(0, 1535, &upd); },
+         "Function=kavo_macsec_sa_update(0x0, sa_id = 1535,\nkavo_macsec_sa_update_t:", EG, IG},
+        {"sa_update of SA 1536", [&] { kavo_macsec_sa_update(0, 1536, &upd); },
+         "Function=kavo_macsec_sa_update(0x0, sa_id = 1536,\nkavo_macsec_sa_update_t:", IG, EG},
+        {"rule_add OTHER", [&] { rule_cfg.packet_type = KAVO_MACSEC_PACKET_TYPE_OTHER; kavo_macsec_rule_add(0, 5, &rule_cfg, &id); },
+         "Function=kavo_macsec_rule_add(0x0, vport_id = 5,\nkavo_macsec_rule_config_t:", "\nkavo_macsec_rule_config_others_t:", "_pbb_t"},
+        {"rule_add PBB", [&] { rule_cfg.packet_type = KAVO_MACSEC_PACKET_TYPE_PBB; kavo_macsec_rule_add(0, 6, &rule_cfg, &id); },
+         "Function=kavo_macsec_rule_add(0x0, vport_id = 6,\nkavo_macsec_rule_config_t:", "\nkavo_macsec_rule_config_pbb_t:", "_mpls_t"},
+        {"rule_add MPLS", [&] { rule_cfg.packet_type = KAVO_MACSEC_PACKET_TYPE_MPLS; kavo_macsec_rule_add(0, 7, &rule_cfg, &id); },
+         "Function=kavo_macsec_rule_add(0x0, vport_id = 7,\nkavo_macsec_rule_config_t:", "\nkavo_macsec_rule_config_mpls_t:", "_others_t"},
         {"rule_add ANY", [&] { rule_cfg.packet_type = KAVO_MACSEC_PACKET_TYPE_ANY; kavo_macsec_rule_add(0, 0, &rule_cfg, &id); },
-         "Function=kavo_macsec_rule_add(0x0, vport_id = 0,\nkavo_macsec_rule_config_t:", "_t:\n    ethertype"},
+         "Function=kavo_macsec_rule_add(0x0, vport_id = 0,\nkavo_macsec_rule_config_t:", "kavo_macsec_rule_config_t:", "_t:\n    ethertype"},
     };
     for (const trace_case& c : cases) {
         take();
         c.call();
         const std::string log = take();
+        EXPECT_TRUE(has(log, c.head)) << c.what << ": " << log;
         EXPECT_TRUE(has(log, c.shown)) << c.what << ": " << log;
         EXPECT_FALSE(has(log, c.hidden)) << c.what << ": " << log;
     }

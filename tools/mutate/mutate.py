@@ -42,8 +42,9 @@ import time
 CMP = [("==", "!="), ("!=", "=="), ("<=", "<"), (">=", ">"), ("<", "<="), (">", ">=")]
 LOGIC = [("&&", "||"), ("||", "&&"), ("true", "false"), ("false", "true")]
 INT = re.compile(r"(?<![\w.])(0[xX][0-9a-fA-F]+|\d+)(?:[uU]?[lL]{0,2})(?![\w.])")
-# statements worth dropping: a call or an assignment, alone on its line
-DROPPABLE = re.compile(r"^\s*(?!return\b|break\b|continue\b|case\b|default\b|else\b)"
+# statements worth dropping: a call or an assignment, alone on its line (a
+# compile-time assertion is not one: no test can see it dropped)
+DROPPABLE = re.compile(r"^\s*(?!return\b|break\b|continue\b|case\b|default\b|else\b|static_assert\b|\w*STATIC_ASSERT\b)"
                        r"[\w:.\->\[\]()*&]+\s*(\(.*\)|[-+*/|&^]?=[^=].*)\s*;\s*$")
 
 
