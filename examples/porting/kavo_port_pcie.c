@@ -14,7 +14,6 @@
 #define _DEFAULT_SOURCE
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -23,6 +22,7 @@
 
 #include "kavo/kavo_api.h"
 #include "kavo_port.h"
+#include "kavo_port_log.h"
 
 #define MAX_CHIPS 32
 
@@ -89,28 +89,8 @@ static UINT32 bar_bwrite(void* ctx, UINT32 bus, UINT32 device_id, UINT32 words, 
     return 0;
 }
 
-static int log_print(void* ctx, FILE* file, const char* format, ...)
-{
-    (void)ctx;
-    va_list args;
-    va_start(args, format);
-    const int n = vfprintf(file ? file : stderr, format, args);
-    va_end(args);
-    return n;
-}
-
-static FILE* log_file[1];
-static void* log_init(UINT32 a, UINT32 b, const char* name)
-{
-    (void)a;
-    (void)b;
-    (void)name;
-    log_file[0] = stderr;
-    return log_file;
-}
-
 static qspi_callout_api_st bar_bus = {bar_read, bar_write, bar_bread, bar_bwrite};
-static tavo_callout_api_st callouts = {&bar_bus, log_print, log_init, NULL};
+static tavo_callout_api_st callouts = {&bar_bus, kavo_port_log_print, kavo_port_log_init, NULL};
 
 /* Maps BAR 0 of PCI function `bdf` (DDDD:BB:DD.F) for chip `device_id`. */
 static int bar_map(UINT32 device_id, const char* bdf)

@@ -11,7 +11,6 @@
    descriptor, and the kernel serialises transfers on a shared SPI bus. */
 #define _DEFAULT_SOURCE
 #include <errno.h>
-#include <stdarg.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,6 +22,7 @@
 
 #include "kavo/kavo_api.h"
 #include "kavo_port.h"
+#include "kavo_port_log.h"
 
 #define MAX_CHIPS 32
 #define SPI_SPEED_HZ 20000000u
@@ -97,29 +97,8 @@ static UINT32 spi_bwrite(void* ctx, UINT32 bus, UINT32 device_id, UINT32 words, 
     return spi_burst(device_id, 1, address, words, buffer);
 }
 
-/* The library's lines go to the file it names (standard error here). */
-static int log_print(void* ctx, FILE* file, const char* format, ...)
-{
-    (void)ctx;
-    va_list args;
-    va_start(args, format);
-    const int n = vfprintf(file ? file : stderr, format, args);
-    va_end(args);
-    return n;
-}
-
-static FILE* log_file[1];
-static void* log_init(UINT32 a, UINT32 b, const char* name)
-{
-    (void)a;
-    (void)b;
-    (void)name;
-    log_file[0] = stderr;
-    return log_file;
-}
-
 static qspi_callout_api_st spi_bus = {spi_read, spi_write, spi_bread, spi_bwrite};
-static tavo_callout_api_st callouts = {&spi_bus, log_print, log_init, NULL};
+static tavo_callout_api_st callouts = {&spi_bus, kavo_port_log_print, kavo_port_log_init, NULL};
 
 /* Opens the SPI device of chip `device_id`: mode 0, 8-bit words, the bus speed. */
 static int spi_open(UINT32 device_id, const char* path)
