@@ -67,6 +67,8 @@ TEST_F(DefectPrint, SummaryAndMask)
     EXPECT_EQ(take(), "    Summary: {V: 1, I: 0, E: 0}\n");
     s.print("summary", KAVO_DEFECT_PRINT_FILTER_I_ASSERTED, 1, -1);
     EXPECT_EQ(take(), "");
+    s.print("summary", KAVO_DEFECT_PRINT_FILTER_ALL, 1, 0); // element 0 of a list
+    EXPECT_EQ(take(), "    - {V: 1, I: 0, E: 0}    # summary[0]\n");
 
     struct {
         UINT32 active;
