@@ -11,6 +11,7 @@
 
 #include "kavo_test_log.h"
 #include "velt_registers.h"
+#include "velt_sys.h"
 
 namespace {
 
@@ -64,7 +65,11 @@ protected:
         chip.clear();
         ops.clear();
     }
-    void TearDown() override { velt_sys_handle_destroy(sys); }
+    void TearDown() override
+    {
+        velt_sys_clock_hooks_set(nullptr);
+        velt_sys_handle_destroy(sys);
+    }
     std::vector<bus_op> take_ops()
     {
         std::vector<bus_op> out;
@@ -114,14 +119,31 @@ TEST_F(Registers, BlockAccessorsReachAnyRegisterByItsOffset)
     cpu_cfg_field_set(&buf, &cpu, 0x2C, 0xFFFF0000, 16, 0x1234);
     cpu_cfg_field_set(&buf, &cpu, 0x2C, 0x0000FFFF, 0, 0x5678);
     cpu_cfg_buffer_flush(&buf);
+    EXPECT_EQ(take_ops(), (ops_t{{'R', 0xF00380, 0x61080ABC},
+                                 {'R', 0xF00380, 0x61080ABC},
+                                 {'W', 0xF00320, 7},
+                                 {'R', 0x74401C, 0},
+                                 {'W', 0xF0002C, 0x12345678}}));
+}
+
+// A clock that moves 1 us each time it is read: the poll's rounds are exact.
+UINT64 stepped_now(void* at) { return ++*static_cast<UINT64*>(at); }
+void stepped_sleep(void* at, UINT32 us) { *static_cast<UINT64*>(at) += us; }
+
+TEST_F(Registers, PollReadsUntilItsTimeHasPassedAndOnceMore)
+{
+    UINT64 now = 0;
+    const velt_sys_clock_hooks_t hooks{stepped_now, stepped_sleep, &now};
+    velt_sys_clock_hooks_set(&hooks);
     chip[0xF10020] = 3;
-    EXPECT_EQ(ocr_cfg_poll(nullptr, &cpu, 0x10020, 0xFF, 0, VELT_POLL_EQUAL, 0), VELT_SHARED_ERR_CODE_POLL_TIMEOUT);
-    const ops_t seen = take_ops();
-    const ops_t expected = {{'R', 0xF00380, 0x61080ABC}, {'R', 0xF00380, 0x61080ABC}, {'W', 0xF00320, 7},
-                            {'R', 0x74401C, 0},          {'W', 0xF0002C, 0x12345678}};
-    ASSERT_GE(seen.size(), expected.size() + 2);  // the poll reads at least twice
-    EXPECT_EQ(ops_t(seen.begin(), seen.begin() + expected.size()), expected);
-    EXPECT_EQ(seen.back(), (bus_op{'R', 0xF10020, 3}));
+    // Started at 1 us, the reads at 2..6 us are within the 5 us; the one at 7 us is the last.
+    EXPECT_EQ(ocr_cfg_poll(nullptr, &cpu, 0x10020, 0xFF, 0, VELT_POLL_EQUAL, 5), VELT_SHARED_ERR_CODE_POLL_TIMEOUT);
+    EXPECT_EQ(take_ops(), ops_t(6, bus_op{'R', 0xF10020, 3}));
+    // A condition met on the last read still succeeds.
+    now = 0;
+    chip[0xF10020] = 0x100;
+    EXPECT_EQ(ocr_cfg_poll(nullptr, &cpu, 0x10020, 0xFF, 0, VELT_POLL_EQUAL, 0), VELT_SUCCESS);
+    EXPECT_EQ(take_ops().size(), 1u);
 }
 
 TEST_F(Registers, EmptyFlushWritesNothing)
