@@ -397,7 +397,8 @@ struct socket_server::impl {
             for (;;) {
                 size_t room;
                 UINT8* p = s.space(room);
-                const ssize_t k = ::recv(c.fd, p, room, 0);
+                iovec iov{p, room};
+                const ssize_t k = sock::receive(c.fd, &iov, 1);
                 if (k < 0 && errno == EINTR) continue;
                 if (k <= 0) {
                     if (s.pending() && !stopping.load())

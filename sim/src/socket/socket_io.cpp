@@ -2,7 +2,9 @@
 #include "socket/socket_io.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <sys/un.h>
@@ -36,6 +38,22 @@ bool sendv_all(int fd, iovec* iov, int count)
 }
 
 } // namespace
+
+ssize_t receive(int fd, iovec* iov, int count)
+{
+    msghdr m{};
+    m.msg_iov = iov;
+    m.msg_iovlen = size_t(count);
+    using clock = std::chrono::steady_clock;
+    const auto until = clock::now() + std::chrono::microseconds(RECEIVE_SPIN_US);
+    for (;;) {
+        const ssize_t k = ::recvmsg(fd, &m, MSG_DONTWAIT);
+        if (k >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return k;
+        if (clock::now() >= until) break;
+        ::sched_yield(); // a peer on this processor runs now
+    }
+    return ::recvmsg(fd, &m, 0);
+}
 
 bool send_all(int fd, const void* data, size_t n)
 {
@@ -91,7 +109,7 @@ bool exchange(int fd, sim_message_header_t& hdr, const UINT32* in, UINT32 words_
         } else {
             iov[count++] = {payload + (have - SIM_MESSAGE_HEADER_SIZE), limit - have};
         }
-        const ssize_t k = ::readv(fd, iov, count);
+        const ssize_t k = receive(fd, iov, count);
         if (k < 0 && errno == EINTR) continue;
         if (k <= 0) return false;
         have += size_t(k);

@@ -6,6 +6,8 @@
 #define KAVO_SIM_SOCKET_IO_H
 
 #include <cstddef>
+#include <sys/types.h>
+#include <sys/uio.h>
 
 #include "kavo/kavo_api.h"
 #include "kavo_sim/gen/kavo_sim_types.h"
@@ -17,6 +19,12 @@ constexpr UINT32 MAX_MESSAGE = SIM_MESSAGE_HEADER_SIZE + 4 * SIM_MESSAGE_MAX_PAY
 constexpr UINT32 MAX_MESSAGE_WORDS = MAX_MESSAGE / 4;
 
 bool send_all(int fd, const void* data, size_t n);
+/* Receives into the iovecs like readv. An answer usually comes within
+   microseconds: it is polled for up to RECEIVE_SPIN_US (yielding the processor
+   between tries) before the call sleeps, which spares both sides a wake-up
+   from another processor on each message. */
+constexpr int RECEIVE_SPIN_US = 50;
+ssize_t receive(int fd, iovec* iov, int count);
 /* Connects to a listening socket; -1 when it cannot. */
 int connect_to(const char* path);
 
