@@ -5,13 +5,17 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-fuzz}
 seconds=${2:-30}
-# -O1 with line tables only: the usual optimisation for fuzzing, and quicker
-# to compile than the default build type's -O2 -g.
-fuzz_flags="-O1 -gline-tables-only -DNDEBUG"
-cmake -S . -B "$build" -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS_RELWITHDEBINFO="$fuzz_flags" \
-  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$fuzz_flags" \
-  -DKAVO_BUILD_FUZZ=ON -DKAVO_BUILD_TESTS=OFF -DKAVO_BUILD_BENCH=OFF -DKAVO_BUILD_EXAMPLES=OFF
+# A build directory already configured with the fuzz targets (CI's sanitizer
+# build) is used as it is; otherwise it is configured here: -O1 with line
+# tables only, the usual optimisation for fuzzing, and quicker to compile than
+# the default build type's -O2 -g.
+if ! grep -q '^KAVO_BUILD_FUZZ:BOOL=ON' "$build/CMakeCache.txt" 2>/dev/null; then
+  fuzz_flags="-O1 -gline-tables-only -DNDEBUG"
+  cmake -S . -B "$build" -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS_RELWITHDEBINFO="$fuzz_flags" \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$fuzz_flags" \
+    -DKAVO_BUILD_FUZZ=ON -DKAVO_BUILD_TESTS=OFF -DKAVO_BUILD_BENCH=OFF -DKAVO_BUILD_EXAMPLES=OFF
+fi
 targets=$(cd fuzz && ls fuzz_*.cpp | sed 's/\.cpp$//')
 ninja -C "$build" $targets
 for t in $targets; do

@@ -28,6 +28,7 @@
 
 #include "kavo/kavo_api.h"
 #include "kavo_sim/kavo_sim.h"
+#include "kavo_test_device.h"
 
 namespace {
 
@@ -121,21 +122,9 @@ usage measure()
     return u;
 }
 
-/* Resident memory is judged only without a memory tool: sanitizers and
-   valgrind hold freed blocks back on purpose (leaks are then theirs to find).
-   KAVO_SOAK_RSS_CHECK=0 turns the judgement off too. */
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool MEMORY_TOOL = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool MEMORY_TOOL = true;
-#else
-constexpr bool MEMORY_TOOL = false;
-#endif
-#else
-constexpr bool MEMORY_TOOL = false;
-#endif
-bool judge_memory() { return !MEMORY_TOOL && setting("KAVO_SOAK_RSS_CHECK", 1) != 0; }
+/* Resident memory is judged only without a memory tool (KAVO_TEST_MEMORY_TOOL;
+   under valgrind, KAVO_SOAK_RSS_CHECK=0 turns the judgement off). */
+bool judge_memory() { return !KAVO_TEST_MEMORY_TOOL && setting("KAVO_SOAK_RSS_CHECK", 1) != 0; }
 
 bool documented(VELT_ERROR rc)
 {

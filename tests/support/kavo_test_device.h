@@ -11,6 +11,20 @@
 #include "kavo/kavo_api.h"
 #include "kavo_sim/kavo_sim.h"
 
+/* 1 when built under a sanitizer that holds freed memory back on purpose:
+   resident memory is then the sanitizer's, not the program's, to judge (leaks
+   are the sanitizer's to find). g++ and clang say so in different ways. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KAVO_TEST_MEMORY_TOOL 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define KAVO_TEST_MEMORY_TOOL 1
+#endif
+#endif
+#ifndef KAVO_TEST_MEMORY_TOOL
+#define KAVO_TEST_MEMORY_TOOL 0
+#endif
+
 namespace kavo_test {
 
 /* Directory of the images the build produced (kavo_fw_app_revx.mem and its reva/revb names). */
