@@ -35,6 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             const UINT8* words = nullptr;
             const size_t bytes = in.take(&words, 4 * (size_t)in.byte());
             if (op & 4) {
+                chip.touched(VELT_CONSOLE_BUFFER_OFFSET + VELT_CONSOLE_BUFFER_WORDS * 4);
                 writer.write_char_data(const_cast<char*>(reinterpret_cast<const char*>(words)), (int)bytes);
             } else {
                 chip.put(4 * word, words, bytes);

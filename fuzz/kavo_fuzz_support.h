@@ -8,6 +8,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "kavo/kavo_api.h"
@@ -25,7 +26,7 @@ struct halted {};
    the largest legal blocks list millions of entries, which would only slow
    the search down. Endless loops that print nothing are left to -timeout. */
 struct budget_spent {};
-constexpr unsigned long PRINT_BUDGET = 200;
+constexpr unsigned long PRINT_BUDGET = 50;
 
 inline unsigned long& printed()
 {
@@ -52,6 +53,9 @@ inline void install()
     static bool done = false;
     if (done) return;
     done = true;
+    // A fixed time zone: each log set-up converts times, and without TZ the C
+    // library would look at /etc/localtime on every conversion.
+    setenv("TZ", "UTC0", 1);
     static FILE* sink = std::fopen("/dev/null", "w");
     if (std::freopen("/dev/null", "w", stdout) == nullptr) std::perror("freopen");
     static tavo_callout_api_st table = {kavo_test::fake_bus::callouts(), drop_log,
@@ -71,11 +75,16 @@ struct chip {
         velt_sys_init(sys, 0);
     }
     ~chip() { velt_sys_handle_destroy(sys); }
-    /* A zeroed block and a fresh print budget, for the next input. */
+    /* A zeroed block and a fresh print budget, for the next input. Only
+       what the last input put there and the library wrote is cleared: the
+       block is 128 KiB, an input touches a few hundred bytes of it. */
     void clear()
     {
         printed() = 0;
-        std::memset(bus.at(VELT_DEVICE_LOG_BUFFERS_OCR_ADDR), 0, BLOCK_BYTES);
+        std::memset(bus.at(VELT_DEVICE_LOG_BUFFERS_OCR_ADDR), 0, put_end);
+        put_end = 0;
+        for (const auto& [address, value] : bus.writes)
+            if (bus.in_window(address, 4)) bus.set_word(address, 0);
         bus.reads.clear();
         bus.writes.clear();
     }
@@ -85,11 +94,16 @@ struct chip {
         if (size == 0 || offset >= BLOCK_BYTES) return;
         if (size > BLOCK_BYTES - offset) size = BLOCK_BYTES - offset;
         std::memcpy(bus.at(VELT_DEVICE_LOG_BUFFERS_OCR_ADDR + offset), data, size);
+        touched(offset + size);
     }
+    /* Bytes up to `end` were written behind put()'s back (through a pointer
+       into the block): the next clear covers them. */
+    void touched(size_t end) { put_end = end > put_end ? end : put_end; }
     void put_word(UINT32 offset, UINT32 value) { put(offset, reinterpret_cast<const UINT8*>(&value), 4); }
 
     kavo_test::fake_bus bus;
     velt_sys_handle_t sys = nullptr;
+    size_t put_end = 0; // the end of what put() wrote since the last clear
 };
 
 /* Reads the input front to back; past its end everything is 0. */
