@@ -3,6 +3,8 @@
 // configuration, many devices.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +14,7 @@
 #include "kavo_test_log.h"
 #include "velt_library_options.h"
 #include "velt_log.h"
+#include "velt_sys.h"
 
 using kavo_test::device_test;
 using kavo_test::has;
@@ -31,6 +34,36 @@ constexpr UINT32 version_word(UINT32 major, UINT32 minor, UINT32 build)
 {
     return (major << 20) | (minor << 12) | build;
 }
+
+int open_descriptors()
+{
+    int n = 0;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (readdir(dir) != nullptr) ++n;
+        closedir(dir);
+    }
+    return n;
+}
+
+size_t count(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+/* The porting layer's clock moves 1 us a reading and its sleeps pass at once,
+   for as long as the guard lives. */
+struct instant_sleeps {
+    UINT64 now = 0;
+    instant_sleeps()
+    {
+        const velt_sys_clock_hooks_t hooks{[](void* c) { return ++*static_cast<UINT64*>(c); },
+                                           [](void* c, UINT32 us) { *static_cast<UINT64*>(c) += us; }, &now};
+        velt_sys_clock_hooks_set(&hooks);
+    }
+    ~instant_sleeps() { velt_sys_clock_hooks_set(nullptr); }
+};
 
 }  // namespace
 
@@ -89,6 +122,7 @@ TEST_F(device_test, WarmRestartReloadsOnlyWhenTheImageIsNewer)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
+        const int descriptors = open_descriptors();
         kavo_fw_filename_set(running.c_str());
         ASSERT_EQ(bring_up(0, KAVO_INIT_COLD), VELT_SUCCESS) << take();
         ASSERT_EQ(kavo_device_uninit(0, 0), VELT_SUCCESS);
@@ -108,6 +142,7 @@ TEST_F(device_test, WarmRestartReloadsOnlyWhenTheImageIsNewer)
         velt_option_warm_restart.value = 0;
         kavo_device_uninit(0, 0);
         kavo_sim::chip_destroy(0);
+        EXPECT_EQ(open_descriptors(), descriptors) << "the image files are closed again";
     }
 }
 
@@ -328,4 +363,25 @@ TEST_F(device_test, StartUpAndRamInitTakeTheirTimeAndThePollsWaitForThem)
     for (const std::string& op : kavo_test::bus_sequence(0)) polls += op == "r f10020";
     EXPECT_GE(polls, 2) << "the clear's poll read until its time-out";
     EXPECT_EQ(ping(0), VELT_SUCCESS);
+}
+
+TEST_F(device_test, FirmwareThatNeverStartsIsPolledThirtyOneTimes)
+{
+    // A corrupt image never starts: the start-up poll reads the started word
+    // once, then 30 times more after a 0.5 s sleep each, and gives up.
+    kavo_fw_filename_set(kavo_test::make_image("corrupt.mem", 3, 0, 2, 1, true).c_str());
+    velt_log_verbosity_level_set(0, VELT_LOG_SEV_LOW);
+    {
+        instant_sleeps clock;
+        EXPECT_EQ(bring_up(0), KAVO_ERR_FW_BOOT_FAIL);
+    }
+    velt_log_verbosity_level_set(0, VELT_LOG_SEV_EVENT);
+    const std::string log = take();
+    EXPECT_EQ(count(log, " Sleeping for 500000 microseconds\n"), 30u) << log;
+    const std::vector<std::string> seen = kavo_test::bus_sequence(0);
+    // The boot argument is the last word written there before the polls.
+    const auto boot_argument = std::find_if(seen.rbegin(), seen.rend(),
+                                            [](const std::string& op) { return op.rfind("w f00338 ", 0) == 0; });
+    ASSERT_NE(boot_argument, seen.rend());
+    EXPECT_EQ(std::count(seen.rbegin(), boot_argument, "r f00338"), 31);
 }

@@ -250,7 +250,7 @@ VELT_ERROR kavo_device::warm_restart()
     const UINT32 major = (word >> 20) & 0xFF, minor = (word >> 12) & 0xFF, build = word & 0xFF;
     VELT_LOG(_device_id, VELT_SHARED_LOG_TRACE, VELT_LOG_SEV_LOW, " \nStatus fw_version %x fw_revision %d \n", word,
              running.fw_revision_number_fixed_loc);
-    kavo_fw_hdr_t image;
+    kavo_fw_hdr_t image{};  // a header that could not be read compares as version 0.0.0
     rc = get_image_version_info(&image);
     if (rc != VELT_SUCCESS) return rc;
     VELT_LOG(_device_id, VELT_SHARED_LOG_TRACE, VELT_LOG_SEV_LOW, " \nImage fw_version %x %x %x Revision %d \n",
