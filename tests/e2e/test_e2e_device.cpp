@@ -87,6 +87,23 @@ TEST_F(device_test, ColdStartPicksTheImageOfTheChipRevision)
     }
 }
 
+TEST_F(device_test, ColdStartLogsEachStageInOrder)
+{
+    const std::string path = kavo_test::make_image("staged.mem", 3, 0, 2, 1);
+    kavo_fw_filename_set(path.c_str());
+    ASSERT_EQ(bring_up(0, KAVO_INIT_COLD), VELT_SUCCESS);
+    const std::string log = take();
+    size_t at = 0;
+    for (const std::string& line : {" Starting Firmware Download - " + path + " \n", std::string(" Firmware Version - 3_0_2_1 \n"),
+                                   std::string(" Firmware Download Complete\n"), std::string(" Starting Firmware\n"),
+                                   std::string(" Poll the KAVO FW to see if it is alive or not\n"),
+                                   std::string(" FW started successfully\n")}) {
+        const size_t found = log.find(line, at);
+        ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line << log;
+        at = found + line.size();
+    }
+}
+
 TEST_F(device_test, NameWithoutRevxIsUsedAsSet)
 {
     const std::string path = kavo_test::make_image("plain.mem", 3, 0, 2);
@@ -135,6 +152,8 @@ TEST_F(device_test, WarmRestartReloadsOnlyWhenTheImageIsNewer)
         const std::string log = take();
         EXPECT_EQ(running_version_word(0), c.reload ? version_word(c.major, c.minor, c.build) : version_word(1, 2, 7));
         EXPECT_EQ(log.find(" Firmware Download Complete\n") != std::string::npos, c.reload) << log;
+        EXPECT_EQ(has(log, " Newer FW version found. \n"), c.reload);
+        EXPECT_EQ(has(log, " Restarting Device. \n"), c.reload);
         // The link works after either path.
         kavo_status_info_t status;
         kavo_device_status_get(0, &status);

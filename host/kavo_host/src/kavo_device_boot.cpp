@@ -172,7 +172,7 @@ VELT_ERROR kavo_device::download_fw()
     }
     VELT_LOG(_device_id, VELT_SHARED_LOG_TRACE, VELT_LOG_SEV_EVENT, " Starting Firmware Download - %s \n",
              kavo_firmware_filename_get());
-    kavo_fw_hdr_t header;
+    kavo_fw_hdr_t header{};
     read_version_info_from_image(file, &header);
     VELT_LOG(_device_id, VELT_SHARED_LOG_TRACE, VELT_LOG_SEV_EVENT, " Firmware Version - %d_%d_%d_%d \n",
              header.fw_major_num, header.fw_minor_num, header.fw_build_num, header.vcs_id);
