@@ -404,3 +404,15 @@ TEST_F(device_test, FirmwareThatNeverStartsIsPolledThirtyOneTimes)
     ASSERT_NE(boot_argument, seen.rend());
     EXPECT_EQ(std::count(seen.rbegin(), boot_argument, "r f00338"), 31);
 }
+
+TEST_F(device_test, EveryRequestFromTheHandshakeOnTakesTheNextSequenceNumber)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    ASSERT_EQ(ping(0), VELT_SUCCESS);
+    ASSERT_EQ(ping(0), VELT_SUCCESS);
+    std::vector<UINT32> numbers;
+    for (const auto& e : kavo_sim::chip_get(0)->journal().events)
+        if (e.kind == kavo_sim::event_kind::request) numbers.push_back(e.sequence_num);
+    ASSERT_EQ(numbers.size(), 3u);  // the handshake and two pings
+    for (size_t i = 1; i < numbers.size(); ++i) EXPECT_EQ(numbers[i], numbers[0] + i) << "request " << i;
+}

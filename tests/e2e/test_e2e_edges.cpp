@@ -230,10 +230,11 @@ TEST_F(device_test, MailboxBoundsAndWordRounding)
     EXPECT_EQ(kavo_test::bus_sequence(0).at(0), "bw 340004 1000");
     request.data_size = KAVO_HTL_REQUEST_MAX_DATA_SIZE + 1;
     EXPECT_DEATH(kavo_device::send(request), kavo_test::halts_with(VELT_ERR_FAIL));
-    // A reply payload of 65500 bytes does not fit the response mailbox's image.
+    // A reply payload of 65496 bytes is the largest the response mailbox's
+    // image holds beside its header; 65500 does not fit.
     kavo_sim::fault_config f;
     f.oversized_reply = 1;
-    f.oversized_reply_bytes = 65500 - 4;
+    f.oversized_reply_bytes = 65496 - 4;
     kavo_sim::chip_get(0)->faults(f);
     std::vector<UINT32> reply(65536 / 4);
     UINT32 word = 1;
@@ -241,6 +242,11 @@ TEST_F(device_test, MailboxBoundsAndWordRounding)
     request.data_size = 4;
     kavo_htl_response_t response;
     response.data_ptr = reply.data();
+    response.data_size = 65536;
+    EXPECT_EQ(kavo_device::send(request, response), VELT_SUCCESS);
+    EXPECT_EQ(response.data_size, 65496u);
+    f.oversized_reply_bytes = 65500 - 4;
+    kavo_sim::chip_get(0)->faults(f);
     response.data_size = 65536;
     EXPECT_DEATH(kavo_device::send(request, response),
                  kavo_test::halts_with(VELT_ERR_FAIL, " ASSERT: Reconstructing the HTL response failed due to "
