@@ -51,8 +51,11 @@ TEST_F(Ipi, DoorbellBitsArePlainWritesOfTheWholeRegister)
 
 TEST_F(Ipi, GroupOperationsSelectRegisterAndBitByNumber)
 {
-    const std::tuple<UINT32, int, UINT32> cases[] = {{0, 0, 0x1},    {15, 0, 0x8000}, {16, 1, 0x1},
-                                                     {17, 1, 0x2},   {40, 2, 0x100},  {63, 3, 0x8000}};
+    // Every group's first and last number.
+    const std::tuple<UINT32, int, UINT32> cases[] = {{0, 0, 0x1},     {15, 0, 0x8000}, {16, 1, 0x1},
+                                                     {17, 1, 0x2},    {31, 1, 0x8000}, {32, 2, 0x1},
+                                                     {40, 2, 0x100},  {47, 2, 0x8000}, {48, 3, 0x1},
+                                                     {63, 3, 0x8000}};
     for (const auto& [number, group, bit] : cases) {
         SCOPED_TRACE(number);
         bus.regs[ENABLE[group]] = 0x00F0;  // enables: one bit changes, the others stay
