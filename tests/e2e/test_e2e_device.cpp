@@ -393,6 +393,7 @@ TEST_F(device_test, FirmwareThatNeverStartsIsPolledThirtyOneTimes)
     {
         instant_sleeps clock;
         EXPECT_EQ(bring_up(0), KAVO_ERR_FW_BOOT_FAIL);
+        EXPECT_GE(clock.now, 30u * 500000u) << "the sleeps passed on the porting layer's clock";
     }
     velt_log_verbosity_level_set(0, VELT_LOG_SEV_EVENT);
     const std::string log = take();

@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "kavo_fake_bus.h"
 #include "kavo_device.h"
@@ -49,6 +50,7 @@ TEST_F(Porting, PollComparesMaskedValueByEachComparisonType)
         {VELT_POLL_NOT_EQUAL, 0x15, 0x0F, 4, true},            {VELT_POLL_NOT_EQUAL, 0x15, 0x0F, 5, false},
         {VELT_POLL_GREATER, 0x80000000, ~0u, 1, true},         {VELT_POLL_GREATER, 5, ~0u, 5, false},
         {VELT_POLL_LESS, 4, ~0u, 5, true},                     {VELT_POLL_LESS, 0x80000000, ~0u, 1, false},
+        {VELT_POLL_LESS, 5, ~0u, 5, false},
         {VELT_POLL_GREATER_OR_EQUAL, 5, ~0u, 5, true},         {VELT_POLL_GREATER_OR_EQUAL, 4, ~0u, 5, false},
         {VELT_POLL_LESS_OR_EQUAL, 5, ~0u, 5, true},            {VELT_POLL_LESS_OR_EQUAL, 6, ~0u, 5, false},
         {VELT_POLL_EQUAL_NO_LOG, 0xF5, 0x0F, 5, true},         {VELT_POLL_EQUAL_NO_LOG, 0xF5, 0xFF, 5, false},
@@ -197,6 +199,37 @@ void* sdk_log_init(UINT32 a, UINT32 b, const char* name)
 {
     log_init_call = std::to_string(a) + "," + std::to_string(b) + "," + name;
     return &sdk_log_file;
+}
+
+TEST_F(Porting, CalloutsGetZeroForTheirTwoReservedArguments)
+{
+    static std::vector<std::string> calls;
+    calls.clear();
+    static qspi_callout_api_st recording = {
+        [](void* ctx, UINT32 bus, UINT32 id, UINT32, UINT32* v) -> UINT32 {
+            calls.push_back("read " + std::to_string(ctx != nullptr) + std::to_string(bus) + std::to_string(id));
+            return *v = 0, 0u;
+        },
+        [](void* ctx, UINT32 bus, UINT32 id, UINT32, UINT32) -> UINT32 {
+            calls.push_back("write " + std::to_string(ctx != nullptr) + std::to_string(bus) + std::to_string(id));
+            return 0u;
+        },
+        [](void* ctx, UINT32 bus, UINT32 id, UINT32, UINT32, UINT32*) -> UINT32 {
+            calls.push_back("bread " + std::to_string(ctx != nullptr) + std::to_string(bus) + std::to_string(id));
+            return 0u;
+        },
+        [](void* ctx, UINT32 bus, UINT32 id, UINT32, UINT32, UINT32*) -> UINT32 {
+            calls.push_back("bwrite " + std::to_string(ctx != nullptr) + std::to_string(bus) + std::to_string(id));
+            return 0u;
+        }};
+    kavo_test::install_capture(&recording);
+    UINT32 word = 0;
+    velt_sys_reg_read(handle, 0x10);
+    velt_sys_reg_write(handle, 0x10, 1);
+    velt_sys_burst_read(handle, 0x10, 1, &word);
+    velt_sys_burst_write(handle, 0x10, 1, &word);
+    // A null context, bus 0, and the handle's device id 3.
+    EXPECT_EQ(calls, (std::vector<std::string>{"read 003", "write 003", "bread 003", "bwrite 003"}));
 }
 
 TEST(PortingSdk, InitTakesTheLogFileFromTheContext)

@@ -139,6 +139,10 @@ TEST_F(Registers, PollReadsUntilItsTimeHasPassedAndOnceMore)
     // Started at 1 us, the reads at 2..6 us are within the 5 us; the one at 7 us is the last.
     EXPECT_EQ(ocr_cfg_poll(nullptr, &cpu, 0x10020, 0xFF, 0, VELT_POLL_EQUAL, 5), VELT_SHARED_ERR_CODE_POLL_TIMEOUT);
     EXPECT_EQ(take_ops(), ops_t(6, bus_op{'R', 0xF10020, 3}));
+    // Across a second's boundary the rounds are the same.
+    now = 2999990;
+    EXPECT_EQ(ocr_cfg_poll(nullptr, &cpu, 0x10020, 0xFF, 0, VELT_POLL_EQUAL, 20), VELT_SHARED_ERR_CODE_POLL_TIMEOUT);
+    EXPECT_EQ(take_ops().size(), 21u);
     // A condition met on the last read still succeeds.
     now = 0;
     chip[0xF10020] = 0x100;
