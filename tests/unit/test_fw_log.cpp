@@ -126,6 +126,29 @@ TEST_F(FwLog, EntryLinesShowTimeDeviceNameMessageAddressesLineAndText)
                           at + "25 0 A STRING_MSG     twenty characters!!!  \n");
 }
 
+TEST_F(FwLog, CodesPastTheCodeSpaceAreIllegal)
+{
+    logs({{"A", 8}});
+    entry(0, 0, 10, (UINT16)(LAST_KAVO_MID * 0x100), {});
+    index(0, 1, 0);
+    init();
+    EXPECT_NE(show().find(" 0 A illegal kavo_err_t "), std::string::npos);
+}
+
+TEST_F(FwLog, TableOffsetsUpToTheLimitAreTaken)
+{
+    // Both tables may start anywhere below 4 MiB of the block; an offset
+    // beyond halts.
+    stats({{"cmd", 2, false}});
+    logs({{"A", 8}});
+    put(32, 0x3FFFFF), put(48, 0x3FFFFF);
+    init();
+    put(32, 0x400000);
+    EXPECT_DEATH(log.stats_init(), kavo_test::halts_with(VELT_ERR_FAIL, " ASSERT: "));
+    put(32, STATS), put(48, 0x400000);
+    EXPECT_DEATH(log.stats_init(), kavo_test::halts_with(VELT_ERR_FAIL, " ASSERT: "));
+}
+
 TEST_F(FwLog, TheLongestDecodedMessageIsShownWhole)
 {
     // The longest text the decoder makes, over every code and a few data patterns.
