@@ -126,13 +126,29 @@ TEST_F(FwLog, EntryLinesShowTimeDeviceNameMessageAddressesLineAndText)
                           at + "25 0 A STRING_MSG     twenty characters!!!  \n");
 }
 
-TEST_F(FwLog, CodesPastTheCodeSpaceAreIllegal)
+TEST_F(FwLog, CodesPastTheCodeSpaceAreIllegalAndAnUnnamedLogShowsNoName)
 {
-    logs({{"A", 8}});
+    logs({{"", 8}});
     entry(0, 0, 10, (UINT16)(LAST_KAVO_MID * 0x100), {});
     index(0, 1, 0);
     init();
-    EXPECT_NE(show().find(" 0 A illegal kavo_err_t "), std::string::npos);
+    const std::string out = show();
+    EXPECT_NE(out.find(" 0  illegal kavo_err_t "), std::string::npos) << out;
+}
+
+TEST_F(FwLog, ATableSetUpAgainWithoutItsCookieShowsNothing)
+{
+    logs({{"A", 8}});
+    tagged(0, 0, 10, 1);
+    index(0, 1, 0);
+    init();
+    EXPECT_EQ(tags(show()), (std::vector<int>{1}));
+    tagged(0, 1, 20, 2);
+    index(0, 2, 0);
+    put(36, 0);  // the firmware's block is gone
+    init();
+    EXPECT_NE(kavo_test::take().find(" did not find stats in ocr or shared memory\n"), std::string::npos);
+    EXPECT_EQ(show(), "");
 }
 
 TEST_F(FwLog, TableOffsetsUpToTheLimitAreTaken)
@@ -234,6 +250,8 @@ TEST_F(FwLog, PositionsPersistABadIndexMarksOnlyItsLogAndARestartResetsThem)
     EXPECT_EQ(tags(out), (std::vector<int>{0, 1}));
     index(1, 0, 0);
     EXPECT_EQ(show(), "");
+    index(1, 1, 0);  // a good index again: the log is read again
+    EXPECT_EQ(tags(show()), (std::vector<int>{99}));
     index(0, 5, 0);
     EXPECT_EQ(tags(show()), (std::vector<int>{2, 3, 4}));
     // Started again: fewer entries than the host has seen.
