@@ -285,6 +285,28 @@ TEST_F(FwLog, LappedLogReportsItsMissedEntriesAndSkipsWhatIsAboutToBeOverwritten
     EXPECT_EQ(shown.back(), 4);
 }
 
+TEST_F(FwLog, ALappedLogSkipsByItsRateOfWriting)
+{
+    // 100 entries d ticks apart, lapped by 5: the rate is 400000000 * 100 /
+    // (2 * 50 d) entries, and min(rate / 4, 100 / 10) are skipped.
+    struct {
+        UINT64 d;
+        UINT32 skipped;
+    } cases[] = {{0, 0}, {20000000, 5}, {11111111, 9}, {9090909, 10}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.d);
+        logs({{"C", 100}});
+        index(0, 2, 0);
+        init();
+        show();
+        for (UINT32 k = 0; k < 100; ++k) tagged(0, k, c.d * (k >= 5 ? k : k + 100), k);
+        index(0, 5, 1);
+        const std::vector<int> shown = tags(show());
+        ASSERT_EQ(shown.size(), 100u - c.skipped);
+        EXPECT_EQ(shown.front(), (int)(5 + c.skipped));
+    }
+}
+
 TEST_F(FwLog, CookiesAndHeadersDecideWhatIsShown)
 {
     init();  // no cookie at all
