@@ -260,6 +260,13 @@ TEST_F(FwLog, PositionsPersistABadIndexMarksOnlyItsLogAndARestartResetsThem)
     out = show();
     EXPECT_NE(out.find(" negative entries to display A (2 of 8) wrap_count=0\n"), std::string::npos);
     EXPECT_EQ(tags(out), (std::vector<int>{50, 51, 60}));
+    // Started again and already twice round its ring: the whole ring from the
+    // oldest entry, nothing reported missed.
+    for (UINT32 k = 0; k < 8; ++k) tagged(0, k, 100 + (k + 5) % 8, 70 + (k + 5) % 8);
+    index(0, 3, 2), index(1, 0, 0);
+    out = show();
+    EXPECT_EQ(out.find("WARNING: missed"), std::string::npos) << out;
+    EXPECT_EQ(tags(out), (std::vector<int>{70, 71, 72, 73, 74, 75, 76, 77}));
 }
 
 TEST_F(FwLog, LappedLogReportsItsMissedEntriesAndSkipsWhatIsAboutToBeOverwritten)

@@ -431,6 +431,7 @@ void kavo_fw_log::reset_positions()
         dbg_log_tracking_t* log = &fw_stats->dbg_logs[i];
         if (!log->display_this_log_buffer) continue;
         log->error = false;
+        log->missed_entries = 0;  // counted against positions of the firmware before
         if (log->current_fw_wrap_count == 0) {
             log->last_idx = 0;
             log->last_wrap_count = 0;
