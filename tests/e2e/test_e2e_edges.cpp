@@ -147,6 +147,8 @@ TEST_F(device_test, UnknownDevicesAnswerWithoutTouchingAChip)
     take();
     EXPECT_EQ(kavo_ipi_is_set(7, VELT_IPI_TEST), 0u);
     EXPECT_TRUE(has(take(), "7:0x13:")) << "code 19 in the prefix";
+    EXPECT_EQ(kavo_ipi_is_set(32, VELT_IPI_TEST), 0u);  // the first id past the table
+    take();
     EXPECT_EQ(kavo_ipi_test_set(7), (VELT_ERROR)KAVO_ERR_INVALID_DEVICE_ID);
     // The host's versions reach the caller even when no device answers.
     kavo_status_info_t status;
