@@ -165,6 +165,22 @@ TEST_F(FwLog, TableOffsetsUpToTheLimitAreTaken)
     EXPECT_DEATH(log.stats_init(), kavo_test::halts_with(VELT_ERR_FAIL, " ASSERT: "));
 }
 
+TEST_F(FwLog, ANewStartRecordDropsAnUnfinishedContinuationAndHoursCountFrom3600Seconds)
+{
+    logs({{"A", 8}});
+    const std::pair<UINT16, const char*> texts[] = {{6149, "one "}, {6150, "two "}, {6149, "three"}};
+    for (UINT32 k = 0; k < 3; ++k) {
+        UINT32 d[5] = {};
+        std::memcpy(d, texts[k].second, std::strlen(texts[k].second));
+        entry(0, k, 7200 * SEC + k, texts[k].first, {d[0], d[1], d[2], d[3], d[4]});
+    }
+    index(0, 3, 0);
+    init();
+    const std::string at = "007200 02:00:00.0000000";
+    EXPECT_EQ(show(), at + "00 0 A USER_LOG_START one   \n" + at + "05 0 A USER_LOG_CONT  one two   \n" + at +
+                          "10 0 A USER_LOG_START three  \n");
+}
+
 TEST_F(FwLog, TheLongestDecodedMessageIsShownWhole)
 {
     // The longest text the decoder makes, over every code and a few data patterns.
