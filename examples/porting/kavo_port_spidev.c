@@ -127,15 +127,7 @@ int main(int argc, char** argv)
         perror(argv[1]);
         return 3;
     }
-    kavo_sdk_init(&callouts);
-    if (argc == 3) kavo_fw_filename_set(argv[2]);
-    VELT_ERROR rc = kavo_device_init(0, KAVO_INIT_AUTO);
-    kavo_status_info_t status;
-    kavo_status_info_t_init(&status);
-    if (rc == VELT_SUCCESS) rc = kavo_device_status_get(0, &status);
-    if (rc == VELT_SUCCESS) kavo_status_info_t_print(&status, stdout);
-    printf("%s\n", kavo_err_t_string(rc));
-    kavo_device_uninit(0, 0);
+    const VELT_ERROR rc = kavo_port_show_status(&callouts, argc == 3 ? argv[2] : NULL);
     close(spi_fd[0]);
     return rc == VELT_SUCCESS ? 0 : 1;
 }
