@@ -149,6 +149,8 @@ TEST_F(device_test, UnknownDevicesAnswerWithoutTouchingAChip)
     EXPECT_TRUE(has(take(), "7:0x13:")) << "code 19 in the prefix";
     EXPECT_EQ(kavo_ipi_is_set(32, VELT_IPI_TEST), 0u);  // the first id past the table
     take();
+    EXPECT_EQ(kavo_device_init(32, KAVO_INIT_COLD), (VELT_ERROR)KAVO_ERR_INVALID_DEVICE_ID);
+    EXPECT_TRUE(has(take(), " device_id = 32"));
     EXPECT_EQ(kavo_ipi_test_set(7), (VELT_ERROR)KAVO_ERR_INVALID_DEVICE_ID);
     // The host's versions reach the caller even when no device answers.
     kavo_status_info_t status;
@@ -270,4 +272,23 @@ TEST_F(device_test, ADumpWaitsForTheExchangeHoldingTheDevice)
     device->unlock();
     dump.join();
     EXPECT_TRUE(done);
+}
+
+TEST_F(device_test, DoorbellCallsReportTheBitAndLeaveTheDeviceToOtherThreads)
+{
+    ASSERT_EQ(bring_up(0), VELT_SUCCESS);
+    EXPECT_EQ(kavo_ipi_is_set(0, VELT_IPI_TEST), 0u);
+    ASSERT_EQ(kavo_ipi_test_set(0), VELT_SUCCESS);
+    EXPECT_EQ(kavo_ipi_is_set(0, VELT_IPI_TEST), 1u);
+    EXPECT_EQ(kavo_ipi_clear(0, VELT_IPI_TEST), VELT_SUCCESS);
+    EXPECT_EQ(kavo_ipi_interrupt_enable_set(0, VELT_IPI_TEST, 1), VELT_SUCCESS);
+    // Each call let go of the device: a command from another thread runs.
+    std::atomic<bool> done{false};
+    std::thread other([&] {
+        ping(0);
+        done = true;
+    });
+    other.detach();  // should the device stay held, the test fails instead of hanging
+    for (int i = 0; i < 500 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_TRUE(done) << "the device is still held";
 }
