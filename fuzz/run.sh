@@ -18,12 +18,20 @@ if ! grep -q '^KAVO_BUILD_FUZZ:BOOL=ON' "$build/CMakeCache.txt" 2>/dev/null; the
 fi
 targets=$(cd fuzz && ls fuzz_*.cpp | sed 's/\.cpp$//')
 ninja -C "$build" $targets
-for t in $targets; do
+# Each target is one process on one processor: JOBS (default 2) run at once.
+run_target() {
+  local t=$1 seeds=()
   mkdir -p "$build/corpus/$t"
-  seeds=()
   [ -d "fuzz/corpus/$t" ] && seeds=("fuzz/corpus/$t")
-  echo "--- $t: ${seconds} s"
   "$build/fuzz/$t" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
-    -artifact_prefix="$build/" "$build/corpus/$t" "${seeds[@]}" 2>&1 | tail -n 12
-  [ "${PIPESTATUS[0]}" -eq 0 ]
-done
+    -artifact_prefix="$build/" "$build/corpus/$t" "${seeds[@]}" >"$build/$t.log" 2>&1
+  local status=$?
+  { echo "--- $t: ${seconds} s"; tail -n 12 "$build/$t.log"; } > "$build/$t.summary"
+  return $status
+}
+export -f run_target
+export build seconds
+status=0
+printf '%s\n' $targets | xargs -P "${JOBS:-2}" -I{} bash -c 'run_target {}' || status=$?
+for t in $targets; do cat "$build/$t.summary"; done
+exit $status
