@@ -1,22 +1,30 @@
 #!/usr/bin/env bash
 # Runs test programs whole, each in one process, JOBS at a time:
-#   bash tests/run_programs.sh BUILD_DIR [PROGRAM ...]
+#   bash tests/run_programs.sh BUILD_DIR [--all | PROGRAM ...]
 # Without programs it runs every test program of BUILD_DIR/tests but the
-# *_slow ones. ctest starts a process per test case; under a sanitizer each
+# *_slow ones, which wait out the library's real time-outs; --all runs those
+# too. ctest starts a process per test case; under a sanitizer each
 # start and exit costs about 0.1 s (the runtime's set-up and the leak scan), so
 # a sanitizer build's tests run here in a third of ctest's time. Running the
 # cases of a program one after another in one process also checks that a case
 # leaves nothing behind that breaks the next one.
 # Environment: JOBS (default 2), TIMEOUT seconds a program (default 600).
 set -uo pipefail
-build=${1:?usage: run_programs.sh BUILD_DIR [PROGRAM ...]}
+build=${1:?usage: run_programs.sh BUILD_DIR [--all | PROGRAM ...]}
 shift
+slow='_slow$'
+if [ "${1:-}" = --all ]; then
+  slow='^$'
+  shift
+fi
 jobs=${JOBS:-2}
 limit=${TIMEOUT:-600}
 if [ $# -gt 0 ]; then
   programs=("$@")
 else
-  mapfile -t programs < <(cd "$build/tests" && ls | grep -E '^test_[a-z0-9_]+$' | grep -v '_slow$')
+  # The slow programs first, so that they do not end the run alone.
+  mapfile -t programs < <(cd "$build/tests" && ls | grep -E '^test_[a-z0-9_]+$' | grep -v "$slow" |
+    awk '{ print (/_slow$/ ? 0 : 1) " " $0 }' | sort | cut -d' ' -f2)
 fi
 logs=$(mktemp -d)
 trap 'rm -rf "$logs"' EXIT
