@@ -117,11 +117,22 @@ TEST_F(Options, IntListAddsValuesStepsAndMaskBits)
         EXPECT_EQ(l.value, row.values) << row.text;
         EXPECT_EQ(l.mask, row.mask) << row.text;
     }
-    for (const char* bad : {"x", "5..1", "1+-2", "1,x", "0..2000000000"}) {
+    // 65536 values fill a list: a range past that, or one more value, fails.
+    for (const char* bad : {"x", "5..1", "1+-2", "1,x", "0..2000000000", "0..131072", "0..131070,1"}) {
         l.Reset();
         EXPECT_EQ(parse(l, bad), "FAIL") << bad;
         EXPECT_TRUE(l.value.empty()) << bad; // a failed text adds nothing
     }
+    l.Reset();
+    EXPECT_EQ(parse(l, "0..131070"), "0..131070");
+    EXPECT_EQ(l.value.size(), 65536u);
+    // A failed text leaves what earlier texts put in the list.
+    l.Reset();
+    EXPECT_EQ(parse(l, "5"), "5");
+    EXPECT_EQ(parse(l, "6,7,x"), "FAIL");
+    EXPECT_EQ(l.value, std::vector<int>{5});
+    EXPECT_EQ(l.mask, 1u << 5);
+    EXPECT_EQ(l.ValueText(), "5");
 }
 
 TEST_F(Options, ArgumentFormsAndCaseSensitivity)

@@ -16,9 +16,9 @@ namespace
 
 /* Longest argument name (and "VELT_<name>") that is looked at. */
 constexpr size_t max_name_length = 99;
-/* One list token may add at most this many values, so that a typo such as
-   "0..2000000000" fails instead of exhausting memory. */
-constexpr long long max_values_per_token = 65536;
+/* A list holds at most this many values, so that a typo such as
+   "0..2000000000", or many long ranges, fails instead of exhausting memory. */
+constexpr long long max_list_values = 65536;
 /* Aliases may name aliases; a cycle stops here. */
 constexpr int max_alias_depth = 8;
 
@@ -572,7 +572,7 @@ bool IntListOption::ParseToken(const std::string& token)
         first = a;
         n = 1;
     }
-    if (n > max_values_per_token) return false;
+    if (n > max_list_values - (long long)value.size()) return false;
     const long long end = first + (n > 0 ? (n - 1) * step : 0);
     if (end < INT_MIN || end > INT_MAX) return false;
     for (long long k = 0; k < n; ++k) {
@@ -587,14 +587,15 @@ bool IntListOption::ParseToken(const std::string& token)
 bool IntListOption::ParseValue(const char* text)
 {
     if (text == nullptr || *text == '\0') return false;
-    // A text that is not a list adds nothing.
-    const auto saved_value = value;
-    const auto saved_tokens = tokens;
+    // A text that is not a list adds nothing: tokens only append, so the
+    // lengths before it are enough to take back what its good tokens added.
+    const size_t saved_values = value.size();
+    const size_t saved_tokens = tokens.size();
     const UINT32 saved_mask = mask;
     for (const auto& token : split(text, ',')) {
         if (!ParseToken(token)) {
-            value = saved_value;
-            tokens = saved_tokens;
+            value.resize(saved_values);
+            tokens.resize(saved_tokens);
             mask = saved_mask;
             return false;
         }
