@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 
 #include "velt_cmd_line_options.h"
@@ -110,6 +111,9 @@ TEST_F(Options, IntListAddsValuesStepsAndMaskBits)
     } rows[] = {
         {"3", {3}, 1u << 3},       {"4+3", {4, 6, 8}, 0x150},       {"1+3/5", {1, 6, 11}, 0x842},
         {"0..5", {0, 2, 4}, 0x15}, {"33,-1", {33, -1}, 0x80000002}, {"7..7", {7}, 0x80},
+        // the ends of int, and counts of zero that add nothing wherever they start
+        {"-2147483648", {INT_MIN}, 1u}, {"2147483645+2", {2147483645, INT_MAX}, 0xa0000000},
+        {"2147483647+0", {}, 0},        {"-2147483648+0", {}, 0},
     };
     for (const Row& row : rows) {
         l.Reset();
@@ -117,8 +121,9 @@ TEST_F(Options, IntListAddsValuesStepsAndMaskBits)
         EXPECT_EQ(l.value, row.values) << row.text;
         EXPECT_EQ(l.mask, row.mask) << row.text;
     }
-    // 65536 values fill a list: a range past that, or one more value, fails.
-    for (const char* bad : {"x", "5..1", "1+-2", "1,x", "0..2000000000", "0..131072", "0..131070,1"}) {
+    // Malformed tokens, values past int, and more than 65536 values in all fail.
+    for (const char* bad : {"x", "5..1", "1+-2", "1+3/x", "1,x", "2147483646+2", "-2147483647+2/-2",
+                            "0..2000000000", "0..131072", "0..131070,1"}) {
         l.Reset();
         EXPECT_EQ(parse(l, bad), "FAIL") << bad;
         EXPECT_TRUE(l.value.empty()) << bad; // a failed text adds nothing
@@ -133,6 +138,10 @@ TEST_F(Options, IntListAddsValuesStepsAndMaskBits)
     EXPECT_EQ(l.value, std::vector<int>{5});
     EXPECT_EQ(l.mask, 1u << 5);
     EXPECT_EQ(l.ValueText(), "5");
+    EXPECT_FALSE(l.ParseValue("")); // an empty argument ends a list rather than joining it
+    // A list whose default step is not positive takes no ranges.
+    IntListOption flat("t_flat", "", 0);
+    EXPECT_EQ(parse(flat, "1..3"), "FAIL");
 }
 
 TEST_F(Options, ArgumentFormsAndCaseSensitivity)
