@@ -101,6 +101,8 @@ TEST(kavoctl, ScriptsGetCleanResultsAndDistinctStatuses)
         {"--quiet call kavo_debug_cmd max_resp_data_size=64 cmd=" + long_text, 4,
          "kavoctl: the library stopped at an assertion: "},
         {"--quiet image create /tmp/x.mem --device-rev 1", 2, "unknown option --device-rev"},
+        // a name that is not UTF-8 shows U+FFFD in JSON
+        {"--quiet --json image inspect '/nonexistent/\x88.mem'", 1, "\"file\":\"/nonexistent/\xef\xbf\xbd.mem\""},
     };
     for (const auto& c : cases) {
         const run_result r = kavoctl(c.args);

@@ -402,7 +402,7 @@ int cmd_call(const settings& s, const args_t& args)
             if (!s.json) std::printf("%s: %s\n", a.name, outputs[a.name].get<std::string>().c_str());
         } else {
             outputs[a.name] = scalar_json(a.kind, a.size, a.enumeration, sl.bytes.data());
-            if (!s.json) std::printf("%s: %s\n", a.name, outputs[a.name].dump().c_str());
+            if (!s.json) std::printf("%s: %s\n", a.name, json_text(outputs[a.name]).c_str());
         }
     }
     if (s.json) {

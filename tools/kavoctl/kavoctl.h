@@ -120,6 +120,9 @@ std::string drop_progress(const std::string& captured);
 int usage_error(const std::string& what);
 /* A command's result: 0, or its code by name on standard error and status 1. */
 int finish(VELT_ERROR rc, const char* what);
+/* A JSON value as one line of text. File names and the chip's strings need not
+   be UTF-8: a byte that is not shows as U+FFFD instead of failing the dump. */
+std::string json_text(const nlohmann::json& value);
 /* Prints a JSON document on standard output (one line per document). */
 void print_json(const nlohmann::json& doc);
 /* {"result": code, "result_name": "..."} for a command's result. */

@@ -22,7 +22,12 @@ int finish(VELT_ERROR rc, const char* what)
     return 1;
 }
 
-void print_json(const nlohmann::json& doc) { std::printf("%s\n", doc.dump().c_str()); }
+std::string json_text(const nlohmann::json& value)
+{
+    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+void print_json(const nlohmann::json& doc) { std::printf("%s\n", json_text(doc).c_str()); }
 
 nlohmann::json result_json(VELT_ERROR rc)
 {
